@@ -1,0 +1,1 @@
+// libtovadmod.so is assembled from the subsystem archives.
