@@ -1,0 +1,94 @@
+// The one table from operator names to layer classes, in index order.
+//
+// A null creator means the operator is not built into this library:
+// create_layer then logs " not enabled" and the net reports the operator as
+// unsupported.  To enable a layer, declare its <Class>_layer_creator below
+// and put it into its rows.
+
+#include <cstring>
+
+#include "orviklog/src/logging.h"
+#include "ruvo/layer.h"
+
+namespace orvik {
+namespace ruvo {
+
+namespace {
+
+typedef Layer* (*LayerCreatorFunc)();
+
+struct LayerRegistryEntry {
+  const char* name;
+  LayerCreatorFunc creator;
+};
+
+// clang-format off
+const LayerRegistryEntry layer_registry[] = {
+    {"Input",                     Input_layer_creator},  // 0  Input
+    {"FullyConnected",            nullptr},  // 1  FullyConnected
+    {"Activation",                nullptr},  // 2  Activation
+    {"Pooling",                   nullptr},  // 3  Pooling
+    {"SoftmaxActivation",         nullptr},  // 4  SoftmaxActivation
+    {"Concat",                    nullptr},  // 5  Concat
+    {"_Plus",                     nullptr},  // 6  ElementWiseBinary_Plus
+    {"elemwise_add",              nullptr},  // 7  ElementWiseBinary_Plus
+    {"Convolution",               nullptr},  // 8  Convolution
+    {"Flatten",                   nullptr},  // 9  Flatten
+    {"BatchNorm",                 nullptr},  // 10 BatchNorm
+    {"QuantiInput",               nullptr},  // 11 QuantiInput
+    {"AlphaPooling",              nullptr},  // 12 AlphaPooling
+    {"QuantiFlatten",             nullptr},  // 13 QuantiFlatten
+    {"QuantiActivation",          nullptr},  // 14 QuantiActivation
+    {"NHCW2Conv",                 nullptr},  // 15 NHCW2Conv
+    {"AlphaConvolution",          nullptr},  // 16 AlphaConvolution
+    {"AlphaUpscale",              nullptr},  // 17 AlphaUpscale
+    {"QuantiFullyConnected",      nullptr},  // 18 QuantiFullyConnected
+    {"SoftmaxOutput",             nullptr},  // 19 SoftmaxOutput
+    {"Reshape",                   nullptr},  // 20 Reshape
+    {"slice_axis",                nullptr},  // 21 slice_axis
+    {"_mul_scalar",               nullptr},  // 22 ElementWiseBinaryScalar_Mul_Scalar
+    {"_MulScalar",                nullptr},  // 23 ElementWiseBinaryScalar_Mul_Scalar
+    {"_plus_scalar",              nullptr},  // 24 ElementWiseBinaryScalar_Plus_Scalar
+    {"_PlusScalar",               nullptr},  // 25 ElementWiseBinaryScalar_Plus_Scalar
+    {"add_n",                     nullptr},  // 26 ElementWiseSum
+    {"ElementWiseSum",            nullptr},  // 27 ElementWiseSum
+    {"broadcast_mul",             nullptr},  // 28 ElementWiseBinaryBroadcastbroadcast_mul
+    {"RNN",                       nullptr},  // 29 Rnn
+    {"Dropout",                   nullptr},  // 30 Dropout
+    {"sum",                       nullptr},  // 31 BroadcastReduce_Sum
+    {"AlphaPlusConvolution",      nullptr},  // 32 AlphaPlusConvolution
+    {"UpSampling",                nullptr},  // 33 UpSampling
+    {"QuantiTemporalConvolution", nullptr},  // 34 QuantiTemporalConvolution
+    {"slice",                     nullptr},  // 35 slice
+};
+// clang-format on
+
+constexpr int kLayerRegistrySize = sizeof(layer_registry) / sizeof(layer_registry[0]);
+static_assert(kLayerRegistrySize == 36, "the operator indices are fixed");
+
+}  // namespace
+
+int layer_to_index(const char* name) {
+  for (int i = 0; i < kLayerRegistrySize; ++i) {
+    if (std::strcmp(layer_registry[i].name, name) == 0) return i;
+  }
+  RTC_LOG(LS_WARNING) << "layer " << name << " not exists";
+  return -1;
+}
+
+Layer* create_layer(int index) {
+  // Compared as unsigned, so a negative index is out of range too.
+  if (static_cast<unsigned>(index) >= static_cast<unsigned>(kLayerRegistrySize)) {
+    RTC_LOG(LS_WARNING) << "layer index " << index << " not exists";
+    return nullptr;
+  }
+  LayerCreatorFunc creator = layer_registry[index].creator;
+  if (creator == nullptr) {
+    RTC_LOG(LS_WARNING) << "layer index " << index << " not enabled";
+    return nullptr;
+  }
+  return creator();
+}
+
+}  // namespace ruvo
+}  // namespace orvik

@@ -1,0 +1,289 @@
+#include "ruvo/layer.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "orviklog/src/logging.h"
+#include "tests/ruvo/death_text.h"
+
+namespace orvik {
+namespace ruvo {
+namespace {
+
+using ruvo_test::Fatal;
+
+class RecordingSink : public rtc::LogSink {
+ public:
+  void OnLogLine(const std::string& message) override { lines.push_back(message); }
+  std::vector<std::string> lines;
+};
+
+// Attaches a sink at severity 4 for the duration of a case.
+class RegistryTest : public ::testing::Test {
+ protected:
+  void SetUp() override { rtc::LogMessage::AddLogToStream(&sink_, rtc::LS_WARNING); }
+  void TearDown() override { rtc::LogMessage::RemoveLogToStream(&sink_); }
+  bool Logged(const std::string& text) const {
+    for (const std::string& line : sink_.lines) {
+      if (line.find(text) != std::string::npos) return true;
+    }
+    return false;
+  }
+  RecordingSink sink_;
+};
+
+TEST_F(RegistryTest, EveryOperatorNameHasItsIndex) {
+  const char* const names[] = {
+      "Input",
+      "FullyConnected",
+      "Activation",
+      "Pooling",
+      "SoftmaxActivation",
+      "Concat",
+      "_Plus",
+      "elemwise_add",
+      "Convolution",
+      "Flatten",
+      "BatchNorm",
+      "QuantiInput",
+      "AlphaPooling",
+      "QuantiFlatten",
+      "QuantiActivation",
+      "NHCW2Conv",
+      "AlphaConvolution",
+      "AlphaUpscale",
+      "QuantiFullyConnected",
+      "SoftmaxOutput",
+      "Reshape",
+      "slice_axis",
+      "_mul_scalar",
+      "_MulScalar",
+      "_plus_scalar",
+      "_PlusScalar",
+      "add_n",
+      "ElementWiseSum",
+      "broadcast_mul",
+      "RNN",
+      "Dropout",
+      "sum",
+      "AlphaPlusConvolution",
+      "UpSampling",
+      "QuantiTemporalConvolution",
+      "slice",
+  };
+  ASSERT_EQ(sizeof(names) / sizeof(names[0]), 36u);
+  for (int i = 0; i < 36; ++i) EXPECT_EQ(layer_to_index(names[i]), i) << names[i];
+  EXPECT_TRUE(sink_.lines.empty());
+}
+
+TEST_F(RegistryTest, UnknownNamesAreLoggedAndGiveMinusOne) {
+  for (const char* name : {"null", "", "input", "Inputs", "slice "}) {
+    sink_.lines.clear();
+    EXPECT_EQ(layer_to_index(name), -1) << name;
+    EXPECT_TRUE(Logged(std::string("layer ") + name + " not exists")) << name;
+  }
+}
+
+TEST_F(RegistryTest, IndicesOutsideTheTableGiveNull) {
+  for (int index : {36, -1, 1000, -2147483647 - 1}) {
+    sink_.lines.clear();
+    EXPECT_EQ(create_layer(index), nullptr) << index;
+    EXPECT_TRUE(Logged("layer index " + std::to_string(index) + " not exists")) << index;
+  }
+}
+
+TEST_F(RegistryTest, CreatesInputFresh) {
+  std::unique_ptr<Layer> layer(create_layer(0));
+  ASSERT_NE(layer, nullptr);
+  EXPECT_NE(dynamic_cast<Input*>(layer.get()), nullptr);
+  EXPECT_FALSE(layer->inited_);
+  EXPECT_TRUE(layer->bottoms_.empty());
+  EXPECT_TRUE(layer->auxes_.empty());
+  EXPECT_TRUE(layer->tops_.empty());
+  EXPECT_EQ(layer->resource_, nullptr);
+  // Every call makes a new object.
+  std::unique_ptr<Layer> other(create_layer(0));
+  EXPECT_NE(other.get(), layer.get());
+}
+
+// Operators whose classes are not in this build have null creators; the
+// others make fresh objects.
+TEST_F(RegistryTest, DisabledOperatorsGiveNull) {
+  for (int index = 1; index < 36; ++index) {
+    Layer* layer = create_layer(index);
+    if (layer != nullptr) {  // enabled: a fresh object
+      EXPECT_FALSE(layer->inited_) << index;
+      EXPECT_TRUE(layer->tops_.empty()) << index;
+      delete layer;
+      continue;
+    }
+    EXPECT_TRUE(Logged("layer index " + std::to_string(index) + " not enabled")) << index;
+  }
+}
+
+// ------------------------------------------------------------------ Layer
+
+TEST(LayerTest, Defaults) {
+  Layer layer;
+  std::vector<NDArray*> b, t, a;
+  EXPECT_EQ(layer.Forward(b, t, a), -1);
+  EXPECT_EQ(layer.get_num_inputs(), 1u);
+  EXPECT_EQ(layer.get_num_outputs(), 1u);
+  EXPECT_EQ(layer.ListArguments(), std::vector<std::string>{"data"});
+  EXPECT_EQ(layer.ListOutputs(), std::vector<std::string>{"output"});
+  EXPECT_TRUE(layer.ListAuxiliaryStates().empty());
+  EXPECT_EQ(layer.ResetInterBuff(), 0);
+  EXPECT_EQ(layer.UpdateInterBuff(), 0);
+  EXPECT_TRUE(layer.FInplaceOption().empty());
+
+  std::vector<TShape> in{TShape{2, 3}}, out(1), aux;
+  EXPECT_TRUE(layer.InferShape(in, out, aux));
+  EXPECT_EQ(in[0], (TShape{2, 3}));
+  EXPECT_EQ(out[0], TShape());
+
+  std::vector<int> in_type{5, 0}, out_type{0, 0, 0}, aux_type{4};
+  EXPECT_TRUE(layer.InferType(in_type, out_type, aux_type));
+  EXPECT_EQ(out_type, std::vector<int>{5});
+  EXPECT_EQ(aux_type, std::vector<int>{4});
+
+  EXPECT_FALSE(layer.inited_);
+  layer.Init({{"anything", "x"}});
+  EXPECT_TRUE(layer.inited_);
+
+  layer.SetName("fc1");
+  layer.SetType("FullyConnected");
+  EXPECT_EQ(layer.GetName(), "fc1");
+  EXPECT_EQ(layer.GetType(), "FullyConnected");
+  layer.GetBottoms() = {7, 8, 9};
+  layer.GetTops() = {10};
+  layer.GetAuxes() = {11};
+  EXPECT_EQ(layer.bottoms_, (std::vector<uint32_t>{7, 8, 9}));
+  // The first bottom and the first top carry the batch.
+  EXPECT_EQ(layer.GetBatchBlobs(), (std::vector<uint32_t>{7, 10}));
+}
+
+TEST(LayerTest, InputOverrides) {
+  std::unique_ptr<Layer> input(Input_layer_creator());
+  std::vector<NDArray*> b, t, a;
+  EXPECT_EQ(input->Forward(b, t, a), 0);
+  EXPECT_EQ(input->get_num_inputs(), 0u);
+  EXPECT_EQ(input->get_num_outputs(), 1u);
+  EXPECT_TRUE(input->ListArguments().empty());
+  EXPECT_EQ(input->ListOutputs(), std::vector<std::string>{"output"});
+  std::vector<int> none, out, aux;
+  EXPECT_TRUE(input->InferType(none, out, aux));  // no input type needed
+  EXPECT_TRUE(out.empty());
+  input->GetTops() = {3};
+  EXPECT_TRUE(input->GetBatchBlobs().empty());
+}
+
+TEST(LayerDeathTest, DefaultInferTypeNeedsAKnownFirstType) {
+  Layer layer;
+  std::vector<int> empty, out, aux;
+  EXPECT_DEATH(layer.InferType(empty, out, aux),
+               ruvo_test::RegexEscape("# Check failed: in_type.size() >= 1 (0 vs. 1)"));
+  std::vector<int> unknown{-1, 0};
+  EXPECT_DEATH(layer.InferType(unknown, out, aux),
+               Fatal("dtype != -1", "First input must have specified type"));
+}
+
+// ---------------------------------------------------------------- Resource
+
+TEST(ResourceTest, StartsWithThreeSmallBuffers) {
+  Resource res;
+  for (const NDArray& buf : res.inter_buf_) {
+    EXPECT_EQ(buf.shape(), TShape{16});
+    EXPECT_EQ(buf.dtype(), default_type_flag);
+  }
+  EXPECT_NE(res.inter_buf_[0].chunk_, res.inter_buf_[1].chunk_);
+}
+
+TEST(ResourceTest, ViewsUntilItMustGrow) {
+  Resource res;
+  auto first = res.inter_buf_[0].chunk_;
+  NDArray same = res.GetInterBuf(0, TShape{16}, kFloat32);
+  EXPECT_EQ(same.chunk_, first);
+  EXPECT_EQ(same.shape(), TShape{16});
+
+  // 64 bytes are there already: an int8 view, no allocation, and the
+  // buffer keeps its own shape and type.
+  NDArray bytes = res.GetInterBuf(0, TShape{64}, kInt8);
+  EXPECT_EQ(bytes.chunk_, first);
+  EXPECT_EQ(bytes.dtype(), kInt8);
+  EXPECT_EQ(bytes.shape(), TShape{64});
+  EXPECT_EQ(res.inter_buf_[0].shape(), TShape{16});
+  EXPECT_EQ(res.inter_buf_[0].dtype(), kFloat32);
+
+  // One more element reallocates; the old handle keeps the old block.
+  float* old_data = same.dptr<float>();
+  old_data[15] = 3.0f;
+  NDArray grown = res.GetInterBuf(0, TShape{17}, kFloat32);
+  EXPECT_NE(grown.chunk_, first);
+  EXPECT_EQ(res.inter_buf_[0].shape(), TShape{17});
+  EXPECT_EQ(same.dptr<float>()[15], 3.0f);
+  EXPECT_EQ(first.use_count(), 3);  // first, same, bytes
+  // Never shrinks: a smaller request is a view of the grown buffer.
+  EXPECT_EQ(res.GetInterBuf(0, TShape{2, 2}, kInt32).chunk_, grown.chunk_);
+
+  // Growth to another type takes that type.
+  NDArray ints = res.GetInterBuf(2, TShape{5, 4}, kInt32);
+  EXPECT_EQ(res.inter_buf_[2].dtype(), kInt32);
+  EXPECT_EQ(res.inter_buf_[2].shape(), (TShape{5, 4}));
+  EXPECT_EQ(ints.chunk_, res.inter_buf_[2].chunk_);
+  EXPECT_EQ(res.inter_buf_[1].shape(), TShape{16});
+}
+
+TEST(ResourceDeathTest, OnlyThreeSlots) {
+  Resource res;
+  EXPECT_DEATH(res.GetInterBuf(3, TShape{1}, kFloat32),
+               Fatal("idx < num_inter_buf_ (3 vs. 3)", "Only support 3share buffer"));
+  EXPECT_DEATH(res.GetInterBuf(-1, TShape{1}, kFloat32),
+               Fatal("idx >= 0 (-1 vs. 0)", "Only support 3share buffer"));
+}
+
+// ------------------------------------------------------- attribute idiom
+
+struct BoolCase {
+  const char* text;  // null: key absent
+  bool expected;
+};
+
+TEST(AttrTest, BooleansAndNumbers) {
+  const BoolCase cases[] = {{"True", true}, {"False", false}, {nullptr, true}};
+  for (const BoolCase& c : cases) {
+    LayerAttrs attrs;
+    if (c.text) attrs["no_bias"] = c.text;
+    bool no_bias = false;
+    RUVO_BOOL_ATTR(attrs, "no_bias", "True", no_bias_symbol, no_bias);
+    EXPECT_EQ(no_bias, c.expected) << (c.text ? c.text : "(absent)");
+  }
+  LayerAttrs attrs{{"num_hidden", "128"}, {"kernel", "(3, 1)"}, {"bad", "x"}};
+  EXPECT_EQ(AttrText(attrs, "num_hidden", "0"), "128");
+  EXPECT_EQ(AttrText(attrs, "missing", "dflt"), "dflt");
+  int num_hidden = 0;
+  EXPECT_TRUE(ReadAttrValue(AttrText(attrs, "num_hidden", "0"), &num_hidden));
+  EXPECT_EQ(num_hidden, 128);
+  TShape kernel;
+  EXPECT_TRUE(ReadAttrValue(attrs.at("kernel"), &kernel));
+  EXPECT_EQ(kernel, (TShape{3, 1}));
+  float scale = 0;
+  EXPECT_FALSE(ReadAttrValue(attrs.at("bad"), &scale));
+}
+
+TEST(AttrDeathTest, BooleanSpellingsOtherThanTrueFalseAreFatal) {
+  for (const char* text : {"true", "1", "FALSE", ""}) {
+    LayerAttrs attrs{{"no_bias", text}};
+    [[maybe_unused]] bool no_bias = false;
+    EXPECT_DEATH(RUVO_BOOL_ATTR(attrs, "no_bias", "False", no_bias_symbol, no_bias),
+                 ruvo_test::RegexEscape("# Check failed: ((no_bias_symbol) == \"True\" || "
+                                        "(no_bias_symbol) == \"False\")"))
+        << text;
+  }
+}
+
+}  // namespace
+}  // namespace ruvo
+}  // namespace orvik
