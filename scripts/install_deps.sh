@@ -9,6 +9,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   python3 python3-numpy
   libfftw3-dev libopenblas-dev
+  libsndfile1-dev libsoxr-dev
 )
 
 missing=()

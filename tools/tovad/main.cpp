@@ -1,0 +1,3 @@
+#include "tools/tovad/cli.h"
+
+int main(int argc, char** argv) { return tovad_cli::RunTovad(argc, argv); }
