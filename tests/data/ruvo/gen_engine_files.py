@@ -1,0 +1,96 @@
+#!/usr/bin/python3
+"""Writes the model files of the engine's reader tests into this folder.
+
+    /usr/bin/python3 tests/data/ruvo/gen_engine_files.py
+
+The array contents follow simple formulas that the C++ tests restate
+(tests/ruvo/model_files_test.cpp); change both together.  The files are
+also the seeds of the mutation test.
+"""
+
+import os
+import sys
+
+import numpy as np
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "..", "..", "..", "tools"))
+
+from model_writer import RawArray, SymbolGraph, write_params  # noqa: E402
+
+
+def ramp(shape, dtype, scale, offset):
+    """Element i (row-major) is i * scale + offset, converted to dtype."""
+    n = int(np.prod(shape))
+    return (np.arange(n, dtype=np.float64) * scale + offset).astype(dtype).reshape(shape)
+
+
+def arrays():
+    return [
+        ("arg:fc1_weight", ramp((4, 3), np.float32, 0.25, -1.0)),
+        ("arg:fc1_bias", ramp((4,), np.float32, 1.0, 0.5)),
+        ("aux:bn1_moving_mean", ramp((4,), np.float32, -0.5, 0.0)),
+        # int8: i * 7 - 64, all within range
+        ("arg:conv_weight", ramp((2, 3, 3, 1), np.int8, 7, -64)),
+        ("arg:table", ramp((3, 2), np.int32, -100000, 7)),
+        ("", None),  # an empty array under an empty name
+        # five dimensions: the shape lives on the heap
+        ("arg:deep", ramp((1, 2, 1, 2, 2), np.float64, 1.0 / 3.0, 0.0)),
+        ("arg:u8", ramp((5,), np.uint8, 50, 3)),
+        ("arg:i64", ramp((2,), np.int64, 1 << 40, -5)),
+        # flag 2 is read with 16 bytes per element
+        ("arg:f16", RawArray((2,), 2, bytes(range(32)))),
+    ]
+
+
+def graph_new_style():
+    """data -> fc1 -> bn1 -> relu1 -> softmax; bn1 lists its two moving
+    averages behind its three inputs, as new-style files do."""
+    g = SymbolGraph()
+    data = g.variable("data")
+    w = g.variable("fc1_weight")
+    b = g.variable("fc1_bias")
+    fc1 = g.node("FullyConnected", "fc1", [data, w, b],
+                 attr={"num_hidden": "4", "no_bias": "False"})
+    gamma = g.variable("bn1_gamma")
+    beta = g.variable("bn1_beta")
+    mean = g.variable("bn1_moving_mean")
+    var = g.variable("bn1_moving_var")
+    bn1 = g.node("BatchNorm", "bn1", [fc1, gamma, beta, mean, var],
+                 attr={"eps": "0.001", "fix_gamma": "False"},
+                 param={"eps": "0.5", "momentum": "0.9"})
+    relu = g.node("Activation", "relu1", [bn1],
+                  attr={"act_type": "relu", "__op_type_str__": "Pooling"})
+    label = g.variable("softmax_label")
+    out = g.node("SoftmaxOutput", "softmax", [relu, label])
+    g.heads = [out]
+    return g
+
+
+def graph_old_style():
+    """data -> fc1 -> (relu1, fc2 output 0 of a two-output slice): heads
+    with output indices, attributes under "param" only."""
+    g = SymbolGraph()
+    data = g.variable("data")
+    w = g.variable("fc1_weight")
+    fc1 = g.node("FullyConnected", "fc1", [data, w],
+                 param={"num_hidden": "6", "no_bias": "True"})
+    parts = g.node("SliceChannel", "split", [fc1], param={"num_outputs": "2"})
+    relu = g.node("Activation", "relu1", [(parts, 1)], param={"act_type": "tanh"})
+    g.heads = [(parts, 0), relu]
+    return g
+
+
+def main():
+    out = lambda name: os.path.join(HERE, name)  # noqa: E731
+    write_params(out("params_modern.params"), arrays())
+    write_params(out("params_legacy.params"), arrays(), legacy=True)
+    write_params(out("params_empty.params"), [])
+    ten = [("arg:p%d" % i, ramp((1,), np.float32, 0, i)) for i in range(10)]
+    write_params(out("params_ten_nine.params"), ten, names=[n for n, _ in ten[:9]])
+    graph_new_style().write(out("symbol_new.json"), version=10600)
+    graph_old_style().write(out("symbol_old.json"), version=None)
+
+
+if __name__ == "__main__":
+    main()
