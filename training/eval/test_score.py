@@ -1,0 +1,56 @@
+#!/usr/bin/python3
+"""Checks of the scorer on hand-counted cases: /usr/bin/python3 test_score.py"""
+
+import math
+import unittest
+
+import numpy as np
+
+import score
+
+
+class ScoreTest(unittest.TestCase):
+    def test_counts_and_rates(self):
+        lab = np.array([1, 1, 1, 1, 0, 0, 0, 0, 0, 0])
+        dec = np.array([1, 1, 1, 0, 1, 0, 0, 0, 0, 0])
+        m = score.metrics(lab, dec)
+        self.assertEqual(m["frames"], 10)
+        self.assertAlmostEqual(m["precision"], 3 / 4)
+        self.assertAlmostEqual(m["recall"], 3 / 4)
+        self.assertAlmostEqual(m["f1"], 6 / 8)
+        self.assertAlmostEqual(m["false_alarm"], 1 / 6)
+        self.assertAlmostEqual(m["miss"], 1 / 4)
+        self.assertNotIn("auc", m)
+
+    def test_auc(self):
+        lab = np.array([0, 0, 1, 1])
+        self.assertEqual(score.roc_auc(lab, np.array([0.1, 0.2, 0.8, 0.9])), 1.0)
+        self.assertEqual(score.roc_auc(lab, np.array([0.9, 0.8, 0.2, 0.1])), 0.0)
+        # One tie between classes counts half: pairs (p, n) = 4, wins 3.5.
+        self.assertEqual(score.roc_auc(lab, np.array([0.1, 0.5, 0.5, 0.9])), 0.875)
+        self.assertEqual(score.roc_auc(lab, np.full(4, 0.3)), 0.5)
+        self.assertTrue(math.isnan(score.roc_auc(np.ones(3), np.arange(3.0))))
+
+    def test_auc_matches_pair_count(self):
+        rng = np.random.default_rng(7)
+        lab = rng.integers(0, 2, 300)
+        s = np.round(rng.random(300) + 0.3 * lab, 1)  # rounding makes ties
+        pos, neg = s[lab == 1], s[lab == 0]
+        wins = sum((p > n) + 0.5 * (p == n) for p in pos for n in neg)
+        self.assertAlmostEqual(score.roc_auc(lab, s), wins / (len(pos) * len(neg)))
+
+    def test_no_speech_gives_nan_not_an_error(self):
+        m = score.metrics(np.zeros(5), np.zeros(5))
+        self.assertTrue(math.isnan(m["precision"]))
+        self.assertEqual(m["false_alarm"], 0.0)
+
+    def test_score_or_decision(self):
+        self.assertFalse(score.is_score(np.array([0.0, 1.0, 1.0])))
+        self.assertTrue(score.is_score(np.array([0.0, 0.4, 1.0])))
+        lab, pred = score.align(np.arange(5), np.arange(3))
+        self.assertEqual(len(lab), 3)
+        self.assertEqual(len(pred), 3)
+
+
+if __name__ == "__main__":
+    unittest.main()
