@@ -1,0 +1,232 @@
+#include "tovadmod/tovad_api.h"
+
+#include "src/tovad_api.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "src/internal_init_wav.h"
+#include "src/post_process.h"
+#include "src/tovad_predictor.h"
+
+namespace Tovad_toolkit {
+
+namespace {
+
+// Frames dropped at once when the history ring is full.
+constexpr int32_t kHistoryDropFrames = 100;
+// The toolkit's posterior array; nets have no more classes than this.
+constexpr int kMaxClasses = 8;
+
+inline Tovad_handle* as_handle(void* handle) { return static_cast<Tovad_handle*>(handle); }
+
+void run_frame(Tovad_handle* h, int* vad_start, int* vad_end) {
+  h->n_remain_sample = 0;
+  h->frame_cnt += 1;
+
+  // Keep the ring contiguous: drop its oldest 100 frames in one move, once
+  // in 100 frames, so a segment can be handed out as a plain pointer.
+  if (h->n_curr_history_frame == h->n_max_history_frame) {
+    h->n_curr_history_frame -= kHistoryDropFrames;
+    memmove(h->pcm_history, h->pcm_history + kHistoryDropFrames * kFrameSamples,
+            static_cast<size_t>(h->n_curr_history_frame) * kFrameSamples * sizeof(int16_t));
+  }
+  memcpy(h->pcm_history + static_cast<size_t>(h->n_curr_history_frame) * kFrameSamples,
+         h->pcm_buff, sizeof(h->pcm_buff));
+  h->n_curr_history_frame += 1;
+
+  // The net sees the frame with a fixed low-level pattern added; the sum
+  // wraps in 16 bits rather than saturating.
+  int16_t frame[kFrameSamples];
+  for (int j = 0; j < kFrameSamples; ++j) {
+    frame[j] = static_cast<int16_t>(h->pcm_buff[j] + (internal_init_wav[j] >> 3));
+  }
+
+  float posteriors[kMaxClasses];
+  h->predictor->predict(frame, posteriors, h->frame_energy);
+  h->post_process->apply_post_process(posteriors, h->frame_energy, vad_start, vad_end);
+  h->vad_start = *vad_start;
+
+  if (h->suspected_post_process != nullptr) {
+    int32_t s_start = -1;
+    int32_t s_end = -1;
+    h->suspected_post_process->apply_post_process(posteriors, h->frame_energy, &s_start, &s_end);
+    if (s_start != -1) {
+      if (s_end == -1) {
+        h->suspected_vad_end = -1;
+      } else {
+        // Positions restart at 0 after each suspected reset; the running
+        // base carries them on from -1.
+        h->suspected_vad_ref_pos += s_end;
+        h->suspected_vad_end = h->suspected_vad_ref_pos;
+        h->suspected_post_process->reset(false);
+      }
+    }
+  }
+}
+
+}  // namespace
+
+std::string get_config(const ConfigMap& user, const ConfigMap& defaults, const std::string& key) {
+  return lookup_config(user, defaults, key, "src/tovad_api", __LINE__);
+}
+
+}  // namespace Tovad_toolkit
+
+using Tovad_toolkit::as_handle;
+using Tovad_toolkit::Tovad_handle;
+
+void* Tovad_toolkit_init(const char* config_file, const char* config_path) {
+  using namespace Tovad_toolkit;
+  fprintf(stderr, "INFO: confirmed little-endian (o ^v^)o\n");
+  ConfigMap user = load_conf_with_prefix(config_file, config_path);
+
+  Tovad_handle* h = new Tovad_handle();
+  h->default_config["use_debug_function"] = "0";
+  h->default_config["compute_suspected_vad_end"] = "0";
+  h->default_config["cutoff_n_frame_max_vad_length"] = "1500";
+
+  h->predictor = new Tovad_predictor(user);
+  h->post_process = new Post_process(user, false);
+  h->n_batch = config_to_int(get_config(user, h->default_config, "n_batch"));
+  h->frame_energy = new float[h->n_batch];
+  h->frame_cnt = 0;
+  h->n_remain_sample = 0;
+  h->suspected_vad_ref_pos = -1;
+  h->suspected_vad_end = -1;
+  h->vad_start = -1;
+
+  if (config_to_int(get_config(user, h->default_config, "compute_suspected_vad_end")) == 1) {
+    h->suspected_post_process = new Post_process(user, true);
+  }
+
+  const int32_t max_vad_length =
+      config_to_int(get_config(user, h->default_config, "cutoff_n_frame_max_vad_length"));
+  // 100 spare frames keep a segment of the longest length whole across a
+  // drop of the ring; 0 (no cutoff) gets 51 s.
+  h->n_max_history_frame = max_vad_length == 0 ? 5100 : max_vad_length + 100;
+  h->pcm_history = new int16_t[static_cast<size_t>(h->n_max_history_frame) * kFrameSamples];
+  h->n_curr_history_frame = 0;
+
+  // The debug recorder is not part of this build: use_debug_function is
+  // read (and logged) like every key, and the handle keeps no recorder.
+  config_to_int(get_config(user, h->default_config, "use_debug_function"));
+  return h;
+}
+
+int Tovad_toolkit_predict(void* handle, int n_samples, const short* pcm, int* vad_start,
+                          int* vad_end) {
+  if (n_samples < 1) return 0;
+  Tovad_handle* h = as_handle(handle);
+  for (int i = 0; i < n_samples; ++i) {
+    h->pcm_buff[h->n_remain_sample++] = pcm[i];
+    if (h->n_remain_sample == Tovad_toolkit::kFrameSamples) {
+      Tovad_toolkit::run_frame(h, vad_start, vad_end);
+    }
+  }
+  return 0;
+}
+
+int Tovad_toolkit_reset(void* handle, bool full) {
+  Tovad_handle* h = as_handle(handle);
+  if (full) h->predictor->reset();
+  h->post_process->reset(full);
+  if (h->suspected_post_process != nullptr) {
+    h->suspected_post_process->reset(full);
+    h->suspected_vad_ref_pos = -1;
+    h->suspected_vad_end = -1;
+  }
+  h->n_remain_sample = 0;
+  h->n_curr_history_frame = 0;
+  h->vad_start = -1;
+  h->frame_cnt = 0;
+  return 0;
+}
+
+int Tovad_toolkit_destory(void* handle) {
+  Tovad_handle* h = as_handle(handle);
+  delete h->predictor;
+  delete h->post_process;
+  delete h->suspected_post_process;
+  delete[] h->frame_energy;
+  delete[] h->pcm_history;
+  delete h;
+  return 0;
+}
+
+int Tovad_toolkit_pre_set_filter(void* handle, int n_samples, const short* pcm) {
+  Tovad_handle* h = as_handle(handle);
+  if (pcm == nullptr || n_samples < Tovad_toolkit::kInternalInitWavLength) {
+    // The second argument counts frames: 8000 here is a frame count.
+    h->predictor->pre_set_filter(Tovad_toolkit::internal_init_wav, 8000);
+  } else {
+    h->predictor->pre_set_filter(pcm, n_samples / Tovad_toolkit::kFrameSamples);
+  }
+  return 0;
+}
+
+int Tovad_toolkit_get_vad_segment_raw_data(void* handle, int* n_samples, short** data) {
+  Tovad_handle* h = as_handle(handle);
+  if (h->vad_start == -1) {
+    *data = nullptr;
+    *n_samples = 0;
+    return 0;
+  }
+  // Reckoned back from the newest frame, so a move of the ring does not
+  // disturb it.
+  const int32_t len = h->frame_cnt - h->vad_start;
+  if (len > h->n_curr_history_frame) {
+    *data = h->pcm_history;
+    *n_samples = h->n_curr_history_frame * Tovad_toolkit::kFrameSamples;
+    fprintf(stderr, "WARNING: vad segment too long, drop %d samples\n",
+            (len - h->n_curr_history_frame) * Tovad_toolkit::kFrameSamples);
+  } else {
+    *data = h->pcm_history +
+            static_cast<size_t>(h->n_curr_history_frame - len) * Tovad_toolkit::kFrameSamples;
+    *n_samples = len * Tovad_toolkit::kFrameSamples;
+  }
+  return 0;
+}
+
+int Tovad_toolkit_get_batch_size(void* handle) { return as_handle(handle)->n_batch; }
+
+int Tovad_toolkit_get_suspected_vad_end(void* handle) {
+  return as_handle(handle)->suspected_vad_end;
+}
+
+int Tovad_toolkit_check_sil_frame(void* handle) {
+  return as_handle(handle)->post_process->check_sil_frame();
+}
+
+int Tovad_toolkit_get_leading_sil(void* handle) {
+  return as_handle(handle)->post_process->get_extra_leading_sil();
+}
+
+int Tovad_toolkit_get_voice_to_sil_th(void* handle) {
+  return as_handle(handle)->post_process->get_voice_to_sil_hangover();
+}
+
+int Tovad_toolkit_get_sil_to_voice_th(void* handle) {
+  return as_handle(handle)->post_process->get_sil_to_voice_hangover();
+}
+
+float TOVAD_toolkit_get_curr_wkp_threshold(void* handle) {
+  return as_handle(handle)->post_process->get_curr_wkp_threshold();
+}
+
+float TOVAD_toolkit_get_curr_suspected_wkp_threshold(void* handle) {
+  Tovad_handle* h = as_handle(handle);
+  if (h->suspected_post_process == nullptr) return 0.0f;
+  return h->suspected_post_process->get_curr_wkp_threshold();
+}
+
+void TOVAD_toolkit_set_wkp_threshold(void* handle, float threshold) {
+  as_handle(handle)->post_process->set_wkp_threshold(threshold);
+}
+
+void TOVAD_toolkit_set_suspected_wkp_threshold(void* handle, float threshold) {
+  Tovad_handle* h = as_handle(handle);
+  if (h->suspected_post_process != nullptr) {
+    h->suspected_post_process->set_wkp_threshold(threshold);
+  }
+}
