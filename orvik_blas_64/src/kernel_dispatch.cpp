@@ -1,0 +1,63 @@
+#include "orvik_blas_64/src/kernel_dispatch.h"
+
+#include <atomic>
+
+namespace orvik_blas_kernels {
+namespace {
+
+#define ORVIK_KERNEL_TABLE(ns) \
+  { #ns, ns::sgemm_blocked, ns::sgemv_n, ns::sgemv_t, ns::saxpy, ns::sdot, ns::i8_gemm, ns::i8_dot }
+
+const KernelTable kGeneric = ORVIK_KERNEL_TABLE(generic);
+#if defined(__x86_64__)
+const KernelTable kAvx2 = ORVIK_KERNEL_TABLE(avx2);
+const KernelTable kAvx512 = ORVIK_KERNEL_TABLE(avx512);
+#endif
+
+struct Supported {
+  const KernelTable* list[4] = {};
+  Supported() {
+    int n = 0;
+    list[n++] = &kGeneric;
+#if defined(__x86_64__)
+    __builtin_cpu_init();
+    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
+      list[n++] = &kAvx2;
+      if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+          __builtin_cpu_supports("avx512vl")) {
+        list[n++] = &kAvx512;
+      }
+    }
+#endif
+  }
+};
+
+const Supported& GetSupported() {
+  static const Supported supported;
+  return supported;
+}
+
+std::atomic<const KernelTable*> g_override{nullptr};
+
+}  // namespace
+
+const KernelTable* const* SupportedKernels() { return GetSupported().list; }
+
+const KernelTable& ActiveKernels() {
+  const KernelTable* forced = g_override.load(std::memory_order_relaxed);
+  if (forced != nullptr) return *forced;
+  // The widest variant the processor runs.
+  static const KernelTable* const best = [] {
+    const KernelTable* const* list = SupportedKernels();
+    const KernelTable* pick = list[0];
+    for (int i = 0; list[i] != nullptr; ++i) pick = list[i];
+    return pick;
+  }();
+  return *best;
+}
+
+void OverrideKernelsForTesting(const KernelTable* table) {
+  g_override.store(table, std::memory_order_relaxed);
+}
+
+}  // namespace orvik_blas_kernels

@@ -1,0 +1,313 @@
+// Float kernels, compiled once per vector width (see kernel_dispatch.h).
+// Only C headers here, and everything but the entry points has internal
+// linkage.
+
+#include <string.h>
+
+#include "orvik_blas_64/src/kernel_dispatch.h"
+
+#ifndef ORVIK_KERNEL_VARIANT
+#error "ORVIK_KERNEL_VARIANT names the namespace of this build of the kernels"
+#endif
+
+namespace orvik_blas_kernels {
+namespace ORVIK_KERNEL_VARIANT {
+namespace {
+
+// The register tile is kMR rows by kNR columns of the column-major result:
+// kMR / kLanes vectors along the rows times kNR broadcasts, which fills most
+// of the vector registers of each instruction set.
+#if defined(__AVX512F__)
+constexpr int kVecBytes = 64;
+constexpr int kMR = 32;
+constexpr int kNR = 8;
+#elif defined(__AVX2__)
+constexpr int kVecBytes = 32;
+constexpr int kMR = 16;
+constexpr int kNR = 6;
+#else
+constexpr int kVecBytes = 16;
+constexpr int kMR = 16;
+constexpr int kNR = 4;
+#endif
+constexpr int kLanes = kVecBytes / 4;
+constexpr int kMV = kMR / kLanes;
+typedef float Vf __attribute__((vector_size(kVecBytes)));
+
+constexpr int GEMM_P = 128;
+constexpr int GEMM_Q = 240;
+constexpr int GEMM_R = 12288;
+
+inline int Min(int a, int b) { return a < b ? a : b; }
+
+inline Vf Load(const float* p) {
+  Vf v;
+  memcpy(&v, p, sizeof(v));
+  return v;
+}
+inline void Store(float* p, Vf v) { memcpy(p, &v, sizeof(v)); }
+inline Vf Splat(float x) {
+  Vf v = {};
+  return v + x;
+}
+inline float HSum(Vf v) {
+  float s = 0.0f;
+  for (int i = 0; i < kLanes; ++i) s += v[i];
+  return s;
+}
+
+// Rows of op(a) handled by one block: all of m when it fits, otherwise
+// GEMM_P, or half of m rounded to 4 so that two blocks share the work.
+inline int BlockRows(int m, int* l1) {
+  if (m <= GEMM_P) {
+    *l1 = 0;
+    return m;
+  }
+  *l1 = 1;
+  if (m >= 2 * GEMM_P) return GEMM_P;
+  return ((m >> 1) + 3) & ~3;
+}
+
+inline int BlockDepth(int rest) {
+  if (rest >= 2 * GEMM_Q) return GEMM_Q;
+  if (rest > GEMM_Q) return ((rest >> 1) + 3) & ~3;
+  return rest;
+}
+
+// Packs rows [i0, i0 + mi) and depth [l0, l0 + ml) of op(a) into panels of
+// kMR rows, each ml deep and contiguous in depth; a last partial panel is
+// padded with zero rows.
+void PackA(int a_trans, const float* a, int lda, int i0, int mi, int l0, int ml, float* dst) {
+  for (int ip = 0; ip < mi; ip += kMR) {
+    const int mr = Min(kMR, mi - ip);
+    float* d = dst + static_cast<long>(ip) * ml;
+    if (!a_trans) {
+      // op(a)(i, l) = a[i + l*lda]: each depth step is a contiguous run.
+      const float* s = a + (i0 + ip) + static_cast<long>(l0) * lda;
+      if (mr == kMR) {
+        for (int l = 0; l < ml; ++l) {
+          for (int v = 0; v < kMV; ++v)
+            Store(d + l * kMR + v * kLanes, Load(s + l * static_cast<long>(lda) + v * kLanes));
+        }
+      } else {
+        for (int l = 0; l < ml; ++l) {
+          for (int r = 0; r < mr; ++r) d[l * kMR + r] = s[l * static_cast<long>(lda) + r];
+          for (int r = mr; r < kMR; ++r) d[l * kMR + r] = 0.0f;
+        }
+      }
+    } else {
+      // op(a)(i, l) = a[l + i*lda]: each row is contiguous in depth.
+      const float* s = a + l0 + static_cast<long>(i0 + ip) * lda;
+      for (int r = 0; r < mr; ++r) {
+        const float* row = s + static_cast<long>(r) * lda;
+        for (int l = 0; l < ml; ++l) d[l * kMR + r] = row[l];
+      }
+      for (int r = mr; r < kMR; ++r) {
+        for (int l = 0; l < ml; ++l) d[l * kMR + r] = 0.0f;
+      }
+    }
+  }
+}
+
+// Packs columns [j0, j0 + nj) and depth [l0, l0 + ml) of op(b) into panels
+// of kNR columns, padded with zero columns.
+void PackB(int b_trans, const float* b, int ldb, int j0, int nj, int l0, int ml, float* dst) {
+  for (int jp = 0; jp < nj; jp += kNR) {
+    const int nr = Min(kNR, nj - jp);
+    float* d = dst + static_cast<long>(jp) * ml;
+    if (!b_trans) {
+      // op(b)(l, j) = b[l + j*ldb]
+      for (int c = 0; c < nr; ++c) {
+        const float* s = b + l0 + static_cast<long>(j0 + jp + c) * ldb;
+        for (int l = 0; l < ml; ++l) d[l * kNR + c] = s[l];
+      }
+    } else {
+      // op(b)(l, j) = b[j + l*ldb]
+      const float* s = b + (j0 + jp) + static_cast<long>(l0) * ldb;
+      for (int l = 0; l < ml; ++l) {
+        for (int c = 0; c < nr; ++c) d[l * kNR + c] = s[l * static_cast<long>(ldb) + c];
+      }
+    }
+    for (int c = nr; c < kNR; ++c) {
+      for (int l = 0; l < ml; ++l) d[l * kNR + c] = 0.0f;
+    }
+  }
+}
+
+// c[0..mr) x [0..nr) += alpha * (packed a panel) * (packed b panel).  Alpha
+// is applied once, at write-back.
+inline void MicroKernel(int k, float alpha, const float* pa, const float* pb, float* c, int ldc,
+                        int mr, int nr) {
+  Vf acc[kMV][kNR];
+#pragma GCC unroll 16
+  for (int v = 0; v < kMV; ++v) {
+#pragma GCC unroll 16
+    for (int j = 0; j < kNR; ++j) acc[v][j] = Vf{};
+  }
+#pragma GCC unroll 2
+  for (int l = 0; l < k; ++l) {
+    Vf av[kMV];
+#pragma GCC unroll 16
+    for (int v = 0; v < kMV; ++v) av[v] = Load(pa + l * kMR + v * kLanes);
+#pragma GCC unroll 16
+    for (int j = 0; j < kNR; ++j) {
+      const Vf bj = Splat(pb[l * kNR + j]);
+#pragma GCC unroll 16
+      for (int v = 0; v < kMV; ++v) acc[v][j] += av[v] * bj;
+    }
+  }
+  if (mr == kMR && nr == kNR) {
+#pragma GCC unroll 16
+    for (int j = 0; j < kNR; ++j) {
+#pragma GCC unroll 16
+      for (int v = 0; v < kMV; ++v) {
+        float* p = c + static_cast<long>(j) * ldc + v * kLanes;
+        Store(p, Load(p) + acc[v][j] * alpha);
+      }
+    }
+    return;
+  }
+  float tile[kNR][kMR];
+  for (int j = 0; j < kNR; ++j) {
+    for (int v = 0; v < kMV; ++v) Store(&tile[j][v * kLanes], acc[v][j]);
+  }
+  for (int j = 0; j < nr; ++j) {
+    for (int i = 0; i < mr; ++i) c[i + static_cast<long>(j) * ldc] += alpha * tile[j][i];
+  }
+}
+
+// The product of one packed a block (m rows) with packed b panels (n
+// columns), both `k` deep.
+void Kernel(int m, int n, int k, float alpha, const float* sa, const float* sb, float* c, int ldc) {
+  for (int j = 0; j < n; j += kNR) {
+    const int nr = Min(kNR, n - j);
+    for (int i = 0; i < m; i += kMR) {
+      MicroKernel(k, alpha, sa + static_cast<long>(i) * k, sb + static_cast<long>(j) * k,
+                  c + i + static_cast<long>(j) * ldc, ldc, Min(kMR, m - i), nr);
+    }
+  }
+}
+
+}  // namespace
+
+void sgemm_blocked(int a_trans, int b_trans, int m, int n, int k, float alpha, const float* a,
+                   int lda, const float* b, int ldb, float* c, int ldc, float* sa, float* sb) {
+  for (int js = 0; js < n; js += GEMM_R) {
+    const int min_j = Min(n - js, GEMM_R);
+    int min_l = 0;
+    for (int ls = 0; ls < k; ls += min_l) {
+      min_l = BlockDepth(k - ls);
+      int l1 = 0;
+      int min_i = BlockRows(m, &l1);
+      PackA(a_trans, a, lda, 0, min_i, ls, min_l, sa);
+      int min_jj = 0;
+      for (int jjs = js; jjs < js + min_j; jjs += min_jj) {
+        const int rest = js + min_j - jjs;
+        if (rest >= 3 * kNR) {
+          min_jj = 3 * kNR;
+        } else if (rest >= 2 * kNR) {
+          min_jj = 2 * kNR;
+        } else if (rest >= kNR) {
+          min_jj = kNR;
+        } else {
+          min_jj = rest;
+        }
+        // When all rows fit one block each strip is used once, so the
+        // strips share one place in sb.
+        float* strip = sb + static_cast<long>(jjs - js) * min_l * l1;
+        PackB(b_trans, b, ldb, jjs, min_jj, ls, min_l, strip);
+        Kernel(min_i, min_jj, min_l, alpha, sa, strip, c + static_cast<long>(jjs) * ldc, ldc);
+      }
+      for (int is = min_i; is < m; is += min_i) {
+        int unused = 0;
+        min_i = BlockRows(m - is, &unused);
+        PackA(a_trans, a, lda, is, min_i, ls, min_l, sa);
+        Kernel(min_i, min_j, min_l, alpha, sa, sb, c + is + static_cast<long>(js) * ldc, ldc);
+      }
+    }
+  }
+}
+
+void sgemv_n(int rows, int cols, float alpha, const float* a, int lda, const float* x, float* y) {
+  // A chunk of y stays in registers while every column streams past it.
+  constexpr int kChunk = 8;
+  int i = 0;
+  for (; i + kChunk * kLanes <= rows; i += kChunk * kLanes) {
+    Vf acc[kChunk];
+    for (int v = 0; v < kChunk; ++v) acc[v] = Load(y + i + v * kLanes);
+    for (int j = 0; j < cols; ++j) {
+      const Vf t = Splat(alpha * x[j]);
+      const float* col = a + i + static_cast<long>(j) * lda;
+#pragma GCC unroll 8
+      for (int v = 0; v < kChunk; ++v) acc[v] += t * Load(col + v * kLanes);
+    }
+    for (int v = 0; v < kChunk; ++v) Store(y + i + v * kLanes, acc[v]);
+  }
+  for (; i + kLanes <= rows; i += kLanes) {
+    Vf acc = Load(y + i);
+    for (int j = 0; j < cols; ++j)
+      acc += Splat(alpha * x[j]) * Load(a + i + static_cast<long>(j) * lda);
+    Store(y + i, acc);
+  }
+  for (; i < rows; ++i) {
+    float s = y[i];
+    for (int j = 0; j < cols; ++j) s += (alpha * x[j]) * a[i + static_cast<long>(j) * lda];
+    y[i] = s;
+  }
+}
+
+void sgemv_t(int rows, int cols, float alpha, const float* a, int lda, const float* x, float* y) {
+  constexpr int kCols = 8;
+  const int body = rows - rows % kLanes;
+  const int tail = rows - body;
+  // The tail of x, padded with zeros to one vector.
+  float xt_buf[kLanes] = {};
+  for (int i = 0; i < tail; ++i) xt_buf[i] = x[body + i];
+  const Vf xt = Load(xt_buf);
+  int j = 0;
+  for (; j + kCols <= cols; j += kCols) {
+    Vf acc[kCols];
+    for (int c = 0; c < kCols; ++c) acc[c] = Vf{};
+    for (int i = 0; i < body; i += kLanes) {
+      const Vf xv = Load(x + i);
+#pragma GCC unroll 8
+      for (int c = 0; c < kCols; ++c) acc[c] += Load(a + i + static_cast<long>(j + c) * lda) * xv;
+    }
+    if (tail) {
+      for (int c = 0; c < kCols; ++c) {
+        float at[kLanes] = {};
+        memcpy(at, a + body + static_cast<long>(j + c) * lda, tail * sizeof(float));
+        acc[c] += Load(at) * xt;
+      }
+    }
+    for (int c = 0; c < kCols; ++c) y[j + c] += alpha * HSum(acc[c]);
+  }
+  for (; j < cols; ++j) {
+    const float* col = a + static_cast<long>(j) * lda;
+    Vf acc = {};
+    for (int i = 0; i < body; i += kLanes) acc += Load(col + i) * Load(x + i);
+    float s = HSum(acc);
+    for (int i = body; i < rows; ++i) s += col[i] * x[i];
+    y[j] += alpha * s;
+  }
+}
+
+void saxpy(int n, float alpha, const float* x, float* y) {
+  // Fused: the result is exact to one rounding on every machine.
+  for (int i = 0; i < n; ++i) y[i] = __builtin_fmaf(alpha, x[i], y[i]);
+}
+
+float sdot(int n, const float* x, const float* y) {
+  Vf acc[4] = {};
+  int i = 0;
+  for (; i + 4 * kLanes <= n; i += 4 * kLanes) {
+    for (int v = 0; v < 4; ++v) acc[v] += Load(x + i + v * kLanes) * Load(y + i + v * kLanes);
+  }
+  for (; i + kLanes <= n; i += kLanes) acc[0] += Load(x + i) * Load(y + i);
+  float s = HSum((acc[0] + acc[1]) + (acc[2] + acc[3]));
+  for (; i < n; ++i) s += x[i] * y[i];
+  return s;
+}
+
+}  // namespace ORVIK_KERNEL_VARIANT
+}  // namespace orvik_blas_kernels

@@ -1,0 +1,333 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "orvik_blas_64/src/orvik_blas_quanti/orvik_blas_i8.h"
+#include "tests/orvik_blas_64/kernel_test_util.h"
+
+namespace {
+
+using orvik_test::ForEachKernelVariant;
+using orvik_test::RandomBytes;
+
+using SeqLoop = void (*)(int, int, int, signed char, const signed char*, const signed char*,
+                         signed char, int*);
+// Indexed by 2 * (A transposed) + (B transposed), like the dispatch table.
+const SeqLoop kSeq[4] = {seq_matrix_mul_i8_i32_nn_c, seq_matrix_mul_i8_i32_nt_c,
+                         seq_matrix_mul_i8_i32_tn_c, seq_matrix_mul_i8_i32_tt_c};
+using Kernel = void (*)(int, int, int, signed char, const signed char*, const signed char*, int*,
+                        signed char);
+const Kernel kInstrics[4] = {
+    orvik_i8_i32_gemm_nn_instrics_kernel, orvik_i8_i32_gemm_nt_instrics_kernel,
+    orvik_i8_i32_gemm_tn_instrics_kernel, orvik_i8_i32_gemm_tt_instrics_kernel};
+
+std::vector<int> RandomInts(std::mt19937* rng, size_t n) {
+  std::uniform_int_distribution<int> dist(-100000, 100000);
+  std::vector<int> v(n);
+  for (int& x : v) x = dist(*rng);
+  return v;
+}
+
+// Runs the exported entry in the given order against the reference loop of
+// the same form and requires equal bits.
+void CompareEntry(int order, int ta, int tb, int M, int N, int K, signed char beta,
+                  std::mt19937* rng, const std::string& variant) {
+  const std::vector<signed char> A = RandomBytes(rng, static_cast<size_t>(M) * K);
+  const std::vector<signed char> B = RandomBytes(rng, static_cast<size_t>(K) * N);
+  const std::vector<int> C0 = RandomInts(rng, static_cast<size_t>(M) * N);
+  std::vector<int> ours = C0, ref = C0;
+  const bool row = order == 101;
+  const int lda = row ? (ta ? M : K) : (ta ? K : M);
+  const int ldb = row ? (tb ? K : N) : (tb ? N : K);
+  const int ldc = row ? N : M;
+  orvik_i8_i32_gemm(order, ta ? 112 : 111, tb ? 112 : 111, M, N, K, 1, A.data(), lda, B.data(), ldb,
+                    beta, ours.data(), ldc);
+  if (row) {
+    kSeq[2 * ta + tb](M, N, K, 1, A.data(), B.data(), beta, ref.data());
+  } else {
+    // Column-major C is the row-major transpose with the operands swapped.
+    kSeq[2 * tb + ta](N, M, K, 1, B.data(), A.data(), beta, ref.data());
+  }
+  ASSERT_EQ(ours, ref) << variant << " order " << order << " ta " << ta << " tb " << tb << " M "
+                       << M << " N " << N << " K " << K << " beta " << int(beta);
+}
+
+TEST(I8GemmTest, RandomShapesAreBitEqualToReferenceInEveryForm) {
+  std::mt19937 rng(42);
+  std::uniform_int_distribution<int> dim(1, 20);
+  const signed char kBetas[] = {0, 1, -3};
+  ForEachKernelVariant([&](const std::string& variant) {
+    for (int rep = 0; rep < 40; ++rep) {
+      const int M = dim(rng), N = dim(rng), K = dim(rng);
+      for (int order : {101, 102}) {
+        for (int ta = 0; ta < 2; ++ta) {
+          for (int tb = 0; tb < 2; ++tb) {
+            CompareEntry(order, ta, tb, M, N, K, kBetas[rep % 3], &rng, variant);
+          }
+        }
+      }
+    }
+  });
+}
+
+// Shapes past the kernels' depth block (256), column block (64) and row
+// tile (4), and the one-row shapes of a one-frame net.
+TEST(I8GemmTest, LargerShapesAreBitEqualToReference) {
+  struct Shape {
+    int M, N, K;
+  };
+  const Shape kShapes[] = {{1, 256, 120}, {1, 67, 513}, {5, 130, 257}, {67, 3, 300},
+                           {9, 65, 1},    {2, 1, 600},  {64, 64, 64}};
+  std::mt19937 rng(43);
+  ForEachKernelVariant([&](const std::string& variant) {
+    for (const Shape& s : kShapes) {
+      for (int ta = 0; ta < 2; ++ta) {
+        for (int tb = 0; tb < 2; ++tb) CompareEntry(101, ta, tb, s.M, s.N, s.K, 2, &rng, variant);
+      }
+    }
+  });
+}
+
+TEST(I8GemmTest, FastKernelsIgnoreAlphaAndHonourBeta) {
+  std::mt19937 rng(44);
+  const int M = 7, N = 11, K = 13;
+  const std::vector<signed char> A = RandomBytes(&rng, M * K), B = RandomBytes(&rng, K * N);
+  const std::vector<int> C0 = RandomInts(&rng, M * N);
+  for (int form = 0; form < 4; ++form) {
+    std::vector<int> ours = C0, ref = C0;
+    kInstrics[form](M, N, K, /*alpha=*/5, A.data(), B.data(), ours.data(), /*beta=*/-2);
+    kSeq[form](M, N, K, 1, A.data(), B.data(), -2, ref.data());
+    EXPECT_EQ(ours, ref) << form;
+    // The table forms narrow alpha and beta to 8 bits: 258 is 2.
+    std::vector<int> narrowed = C0, wide_ref = C0;
+    func_gemm_i8_i32[form](M, N, K, 1, A.data(), B.data(), 258, narrowed.data());
+    kSeq[form](M, N, K, 1, A.data(), B.data(), 2, wide_ref.data());
+    EXPECT_EQ(narrowed, wide_ref) << form;
+  }
+}
+
+// The size-selected forms pick kernels that treat alpha and beta
+// differently; with alpha 1 and beta 0 all agree with the contract.
+TEST(I8GemmTest, SizeSelectedFormsAgreeWithAlphaOneBetaZero) {
+  using Form = void (*)(int, int, int, int, const signed char*, const signed char*, int, int*);
+  const Form kNeon[4] = {orvik_i8_i32_gemm_nn_neon, orvik_i8_i32_gemm_nt_neon,
+                         orvik_i8_i32_gemm_tn_neon, orvik_i8_i32_gemm_tt_neon};
+  struct Shape {
+    int M, N, K;
+  };
+  // One row, small, mid-size (assembly kernels) and past the cache limits.
+  const Shape kShapes[] = {{1, 16, 16}, {3, 5, 2}, {8, 16, 16}, {220, 300, 200}};
+  std::mt19937 rng(45);
+  for (const Shape& s : kShapes) {
+    const std::vector<signed char> A = RandomBytes(&rng, s.M * s.K),
+                                   B = RandomBytes(&rng, s.K * s.N);
+    for (int form = 0; form < 4; ++form) {
+      std::vector<int> ours = RandomInts(&rng, s.M * s.N);
+      std::vector<int> ref(s.M * s.N, 0);
+      kNeon[form](s.M, s.N, s.K, 1, A.data(), B.data(), 0, ours.data());
+      kSeq[form](s.M, s.N, s.K, 1, A.data(), B.data(), 0, ref.data());
+      EXPECT_EQ(ours, ref) << "form " << form << " M " << s.M << " N " << s.N << " K " << s.K;
+    }
+  }
+  // The one-row kernel overwrites C whatever beta says.
+  const std::vector<signed char> A = RandomBytes(&rng, 16), B = RandomBytes(&rng, 16 * 16);
+  std::vector<int> ours(16, 1000), ref(16, 0);
+  orvik_i8_i32_gemm_nn_neon(1, 16, 16, 1, A.data(), B.data(), 1, ours.data());
+  seq_matrix_mul_i8_i32_nn_c(1, 16, 16, 1, A.data(), B.data(), 0, ref.data());
+  EXPECT_EQ(ours, ref);
+}
+
+TEST(I8GemmTest, EdgeSizesAndWrapAround) {
+  // K of 0 scales C by beta; M or N of 0 touches nothing.
+  int C[4] = {1, -2, 3, 4};
+  const signed char none[1] = {0};
+  orvik_i8_i32_gemm(101, 111, 111, 2, 2, 0, 1, none, 0, none, 2, 3, C, 2);
+  EXPECT_EQ(C[0], 3);
+  EXPECT_EQ(C[1], -6);
+  orvik_i8_i32_gemm(101, 111, 111, 0, 2, 5, 1, none, 5, none, 2, 0, C, 2);
+  EXPECT_EQ(C[0], 3);
+
+  // 131072 products of -128 * -128 sum to 2^31, which wraps to INT32_MIN.
+  const int K = 131072;
+  std::vector<signed char> ones(K, -128);
+  ForEachKernelVariant([&](const std::string& variant) {
+    int out = 12345;
+    orvik_i8_i32_gemm(101, 111, 111, 1, 1, K, 1, ones.data(), K, ones.data(), 1, 0, &out, 1);
+    EXPECT_EQ(out, INT32_MIN) << variant;
+    EXPECT_EQ(orvik_i8_i32_dot(K, ones.data(), 1, ones.data(), 1), INT32_MIN) << variant;
+    int ref = 0;
+    seq_matrix_mul_i8_i32_nn_c(1, 1, K, 1, ones.data(), ones.data(), 0, &ref);
+    EXPECT_EQ(ref, INT32_MIN);
+  });
+}
+
+TEST(I8GemmTest, UnsignedReferenceLoopsZeroExtend) {
+  const unsigned char A[2] = {200, 255}, B[2] = {255, 2};
+  const int expected = 200 * 255 + 255 * 2;
+  using U8Loop = void (*)(int, int, int, signed char, const unsigned char*, const unsigned char*,
+                          signed char, int*);
+  const U8Loop kLoops[4] = {seq_matrix_mul_u8_i32_nn_c, seq_matrix_mul_u8_i32_nt_c,
+                            seq_matrix_mul_u8_i32_tn_c, seq_matrix_mul_u8_i32_tt_c};
+  for (U8Loop loop : kLoops) {
+    int c = 10;
+    loop(1, 1, 2, -1, A, B, 2, &c);  // -acc + 2*c
+    EXPECT_EQ(c, -expected + 20);
+  }
+}
+
+TEST(I8DotGerTest, DotAndRankOneUpdate) {
+  std::mt19937 rng(46);
+  ForEachKernelVariant([&](const std::string& variant) {
+    for (int n : {0, 1, 15, 16, 17, 100}) {
+      const std::vector<signed char> x = RandomBytes(&rng, n + 1), y = RandomBytes(&rng, n + 1);
+      int expected = 0;
+      for (int i = 0; i < n; ++i) expected += x[i] * y[i];
+      EXPECT_EQ(orvik_i8_i32_dot(n, x.data(), 1, y.data(), 1), expected) << variant << " " << n;
+    }
+  });
+  const signed char x[2] = {2, -3}, y[3] = {1, 5, -7};
+  int A[6] = {1, 1, 1, 1, 1, 1};
+  orvik_i8_i32_ger(999, 2, 3, 1, x, 1, y, 3, A, 3);
+  const int expected[6] = {3, 11, -13, -2, -14, 22};
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(A[i], expected[i]) << i;
+}
+
+TEST(I8GemmDeathTest, ChecksInOrder) {
+  signed char A[64] = {}, B[64] = {};
+  int C[64] = {};
+  EXPECT_DEATH(orvik_i8_i32_gemm(101, 111, 111, 2, 3, 5, 2, A, 5, B, 3, 0, C, 3),
+               "# Check failed: a == 1 \\(2 vs\\. 1\\)");
+  EXPECT_DEATH(orvik_i8_i32_gemm(101, 111, 111, 2, 3, 5, 1, A, 5, B, 3, 0, nullptr, 3),
+               "# Check failed: C\n");
+  EXPECT_DEATH(orvik_i8_i32_gemm(103, 111, 111, 2, 3, 5, 1, A, 5, B, 3, 0, C, 3),
+               "# Check failed: Order == 101 \\|\\| Order == 102\n");
+  EXPECT_DEATH(orvik_i8_i32_gemm(101, 110, 111, 2, 3, 5, 1, A, 5, B, 3, 0, C, 3),
+               "# Check failed: TransA == 111 \\|\\| TransA == 112\n");
+  EXPECT_DEATH(orvik_i8_i32_gemm(101, 111, 0, 2, 3, 5, 1, A, 5, B, 3, 0, C, 3),
+               "# Check failed: TransB == 111 \\|\\| TransB == 112\n");
+  EXPECT_DEATH(orvik_i8_i32_gemm(101, 111, 111, 2, 3, 5, 1, A, 4, B, 3, 0, C, 3),
+               "# Check failed: lda == K \\(4 vs\\. 5\\)");
+  EXPECT_DEATH(orvik_i8_i32_gemm(101, 112, 112, 2, 3, 5, 1, A, 2, B, 3, 0, C, 3),
+               "# Check failed: ldb == K \\(3 vs\\. 5\\)");
+  EXPECT_DEATH(orvik_i8_i32_gemm(102, 111, 111, 2, 3, 5, 1, A, 2, B, 5, 0, C, 3),
+               "# Check failed: ldc == M \\(3 vs\\. 2\\)");
+  // M of 0 still goes through the checks.
+  EXPECT_DEATH(orvik_i8_i32_gemm(101, 111, 111, 0, 3, 5, 1, A, 4, B, 3, 0, C, 3),
+               "# Check failed: lda == K \\(4 vs\\. 5\\)");
+  EXPECT_DEATH(orvik_i8_i32_dot(4, A, 1, B, 2), "# Check failed: incy == 1 \\(2 vs\\. 1\\)");
+  const signed char x[2] = {1, 1}, y[3] = {1, 1, 1};
+  EXPECT_DEATH(orvik_i8_i32_ger(101, 2, 3, 1, x, 1, y, 1, C, 3),
+               "# Check failed: ldb == N \\(1 vs\\. 3\\)");
+}
+
+// t = fma(sa, sum * sab, (C * sc) * sb) * so, truncated toward zero and
+// saturated to int8.
+TEST(I8GemmShiftTest, ScalesTruncatesAndSaturates) {
+  struct Case {
+    signed char a_value, b_value, c_in, out_shift;
+    signed char expected;
+  };
+  // A 1x1 product of A = a_value and B = 1 at every shift 0, plus b * C.
+  const Case kCases[] = {
+      {127, 1, 1, 0, 127},     // 128 saturates to 127
+      {-128, 0, 5, 0, -128},   // -128 stays
+      {-128, 1, -1, 0, -128},  // -129 saturates to -128
+      {-9, 0, 0, 1, -4},       // -4.5 truncates toward zero
+      {1, 0, 0, 1, 0},         // 0.5 truncates to 0
+      {-1, 1, 0, 1, 0},        // -0.5 truncates to 0, not -1
+      {100, 1, 27, 0, 127},    // 127 exactly is kept
+  };
+  for (const Case& c : kCases) {
+    const signed char A[1] = {c.a_value}, B[1] = {1};
+    signed char C[1] = {c.c_in};
+    const signed char out_shift = c.out_shift;
+    orvik_i8_i8_gemm_shift(101, 111, 111, 1, 1, 1, 1, 0, A, 0, 1, B, 0, 1, c.b_value, 0, C, 0, 1,
+                           &out_shift, 1);
+    EXPECT_EQ(C[0], c.expected) << int(c.a_value) << " " << int(c.c_in);
+  }
+  // Shifts combine: sa = 2, sab = 2^-2, sc = 2, sb = 0.5, so = 2:
+  // (2 * 6 * 0.25 + 4 * 2 * 0.5) * 2 = 14.
+  const signed char A[1] = {3}, B[1] = {2};
+  signed char C[1] = {4};
+  orvik_i8_i8_gemm_shift_inhouse(101, 111, 111, 1, 1, 1, 1, 1, A, -1, 1, B, -1, 1, 1, -1, C, 1, -1,
+                                 1);
+  EXPECT_EQ(C[0], 14);
+}
+
+TEST(I8GemmShiftTest, MatchesFloatModelOnRandomData) {
+  std::mt19937 rng(47);
+  const int M = 3, N = 5, K = 7;
+  const std::vector<signed char> A = RandomBytes(&rng, M * K), B = RandomBytes(&rng, K * N);
+  std::vector<signed char> C = RandomBytes(&rng, M * N);
+  const std::vector<signed char> C0 = C;
+  const signed char out_shift = 8;
+  orvik_i8_i8_gemm_shift(101, 111, 112, M, N, K, 1, 0, A.data(), -1, K, B.data(), 0, K, 1, 0,
+                         C.data(), 0, 1, &out_shift, N);
+  for (int i = 0; i < M; ++i) {
+    for (int j = 0; j < N; ++j) {
+      int sum = 0;
+      for (int p = 0; p < K; ++p) sum += A[i * K + p] * B[j * K + p];
+      float t = std::fma(1.0f, static_cast<float>(sum) * 0.5f, static_cast<float>(C0[i * N + j]));
+      t *= 1.0f / 256.0f;
+      const int expected = t > 127 ? 127 : t < -128 ? -128 : static_cast<int>(t);
+      EXPECT_EQ(C[i * N + j], expected) << i << " " << j;
+    }
+  }
+}
+
+TEST(I8GemmShiftDeathTest, OnlyRowMajorUntransposedA) {
+  signed char A[16] = {}, B[16] = {}, C[16] = {};
+  const signed char s = 0;
+  EXPECT_DEATH(
+      orvik_i8_i8_gemm_shift(101, 111, 111, 2, 2, 2, 3, 0, A, 0, 2, B, 0, 2, 1, 0, C, 0, 1, &s, 2),
+      "# Check failed: a == 1 \\(3 vs\\. 1\\)");
+  EXPECT_DEATH(
+      orvik_i8_i8_gemm_shift(102, 111, 111, 2, 2, 2, 1, 0, A, 0, 2, B, 0, 2, 1, 0, C, 0, 1, &s, 2),
+      "# Check failed: Order == 101 \\(102 vs\\. 101\\)");
+  EXPECT_DEATH(
+      orvik_i8_i8_gemm_shift(101, 112, 111, 2, 2, 2, 1, 0, A, 0, 2, B, 0, 2, 1, 0, C, 0, 1, &s, 2),
+      "# Check failed: TransA == 111 \\(112 vs\\. 111\\)");
+  EXPECT_DEATH(
+      orvik_i8_i8_gemm_shift(101, 111, 112, 2, 3, 4, 1, 0, A, 0, 4, B, 0, 3, 1, 0, C, 0, 1, &s, 3),
+      "# Check failed: ldb == K \\(3 vs\\. 4\\)");
+  EXPECT_DEATH(
+      orvik_i8_i8_gemm_shift(101, 111, 111, 2, 2, 2, 1, 0, A, 0, 2, B, 0, 2, 1, 0, C, 0, 0, &s, 2),
+      "# Check failed: output_shift_given == 1 \\(0 vs\\. 1\\)");
+}
+
+TEST(BlockSizeTest, HelpersAndBlockSizes) {
+  EXPECT_EQ(RoundDown(13, 4), 12);
+  EXPECT_EQ(RoundDown(-13, 4), -12);
+  EXPECT_EQ(RoundDown(13, 0), 0);
+  EXPECT_EQ(RoundDown(13, -1), 13);
+  EXPECT_EQ(RoundUp(13, 4), 16);
+  EXPECT_EQ(RoundUp(16, 8), 16);
+  EXPECT_EQ(CeilQuotient(13, 4), 4);
+  EXPECT_EQ(CeilQuotient(12, 4), 3);
+  EXPECT_EQ(CeilQuotient(5, 0), 0);
+  EXPECT_EQ(CeilQuotient(5, -1), -3);
+
+  BlockParams p{};
+  // k4 256: n_cap = 1536 * 0.75 = 1152, one N block: l2_n = 512;
+  // m_cap = (393216 - 131072) / 2304 = 113, m 1000 in 9 blocks of 112.
+  FindL2BlockSizes_nn(1000, 512, 256, &p);
+  EXPECT_EQ(p.l2_n, 512);
+  EXPECT_EQ(p.l2_m, 112);
+  EXPECT_EQ(p.l2_k, 256);
+  // L1: one K block of 256; m_cap = 16384 / (256 + 2048) = 7, 112 in 16
+  // blocks of 7 -> 4.
+  FindL1BlockSizes_nn(&p);
+  EXPECT_EQ(p.l1_k, 256);
+  EXPECT_EQ(p.l1_m, 4);
+  EXPECT_EQ(p.l1_n, 512);
+  // Deep K splits at the L1 limit: 3000 in 3 blocks of 1000.
+  FindL2BlockSizes_nn(8, 8, 3000, &p);
+  FindL1BlockSizes_nn(&p);
+  EXPECT_EQ(p.l2_k, 3000);
+  EXPECT_EQ(p.l1_k, 1000);
+}
+
+}  // namespace

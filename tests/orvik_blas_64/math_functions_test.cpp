@@ -1,0 +1,206 @@
+#include "orvik_blas_64/src/math_functions.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <numeric>
+#include <vector>
+
+namespace orvik {
+namespace ruvo {
+namespace math {
+namespace {
+
+TEST(MathGemmTest, RowMajorWrappersDeriveLeadingDimensions) {
+  // A 2x3, B^T stored as 4x3: C (2x4) = A * B.
+  const float A[6] = {1, 2, 3, 4, 5, 6};
+  const float Bt[12] = {1, 0, 0, 0, 1, 0, 0, 0, 1, 1, 1, 1};
+  float C[8];
+  orvik_cpu_gemm<float>(CblasNoTrans, CblasTrans, 2, 4, 3, 1.0f, A, Bt, 0.0f, C);
+  const float expected[8] = {1, 2, 3, 6, 4, 5, 6, 15};
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(C[i], expected[i]) << i;
+  // A bias row added through a depth-1 product with beta 1.
+  const float ones[2] = {1, 1}, bias[4] = {10, 20, 30, 40};
+  orvik_cpu_gemm<float>(CblasNoTrans, CblasNoTrans, 2, 4, 1, 1.0f, ones, bias, 1.0f, C);
+  EXPECT_EQ(C[0], 11);
+  EXPECT_EQ(C[7], 55);
+
+  const signed char qa[6] = {1, -2, 3, 4, 5, -6};  // A^T stored 3x2
+  const signed char qb[6] = {1, 2, 3, 4, 5, 6};    // B 3x2
+  int qc[4] = {100, 100, 100, 100};
+  orvik_cpu_gemm<signed char, int>(CblasTrans, CblasNoTrans, 2, 2, 3, 1, qa, qb, 1, qc);
+  // A = [[1, 3, 5], [-2, 4, -6]].
+  EXPECT_EQ(qc[0], 100 + 1 * 1 + 3 * 3 + 5 * 5);
+  EXPECT_EQ(qc[1], 100 + 1 * 2 + 3 * 4 + 5 * 6);
+  EXPECT_EQ(qc[2], 100 - 2 * 1 + 4 * 3 - 6 * 5);
+  EXPECT_EQ(qc[3], 100 - 2 * 2 + 4 * 4 - 6 * 6);
+}
+
+TEST(MathAxpbTest, FloatToInt8TruncatesAndKeepsTheLowByte) {
+  struct Case {
+    float x, a, b;
+    signed char expected;
+  };
+  const Case kCases[] = {
+      {200.7f, 1.0f, 0.0f, -56},   // 200 -> low byte 0xC8
+      {-1.9f, 1.0f, 0.0f, -1},     // truncation toward zero
+      {1.0f, 2.5f, 0.75f, 3},      // 3.25
+      {-3.0f, 0.5f, 0.0f, -1},     // -1.5
+      {384.0f, 1.0f, 1.0f, -127},  // 385 = 0x181
+  };
+  // 20 elements: one block of 16 and a tail of 4 give the same results.
+  for (const Case& c : kCases) {
+    std::vector<float> x(20, c.x);
+    std::vector<signed char> y(20, 0);
+    orvik_cpu_axpb<float, signed char>(20, c.a, c.b, x.data(), y.data());
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(y[i], c.expected) << c.x << " at " << i;
+  }
+  // The fused multiply-add decides: 0.1f*10 + -1 is not zero when fused.
+  float x = 0.1f;
+  signed char y = 0;
+  neon_axpb<signed char, float>(&y, &x, 10.0f * 1024, -1024.0f, 1);
+  EXPECT_EQ(y, static_cast<signed char>(static_cast<int>(std::fma(0.1f, 10240.0f, -1024.0f))));
+}
+
+TEST(MathAxpbTest, IntToFloatIsFused) {
+  const int x[17] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 16777217};
+  float y[17];
+  orvik_cpu_axpb<int, float>(17, 0.5f, -1.0f, x, y);
+  for (int i = 0; i < 16; ++i) EXPECT_EQ(y[i], x[i] * 0.5f - 1.0f) << i;
+  EXPECT_EQ(y[16], std::fma(16777216.0f, 0.5f, -1.0f));
+}
+
+TEST(MathMpxTest, AddsOneRowToEveryRow) {
+  int Y[6] = {1, 2, 3, 4, 5, std::numeric_limits<int>::max()};
+  const int X[3] = {10, 20, 1};
+  orvik_cpu_mpx<int, int>(2, 3, Y, X);
+  EXPECT_EQ(Y[0], 11);
+  EXPECT_EQ(Y[4], 25);
+  EXPECT_EQ(Y[5], std::numeric_limits<int>::min());  // wraps
+}
+
+TEST(MathMinMaxTest, ExtendsTheCallersBoundsInEveryForm) {
+  std::vector<float> x(37);
+  for (int i = 0; i < 37; ++i) x[i] = std::sin(static_cast<float>(i)) * 10.0f;
+  x[21] = -42.0f;  // inside the vector blocks
+  x[35] = 43.0f;   // in the tail
+  using Form = void (*)(int, const float*, float*, float*);
+  for (Form form : {&orvik_cpu_min_max<float>, &orvik_cpu_min_max_kernel<float>,
+                    &orvik_cpu_min_max_neon<float>, &orvik_cpu_min_max_naive<float>}) {
+    float lo = 3.4028235e+38f, hi = -3.4028235e+38f;
+    form(37, x.data(), &lo, &hi);
+    EXPECT_EQ(lo, -42.0f);
+    EXPECT_EQ(hi, 43.0f);
+    // Bounds already wider stay; N of 0 changes nothing.
+    float wide_lo = -100.0f, wide_hi = 100.0f;
+    form(37, x.data(), &wide_lo, &wide_hi);
+    form(0, x.data(), &wide_lo, &wide_hi);
+    EXPECT_EQ(wide_lo, -100.0f);
+    EXPECT_EQ(wide_hi, 100.0f);
+  }
+  // A NaN never becomes a bound in the naive form.
+  const float with_nan[3] = {1.0f, std::numeric_limits<float>::quiet_NaN(), 2.0f};
+  float lo = 5.0f, hi = -5.0f;
+  orvik_cpu_min_max_naive(3, with_nan, &lo, &hi);
+  EXPECT_EQ(lo, 1.0f);
+  EXPECT_EQ(hi, 2.0f);
+}
+
+TEST(MathFillCopyTest, SetAndCopy) {
+  float f[5] = {1, 2, 3, 4, 5};
+  orvik_set<float>(5, -0.0f, f);
+  for (float v : f) EXPECT_FALSE(std::signbit(v));
+  orvik_set<float>(3, 2.5f, f);
+  EXPECT_EQ(f[2], 2.5f);
+  EXPECT_EQ(f[3], 0.0f);
+  signed char c[4] = {};
+  orvik_set<signed char>(4, -3, c);
+  EXPECT_EQ(c[3], -3);
+
+  float g[5] = {};
+  orvik_copy<float>(5, f, g);
+  EXPECT_EQ(0, memcmp(f, g, sizeof(f)));
+  orvik_copy<float>(5, g, g);  // same pointer: nothing happens
+  EXPECT_EQ(g[0], 2.5f);
+  signed char d[4] = {};
+  orvik_copy<signed char>(4, c, d);
+  EXPECT_EQ(d[0], -3);
+}
+
+// out[a][d][c][b][e] = in[a][b][c][d][e], checked element by element
+// against the index formula, for every branch of the routine.
+TEST(MathSwapAxisTest, SwapsAxesOneAndThree) {
+  const int kDims[][5] = {
+      {2, 3, 2, 4, 3}, {1, 5, 1, 3, 1}, {2, 1, 1, 4, 2}, {1, 3, 1, 1, 4}, {2, 2, 3, 2, 1}};
+  for (const auto& dims : kDims) {
+    const int d0 = dims[0], d1 = dims[1], d2 = dims[2], d3 = dims[3], d4 = dims[4];
+    const int n = d0 * d1 * d2 * d3 * d4;
+    std::vector<float> in(n), out(n, -1.0f);
+    std::iota(in.begin(), in.end(), 0.0f);
+    std::vector<signed char> in8(n), out8(n, -1);
+    for (int i = 0; i < n; ++i) in8[i] = static_cast<signed char>(i * 7);
+    SwapAxis1VS3<float>(in.data(), out.data(), dims);
+    SwapAxis1VS3<signed char>(in8.data(), out8.data(), dims);
+    for (int a = 0; a < d0; ++a)
+      for (int b = 0; b < d1; ++b)
+        for (int c = 0; c < d2; ++c)
+          for (int d = 0; d < d3; ++d)
+            for (int e = 0; e < d4; ++e) {
+              const int src = (((a * d1 + b) * d2 + c) * d3 + d) * d4 + e;
+              const int dst = (((a * d3 + d) * d2 + c) * d1 + b) * d4 + e;
+              ASSERT_EQ(out[dst], in[src]) << dims[0] << dims[1] << dims[2] << dims[3] << dims[4];
+              ASSERT_EQ(out8[dst], in8[src]);
+            }
+  }
+}
+
+TEST(MathSoftmaxTest, ExpApproxTracksExp) {
+  // The polynomial on the reduced argument is good to a few float ulps.
+  for (float x = -64.0f; x <= 0.0f; x += 0.37f) {
+    const float expected = std::exp(x);
+    EXPECT_NEAR(exp_approx(x), expected, expected * 4e-7f) << x;
+  }
+  EXPECT_EQ(exp_approx(0.0f), 1.0f);
+}
+
+TEST(MathSoftmaxTest, VectorPartAndTail) {
+  // n = 5: four elements by exp_approx, the fifth by expf.
+  const float in[5] = {0.5f, -1.0f, 2.0f, 0.0f, 1.0f};
+  float out[5];
+  softmax(in, out, 5);
+  const float e[5] = {exp_approx(0.5f - 2.0f), exp_approx(-3.0f), exp_approx(0.0f),
+                      exp_approx(-2.0f), expf(1.0f - 2.0f)};
+  const float sum = ((e[0] + e[1]) + (e[2] + e[3])) + e[4];
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(out[i], e[i] * (1.0f / sum)) << i;
+  EXPECT_EQ(out[4], e[4] / sum);
+  double total = 0.0;
+  for (float v : out) total += v;
+  EXPECT_NEAR(total, 1.0, 1e-6);
+
+  // Equal inputs give 1/n within float rounding, in place.
+  std::vector<float> same(11, 3.0f);
+  softmax(same.data(), same.data(), 11);
+  for (float v : same) EXPECT_NEAR(v, 1.0f / 11, 1e-7f);
+}
+
+TEST(MathSoftmaxTest, VectorPartClampsAtMinus64) {
+  // Element 1 lies 100 below the maximum: in the vector part it counts as
+  // exp(-64), not zero.
+  const float in[4] = {100.0f, 0.0f, 100.0f, 100.0f};
+  float out[4];
+  softmax(in, out, 4);
+  EXPECT_GT(out[1], 0.0f);
+  EXPECT_NEAR(out[1] / out[0], std::exp(-64.0), std::exp(-64.0) * 1e-5);
+  // In the tail there is no clamp.
+  const float tail[5] = {100.0f, 100.0f, 100.0f, 100.0f, 0.0f};
+  float tail_out[5];
+  softmax(tail, tail_out, 5);
+  EXPECT_EQ(tail_out[4], expf(-100.0f) / 4.0f);
+}
+
+}  // namespace
+}  // namespace math
+}  // namespace ruvo
+}  // namespace orvik

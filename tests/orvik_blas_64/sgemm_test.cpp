@@ -1,0 +1,381 @@
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "orvik_blas_64/src/orvik_blas/orvik_cblas.h"
+#include "tests/orvik_blas_64/kernel_test_util.h"
+
+namespace {
+
+using orvik_test::ForEachKernelVariant;
+using orvik_test::RandomFloats;
+
+struct GemmShape {
+  int order, trans_a, trans_b, M, N, K;
+  float alpha, beta;
+};
+
+std::string Describe(const GemmShape& s, const std::string& variant) {
+  return variant + " order " + std::to_string(s.order) + " ta " + std::to_string(s.trans_a) +
+         " tb " + std::to_string(s.trans_b) + " M " + std::to_string(s.M) + " N " +
+         std::to_string(s.N) + " K " + std::to_string(s.K) + " alpha " + std::to_string(s.alpha) +
+         " beta " + std::to_string(s.beta);
+}
+
+// Dense leading dimensions for a shape.
+void LeadingDims(const GemmShape& s, int* lda, int* ldb, int* ldc) {
+  const bool row = s.order == CblasRowMajor;
+  const bool ta = s.trans_a == CblasTrans, tb = s.trans_b == CblasTrans;
+  *lda = row ? (ta ? s.M : s.K) : (ta ? s.K : s.M);
+  *ldb = row ? (tb ? s.K : s.N) : (tb ? s.N : s.K);
+  *ldc = row ? s.N : s.M;
+}
+
+// Element (i, j) of op(X) for a dense matrix in the given order.
+float OpAt(const std::vector<float>& x, bool row, bool trans, int ld, int i, int j) {
+  if (trans) std::swap(i, j);
+  return row ? x[static_cast<size_t>(i) * ld + j] : x[i + static_cast<size_t>(j) * ld];
+}
+
+// Runs cblas_sgemm and the plain reference on the same random data and
+// compares each entry.  The two differ only in summation order and
+// fusing, each within k roundings of the sum of magnitudes, so the bound
+// is that sum times 2 (k + 2) float epsilons.
+void CompareWithReference(const GemmShape& s, std::mt19937* rng, const std::string& variant) {
+  int lda, ldb, ldc;
+  LeadingDims(s, &lda, &ldb, &ldc);
+  const std::vector<float> A = RandomFloats(rng, static_cast<size_t>(s.M) * s.K);
+  const std::vector<float> B = RandomFloats(rng, static_cast<size_t>(s.K) * s.N);
+  const std::vector<float> C0 = RandomFloats(rng, static_cast<size_t>(s.M) * s.N);
+  std::vector<float> ours = C0, ref = C0;
+  cblas_sgemm(static_cast<CBLAS_ORDER>(s.order), static_cast<CBLAS_TRANSPOSE>(s.trans_a),
+              static_cast<CBLAS_TRANSPOSE>(s.trans_b), s.M, s.N, s.K, s.alpha, A.data(), lda,
+              B.data(), ldb, s.beta, ours.data(), ldc);
+  orvik_sgemm_inhouse(s.order, s.trans_a, s.trans_b, s.M, s.N, s.K, s.alpha, A.data(), lda,
+                      B.data(), ldb, s.beta, ref.data(), ldc);
+  const bool row = s.order == CblasRowMajor;
+  int bad = 0;
+  for (int i = 0; i < s.M && bad < 5; ++i) {
+    for (int j = 0; j < s.N && bad < 5; ++j) {
+      double magnitude = 0.0;
+      for (int l = 0; l < s.K; ++l) {
+        magnitude += std::fabs(OpAt(A, row, s.trans_a == CblasTrans, lda, i, l) *
+                               OpAt(B, row, s.trans_b == CblasTrans, ldb, l, j));
+      }
+      const size_t at = row ? static_cast<size_t>(i) * ldc + j : i + static_cast<size_t>(j) * ldc;
+      magnitude = magnitude * std::fabs(s.alpha) + std::fabs(s.beta * C0[at]);
+      const double tol = 2.0 * (s.K + 2) * FLT_EPSILON * magnitude + 1e-30;
+      if (!(std::fabs(ours[at] - ref[at]) <= tol)) {
+        ++bad;
+        ADD_FAILURE() << Describe(s, variant) << " at (" << i << ", " << j << "): " << ours[at]
+                      << " vs reference " << ref[at] << ", tolerance " << tol;
+      }
+    }
+  }
+}
+
+const int kOrders[] = {CblasRowMajor, CblasColMajor};
+const int kTrans[] = {CblasNoTrans, CblasTrans};
+
+TEST(SgemmTest, RandomSmallShapesMatchReferenceInEveryForm) {
+  std::mt19937 rng(1234);
+  std::uniform_int_distribution<int> dim(1, 20);
+  const float kScalars[][2] = {{1.0f, 0.0f}, {0.5f, 1.0f}, {-1.5f, 0.25f}};
+  ForEachKernelVariant([&](const std::string& variant) {
+    for (int rep = 0; rep < 40; ++rep) {
+      const int M = dim(rng), N = dim(rng), K = dim(rng);
+      for (int order : kOrders) {
+        for (int ta : kTrans) {
+          for (int tb : kTrans) {
+            const float* ab = kScalars[rep % 3];
+            CompareWithReference({order, ta, tb, M, N, K, ab[0], ab[1]}, &rng, variant);
+          }
+        }
+      }
+    }
+  });
+}
+
+// Sizes that cross each blocking boundary: two row blocks (130), three
+// depth blocks (500), column strips with a tail (13), a second outer column
+// block (12288 + 1), and the matrix-vector shapes of a one-frame net.
+TEST(SgemmTest, BlockBoundariesMatchReference) {
+  const GemmShape kShapes[] = {
+      {CblasColMajor, CblasNoTrans, CblasNoTrans, 130, 7, 9, 1.0f, 0.0f},
+      {CblasColMajor, CblasTrans, CblasNoTrans, 300, 5, 17, 1.0f, 0.5f},
+      {CblasRowMajor, CblasNoTrans, CblasTrans, 6, 130, 500, 1.0f, 0.0f},
+      {CblasColMajor, CblasNoTrans, CblasTrans, 9, 13, 500, 2.0f, 1.0f},
+      {CblasRowMajor, CblasTrans, CblasTrans, 13, 21, 241, 1.0f, 0.0f},
+      {CblasColMajor, CblasNoTrans, CblasNoTrans, 5, 12289, 3, 1.0f, 1.0f},
+      {CblasColMajor, CblasTrans, CblasTrans, 3, 12289, 2, -1.0f, 0.0f},
+      {CblasRowMajor, CblasNoTrans, CblasTrans, 1, 256, 120, 1.0f, 0.0f},
+      {CblasRowMajor, CblasNoTrans, CblasNoTrans, 1, 37, 29, 1.0f, 1.0f},
+      {CblasRowMajor, CblasTrans, CblasNoTrans, 1, 33, 70, 0.5f, 0.0f},
+      {CblasRowMajor, CblasNoTrans, CblasTrans, 45, 1, 67, 1.0f, 0.0f},
+      {CblasColMajor, CblasTrans, CblasNoTrans, 45, 1, 67, 1.0f, 2.0f},
+      {CblasRowMajor, CblasNoTrans, CblasNoTrans, 16, 256, 120, 1.0f, 0.0f},
+  };
+  std::mt19937 rng(99);
+  ForEachKernelVariant([&](const std::string& variant) {
+    for (const GemmShape& s : kShapes) CompareWithReference(s, &rng, variant);
+  });
+}
+
+TEST(SgemmTest, BetaZeroClearsNaNAndAlphaZeroOnlyScales) {
+  const float A[6] = {1, 2, 3, 4, 5, 6};
+  const float B[6] = {1, 0, 0, 1, 1, 1};
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  float C[4] = {nan, nan, nan, nan};
+  // Row-major 2x3 times 3x2: C = A*B.
+  cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, 2, 2, 3, 1.0f, A, 3, B, 2, 0.0f, C, 2);
+  EXPECT_FLOAT_EQ(C[0], 4.0f);
+  EXPECT_FLOAT_EQ(C[1], 5.0f);
+  EXPECT_FLOAT_EQ(C[2], 10.0f);
+  EXPECT_FLOAT_EQ(C[3], 11.0f);
+
+  float D[4] = {1.0f, -2.0f, 3.0f, nan};
+  cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, 2, 2, 3, 0.0f, A, 3, B, 2, 2.0f, D, 2);
+  EXPECT_FLOAT_EQ(D[0], 2.0f);
+  EXPECT_FLOAT_EQ(D[1], -4.0f);
+  EXPECT_FLOAT_EQ(D[2], 6.0f);
+  EXPECT_TRUE(std::isnan(D[3]));
+
+  // K of 0 applies beta alone.
+  float E[2] = {3.0f, 5.0f};
+  cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, 1, 2, 0, 1.0f, A, 0, B, 2, 0.5f, E, 2);
+  EXPECT_FLOAT_EQ(E[0], 1.5f);
+  EXPECT_FLOAT_EQ(E[1], 2.5f);
+}
+
+struct LdCase {
+  int order, ta, tb, lda, ldb, ldc;
+  const char* expected;
+};
+
+// M 2, N 3, K 5: each wrong leading dimension is reported with its name
+// and both numbers.
+TEST(SgemmDeathTest, LeadingDimensionsMustBeDense) {
+  const LdCase kCases[] = {
+      {101, 111, 111, 7, 3, 3, "lda == K \\(7 vs\\. 5\\)"},
+      {101, 112, 111, 5, 3, 3, "lda == M \\(5 vs\\. 2\\)"},
+      {101, 111, 111, 5, 5, 3, "ldb == N \\(5 vs\\. 3\\)"},
+      {101, 111, 112, 5, 3, 3, "ldb == K \\(3 vs\\. 5\\)"},
+      {101, 111, 111, 5, 3, 2, "ldc == N \\(2 vs\\. 3\\)"},
+      {102, 111, 111, 5, 5, 2, "lda == M \\(5 vs\\. 2\\)"},
+      {102, 112, 111, 2, 5, 2, "lda == K \\(2 vs\\. 5\\)"},
+      {102, 111, 111, 2, 3, 2, "ldb == K \\(3 vs\\. 5\\)"},
+      {102, 111, 112, 2, 5, 2, "ldb == N \\(5 vs\\. 3\\)"},
+      {102, 111, 111, 2, 5, 3, "ldc == M \\(3 vs\\. 2\\)"},
+  };
+  std::vector<float> A(64), B(64), C(64);
+  for (const LdCase& c : kCases) {
+    EXPECT_DEATH(cblas_sgemm(static_cast<CBLAS_ORDER>(c.order), static_cast<CBLAS_TRANSPOSE>(c.ta),
+                             static_cast<CBLAS_TRANSPOSE>(c.tb), 2, 3, 5, 1.0f, A.data(), c.lda,
+                             B.data(), c.ldb, 0.0f, C.data(), c.ldc),
+                 std::string("# Check failed: ") + c.expected)
+        << c.expected;
+    // The reference form makes the same checks with the same words.
+    EXPECT_DEATH(orvik_sgemm_inhouse(c.order, c.ta, c.tb, 2, 3, 5, 1.0f, A.data(), c.lda, B.data(),
+                                     c.ldb, 0.0f, C.data(), c.ldc),
+                 std::string("# Check failed: ") + c.expected);
+  }
+}
+
+TEST(SgemmDeathTest, ArgumentChecksInOrder) {
+  float A[4] = {}, B[4] = {}, C[4] = {};
+  EXPECT_DEATH(cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, 2, 2, 2, 1.0f, A, 2, B, 2,
+                           0.0f, nullptr, 2),
+               "# Check failed: C\n");
+  EXPECT_DEATH(cblas_sgemm(static_cast<CBLAS_ORDER>(100), CblasNoTrans, CblasNoTrans, 2, 2, 2, 1.0f,
+                           A, 9, B, 2, 0.0f, C, 2),
+               "# Check failed: Order == 101 \\|\\| Order == 102\n");
+  EXPECT_DEATH(cblas_sgemm(CblasRowMajor, static_cast<CBLAS_TRANSPOSE>(113), CblasNoTrans, 2, 2, 2,
+                           1.0f, A, 9, B, 2, 0.0f, C, 2),
+               "# Check failed: TransA == 111 \\|\\| TransA == 112\n");
+  EXPECT_DEATH(cblas_sgemm(CblasRowMajor, CblasNoTrans, static_cast<CBLAS_TRANSPOSE>(0), 2, 2, 2,
+                           1.0f, A, 9, B, 2, 0.0f, C, 2),
+               "# Check failed: TransB == 111 \\|\\| TransB == 112\n");
+  // incY 1 with N above 1 ends in the GEMM's ldb check.
+  float x[2] = {1, 2}, y[3] = {1, 2, 3}, M[6] = {};
+  EXPECT_DEATH(cblas_sger(CblasRowMajor, 2, 3, 1.0f, x, 1, y, 1, M, 3),
+               "# Check failed: ldb == N \\(1 vs\\. 3\\)");
+}
+
+TEST(SgerTest, RankOneUpdateWithItsOddStrides) {
+  const float x[2] = {1.0f, 2.0f};
+  const float y[3] = {1.0f, 10.0f, 100.0f};
+  float A[6] = {1, 1, 1, 1, 1, 1};
+  cblas_sger(CblasColMajor, 2, 3, 0.5f, x, 1, y, 3, A, 3);
+  const float expected[6] = {1.5f, 6.0f, 51.0f, 2.0f, 11.0f, 101.0f};
+  for (int i = 0; i < 6; ++i) EXPECT_FLOAT_EQ(A[i], expected[i]) << i;
+}
+
+// m is the length of y and n the length of x in every combination.
+TEST(SgemvTest, EveryFormMatchesPlainLoops) {
+  std::mt19937 rng(7);
+  std::uniform_int_distribution<int> dim(1, 40);
+  ForEachKernelVariant([&](const std::string& variant) {
+    for (int rep = 0; rep < 30; ++rep) {
+      const int m = dim(rng), n = rep == 0 ? 300 : dim(rng);
+      for (int order : kOrders) {
+        for (int trans : kTrans) {
+          const bool row = order == CblasRowMajor;
+          // Element (i, j) of the m x n operator that maps x to y.
+          const bool y_index_major = row == (trans == CblasNoTrans);
+          const int lda = y_index_major ? n : m;
+          const std::vector<float> A = RandomFloats(&rng, static_cast<size_t>(m) * n);
+          const std::vector<float> x = RandomFloats(&rng, n);
+          std::vector<float> y = RandomFloats(&rng, m);
+          const std::vector<float> y0 = y;
+          const float alpha = 0.75f, beta = rep % 2 ? 0.0f : -0.5f;
+          cblas_sgemv(static_cast<CBLAS_ORDER>(order), static_cast<CBLAS_TRANSPOSE>(trans), m, n,
+                      alpha, A.data(), lda, x.data(), 1, beta, y.data(), 1);
+          for (int i = 0; i < m; ++i) {
+            double dot = 0.0, magnitude = 0.0;
+            for (int j = 0; j < n; ++j) {
+              const float a = y_index_major ? A[static_cast<size_t>(i) * lda + j]
+                                            : A[static_cast<size_t>(j) * lda + i];
+              dot += static_cast<double>(a) * x[j];
+              magnitude += std::fabs(a * x[j]);
+            }
+            const double expect = alpha * dot + beta * y0[i];
+            const double tol = 2.0 * (n + 2) * FLT_EPSILON * (magnitude + std::fabs(y0[i]));
+            EXPECT_NEAR(y[i], expect, tol) << variant << " order " << order << " trans " << trans
+                                           << " m " << m << " n " << n << " i " << i;
+          }
+          if (row) {
+            std::vector<float> z = y0;
+            orvik_sgemv_inhouse(order, trans, m, n, alpha, A.data(), lda, x.data(), 1, beta,
+                                z.data(), 1);
+            for (int i = 0; i < m; ++i) {
+              EXPECT_NEAR(z[i], y[i], 4.0 * (n + 2) * FLT_EPSILON * (n + 1)) << i;
+            }
+          }
+        }
+      }
+    }
+  });
+}
+
+TEST(SgemvTest, RowMajorTransposeReadsNAndWritesM) {
+  // Row-major, Trans 112, m 4, n 8: A is 8 rows of 4, lda 4.
+  float A[32];
+  for (int i = 0; i < 32; ++i) A[i] = static_cast<float>(i);
+  float x[9] = {1, 1, 1, 1, 1, 1, 1, 1, 1000};
+  float y[5] = {0, 0, 0, 0, -7};
+  cblas_sgemv(CblasRowMajor, CblasTrans, 4, 8, 1.0f, A, 4, x, 1, 0.0f, y, 1);
+  for (int i = 0; i < 4; ++i) {
+    float column = 0;
+    for (int j = 0; j < 8; ++j) column += A[j * 4 + i];
+    EXPECT_FLOAT_EQ(y[i], column);
+  }
+  EXPECT_EQ(y[4], -7.0f);
+}
+
+TEST(SgemvDeathTest, Checks) {
+  float A[16] = {}, x[4] = {}, y[4] = {};
+  EXPECT_DEATH(cblas_sgemv(CblasRowMajor, CblasNoTrans, 2, 4, 1.0f, A, 4, x, 1, 0.0f, nullptr, 1),
+               "# Check failed: C\n");
+  EXPECT_DEATH(cblas_sgemv(CblasRowMajor, CblasTrans, 4, 8, 1.0f, A, 8, x, 1, 0.0f, y, 1),
+               "# Check failed: lda == m \\(8 vs\\. 4\\)");
+  EXPECT_DEATH(cblas_sgemv(CblasColMajor, CblasNoTrans, 2, 4, 1.0f, A, 4, x, 1, 0.0f, y, 1),
+               "# Check failed: lda == m \\(4 vs\\. 2\\)");
+  EXPECT_DEATH(cblas_sgemv(CblasRowMajor, CblasNoTrans, 2, 4, 1.0f, A, 4, x, 2, 0.0f, y, 1),
+               "# Check failed: ldb == 1 \\(2 vs\\. 1\\)");
+  EXPECT_DEATH(cblas_sgemv(CblasRowMajor, CblasNoTrans, 2, 4, 1.0f, A, 4, x, 1, 0.0f, y, -1),
+               "# Check failed: ldc == 1 \\(-1 vs\\. 1\\)");
+  EXPECT_DEATH(orvik_sgemv_inhouse(102, 111, 2, 4, 1.0f, A, 2, x, 1, 0.0f, y, 1),
+               "# Check failed: Order == 101 \\(102 vs\\. 101\\)");
+}
+
+TEST(Level1Test, AxpyIsFusedAndTheOthersAreExact) {
+  // 1 + 2^-24 squared needs the fused form to keep its last bit.
+  const float e = std::ldexp(1.0f, -12);
+  ForEachKernelVariant([&](const std::string& variant) {
+    std::vector<float> x(37, 1.0f + e), y(37, -1.0f);
+    cblas_saxpy(37, 1.0f + e, x.data(), 1, y.data(), 1);
+    for (float v : y) ASSERT_EQ(v, std::fma(1.0f + e, 1.0f + e, -1.0f)) << variant;
+
+    std::vector<float> a(53), b(53);
+    double dot = 0.0;
+    for (int i = 0; i < 53; ++i) {
+      a[i] = static_cast<float>(i % 7) - 3.0f;
+      b[i] = static_cast<float>(i % 5) * 0.5f;
+      dot += a[i] * b[i];
+    }
+    EXPECT_FLOAT_EQ(cblas_sdot(53, a.data(), 1, b.data(), 1), static_cast<float>(dot)) << variant;
+  });
+
+  float v[3] = {1.0f, -2.0f, std::numeric_limits<float>::quiet_NaN()};
+  cblas_sscal(3, 0.0f, v, 1);
+  EXPECT_EQ(v[2], 0.0f);
+  float w[3] = {1.0f, -2.0f, 4.0f};
+  const float u[3] = {1.0f, 1.0f, 1.0f};
+  cblas_saxpby(3, 2.0f, u, 1, 3.0f, w, 1);
+  EXPECT_EQ(w[0], 5.0f);
+  EXPECT_EQ(w[1], -4.0f);
+  EXPECT_EQ(w[2], 14.0f);
+  // Accumulated in double: 2^24 + 1 + 1 would stay 2^24 in float.
+  const float big[3] = {16777216.0f, -1.0f, 1.0f};
+  EXPECT_EQ(cblas_sasum(3, big, 1), 16777218.0f);
+  EXPECT_EQ(cblas_sasum(0, big, 1), 0.0f);
+  EXPECT_EQ(cblas_sdot(0, big, 1, big, 1), 0.0f);
+}
+
+TEST(Level1DeathTest, IncrementsMustBeOne) {
+  float x[4] = {}, y[4] = {};
+  EXPECT_DEATH(cblas_saxpy(4, 1.0f, x, 2, y, 1), "# Check failed: incX == 1 && incY == 1\n");
+  EXPECT_DEATH(cblas_saxpby(4, 1.0f, x, 1, 1.0f, y, 3), "# Check failed: incX == 1 && incY == 1\n");
+  EXPECT_DEATH(cblas_sscal(4, 1.0f, x, 2), "# Check failed: incX == 1 \\(2 vs\\. 1\\)");
+  EXPECT_DEATH(cblas_sasum(4, x, 0), "# Check failed: incX == 1 \\(0 vs\\. 1\\)");
+  EXPECT_DEATH(cblas_sdot(4, x, 1, y, 2), "# Check failed: incy == 1 \\(2 vs\\. 1\\)");
+  double d[4] = {};
+  EXPECT_DEATH(cblas_dscal(4, 1.0, d, 2), "# Check failed: incX == 1 \\(2 vs\\. 1\\)");
+  EXPECT_DEATH(cblas_ddot(4, d, 3, d, 1), "# Check failed: incx == 1 \\(3 vs\\. 1\\)");
+}
+
+TEST(DoubleFormsTest, MatchTheFloatFormsOnExactData) {
+  // Small integers: every product and sum is exact in both types.
+  std::mt19937 rng(5);
+  std::uniform_int_distribution<int> val(-4, 4);
+  for (int order : kOrders) {
+    for (int ta : kTrans) {
+      for (int tb : kTrans) {
+        const GemmShape s{order, ta, tb, 3, 5, 4, 2.0f, 1.0f};
+        int lda, ldb, ldc;
+        LeadingDims(s, &lda, &ldb, &ldc);
+        std::vector<float> Af(12), Bf(20), Cf(15);
+        std::vector<double> Ad(12), Bd(20), Cd(15);
+        for (int i = 0; i < 12; ++i) Ad[i] = Af[i] = static_cast<float>(val(rng));
+        for (int i = 0; i < 20; ++i) Bd[i] = Bf[i] = static_cast<float>(val(rng));
+        for (int i = 0; i < 15; ++i) Cd[i] = Cf[i] = static_cast<float>(val(rng));
+        cblas_sgemm(static_cast<CBLAS_ORDER>(order), static_cast<CBLAS_TRANSPOSE>(ta),
+                    static_cast<CBLAS_TRANSPOSE>(tb), 3, 5, 4, 2.0f, Af.data(), lda, Bf.data(), ldb,
+                    1.0f, Cf.data(), ldc);
+        cblas_dgemm(static_cast<CBLAS_ORDER>(order), static_cast<CBLAS_TRANSPOSE>(ta),
+                    static_cast<CBLAS_TRANSPOSE>(tb), 3, 5, 4, 2.0, Ad.data(), lda, Bd.data(), ldb,
+                    1.0, Cd.data(), ldc);
+        for (int i = 0; i < 15; ++i) EXPECT_EQ(Cd[i], Cf[i]) << order << ta << tb << " " << i;
+      }
+    }
+  }
+  const double A[6] = {1, 2, 3, 4, 5, 6}, x[3] = {1, 1, 2};
+  double y[2] = {1, 1};
+  cblas_dgemv(CblasRowMajor, CblasNoTrans, 2, 3, 1.0, A, 3, x, 1, 2.0, y, 1);
+  EXPECT_EQ(y[0], 11.0);
+  EXPECT_EQ(y[1], 23.0);
+  double G[6] = {};
+  cblas_dger(CblasRowMajor, 2, 3, 1.0, x, 1, A, 3, G, 3);
+  EXPECT_EQ(G[5], 3.0);
+  EXPECT_EQ(cblas_ddot(3, x, 1, x, 1), 6.0);
+  double s[2] = {2, 3};
+  cblas_dscal(2, 0.5, s, 1);
+  EXPECT_EQ(s[1], 1.5);
+}
+
+}  // namespace
