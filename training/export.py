@@ -1,0 +1,99 @@
+#!/usr/bin/python3
+"""Exports a trained model as the library's model files.
+
+  export.py --model work/model --out ../models/default
+
+Writes OUT/tovad.json (symbol graph), OUT/tovad.params (parameters),
+OUT/tovad.meanvar (negated means, then inverse deviations) and
+OUT/tovad.conf through the engine's model-file writer (tools/model_writer).
+"""
+
+import argparse
+import json
+import os
+import sys
+
+import numpy as np
+import torch
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
+sys.path.insert(0, os.path.join(HERE, "..", "tools"))
+import train  # noqa: E402
+from model_writer import SymbolGraph, write_params  # noqa: E402
+
+CONF = """\
+# Default model of tovad: a dense net over {n_height} frames of PCEN features.
+path_to_json = tovad.json
+path_to_param = tovad.params
+path_to_meanvar = tovad.meanvar
+feature_type = pcen
+n_batch = 1
+n_chan = {n_chan}
+n_height = {n_height}
+n_width = {n_width}
+n_classes = 2
+target_class = 1
+am_skip_num = 0
+# Decisions: 10 voice frames (100 ms) open a segment, 30 silent frames
+# (300 ms) close it, and the start is moved 20 frames (200 ms) back.
+sil_to_voice_hangover = 9
+voice_to_sil_hangover = 29
+extra_leading_sil = 20
+wakeup_threshold = {threshold}
+# No forced cutoff; the segment history then holds 51 s.
+cutoff_n_frame_max_vad_length = 0
+# Read by the tovad program only: frames between the audio a score
+# describes and the frame it is reported at (label delay + median filter).
+score_delay_frames = {score_delay}
+"""
+
+
+def build_graph(widths):
+    """Dense layers of the given output widths, ReLU between them, and a
+    softmax over the last layer's two outputs."""
+    g = SymbolGraph()
+    x = g.variable("data")
+    for i, width in enumerate(widths):
+        name = "fc%d" % (i + 1)
+        w, b = g.variable(name + "_weight"), g.variable(name + "_bias")
+        x = g.node("FullyConnected", name, [x, w, b], attr={"num_hidden": str(width)})
+        if i + 1 < len(widths):
+            x = g.node("Activation", "relu%d" % (i + 1), [x], attr={"act_type": "relu"})
+    g.heads = [g.node("SoftmaxActivation", "softmax", [x], attr={"mode": "instance"})]
+    return g
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    ap.add_argument("--model", required=True)
+    ap.add_argument("--out", required=True)
+    a = ap.parse_args()
+    ckpt = torch.load(os.path.join(a.model, "model.pt"))
+    with open(os.path.join(a.model, "train.json")) as f:
+        info = json.load(f)
+    model = train.DenseVad(info["n_height"], tuple(info["hidden"]))
+    model.load_state_dict(ckpt["state"])
+    linears = [m for m in model.net if isinstance(m, torch.nn.Linear)]
+
+    os.makedirs(a.out, exist_ok=True)
+    build_graph([m.out_features for m in linears]).write(os.path.join(a.out, "tovad.json"))
+    arrays = []
+    for i, m in enumerate(linears):
+        arrays.append(("arg:fc%d_weight" % (i + 1), m.weight.detach().numpy().astype(np.float32)))
+        arrays.append(("arg:fc%d_bias" % (i + 1), m.bias.detach().numpy().astype(np.float32)))
+    write_params(os.path.join(a.out, "tovad.params"), arrays)
+    with open(os.path.join(a.out, "tovad.meanvar"), "w") as f:
+        for terms in (ckpt["add"], ckpt["mul"]):
+            # Nine significant digits give back the float32 exactly.
+            for row in np.asarray(terms, np.float32).reshape(-1, train.N_WIDTH):
+                f.write(" ".join("%.9g" % v for v in row) + "\n")
+    with open(os.path.join(a.out, "tovad.conf"), "w") as f:
+        f.write(CONF.format(n_chan=train.N_CHAN, n_width=train.N_WIDTH, n_height=info["n_height"],
+                            threshold=info["threshold"], score_delay=info["score_delay_frames"]))
+    total = sum(os.path.getsize(os.path.join(a.out, n)) for n in os.listdir(a.out))
+    print("wrote %s: %d bytes in all" % (a.out, total))
+
+
+if __name__ == "__main__":
+    main()
