@@ -1,0 +1,448 @@
+// Fbank and PCEN extractors.  The fbank constructor of the system always
+// aborts, so its behaviour is reached through the protected constructor
+// that takes the dimensions directly.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <complex>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "src/fbank_feature_exactor.h"
+#include "src/pcen_feature_extractor.h"
+
+namespace Tovad_toolkit {
+namespace {
+
+const float kEps = 1.1920929e-07f;
+
+std::vector<int16_t> RandomPcm(size_t n, uint32_t seed, float sigma) {
+  std::mt19937 gen(seed);
+  std::normal_distribution<float> dist(0.0f, sigma);
+  std::vector<int16_t> pcm(n);
+  for (int16_t& s : pcm)
+    s = static_cast<int16_t>(std::max(-32768.0f, std::min(32767.0f, dist(gen))));
+  return pcm;
+}
+
+// Means 0 and variance terms 1, so PCEN's output is the raw feature.
+std::vector<float> IdentityMeanvar(int32_t dim) {
+  std::vector<float> mv(2 * dim, 0.0f);
+  std::fill(mv.begin() + dim, mv.end(), 1.0f);
+  return mv;
+}
+
+// Mel tables are shared by both extractors; this reads them back.
+template <class Base>
+class MelTables : public Base {
+ public:
+  using Base::Base;
+  std::vector<int32_t> offsets() const {
+    return {this->mel_bank_fft_offset_, this->mel_bank_fft_offset_ + this->n_mel_banks_};
+  }
+  std::vector<int32_t> widths() const {
+    return {this->mel_bank_width_, this->mel_bank_width_ + this->n_mel_banks_};
+  }
+  // Weights of bank b, from its offset.
+  std::vector<float> weights(int32_t b) const {
+    const float* w = this->mel_bank_coefficents_;
+    for (int32_t i = 0; i < b; ++i) w += this->mel_bank_width_[i];
+    return {w, w + this->mel_bank_width_[b]};
+  }
+  const float* window() const { return this->hamming_window_; }
+};
+
+class FbankProbe : public MelTables<FbankFeatureExtractor> {
+ public:
+  FbankProbe(int32_t banks, int32_t delta_order, const float* meanvar)
+      : MelTables<FbankFeatureExtractor>(meanvar, banks, delta_order) {}
+};
+
+class PcenProbe : public MelTables<PcenFeatureExtractor> {
+ public:
+  using MelTables<PcenFeatureExtractor>::MelTables;
+  int32_t impulse_count() const { return pcen_impulse_frame_cnt_; }
+  double mean_smooth_energy() const {
+    double sum = 0;
+    for (int32_t k = 0; k < n_mel_banks_; ++k) sum += smooth_energy_[k];
+    return sum / n_mel_banks_;
+  }
+};
+
+// ---------------------------------------------------------------- aborts
+
+TEST(MelFeaturesDeathTest, FbankConstructorAlwaysAbortsOnDimensionZero) {
+  const std::vector<float> mv = IdentityMeanvar(120);
+  EXPECT_DEATH(FbankFeatureExtractor(40, mv.data()),
+               "^错误: fbank的特征维度只能为40或者80, 输入的维度为0\n$");
+  EXPECT_DEATH(FbankFeatureExtractor(80, mv.data()),
+               "^错误: fbank的特征维度只能为40或者80, 输入的维度为0\n$");
+}
+
+TEST(MelFeaturesDeathTest, DimensionIsCheckedBeforeDeltaOrder) {
+  const std::vector<float> mv = IdentityMeanvar(1000);
+  EXPECT_DEATH(PcenFeatureExtractor(64, mv.data()),
+               "^错误: fbank的特征维度只能为40或者80, 输入的维度为64\n$");
+  EXPECT_DEATH(FbankProbe(41, 7, mv.data()),
+               "^错误: fbank的特征维度只能为40或者80, 输入的维度为41\n$");
+  EXPECT_DEATH(FbankProbe(40, 3, mv.data()),
+               "^错误: delta_order的值只能为0、1、2中的一个, 输入的值为3\n$");
+  // Compared as unsigned: negative orders fail too.
+  EXPECT_DEATH(FbankProbe(80, -1, mv.data()),
+               "^错误: delta_order的值只能为0、1、2中的一个, 输入的值为-1\n$");
+}
+
+// ---------------------------------------------------------------- mel bank
+
+// Offsets and widths of the triangles over bins 0 .. 255, from an
+// independent float32 computation; no bin lies within 2e-5 (relative) of a
+// triangle's edge, so these do not depend on the last bit of logf.
+const std::vector<int32_t> kOffsets40 = {
+    1,  2,  3,  5,  7,  9,  10, 13, 15,  17,  20,  22,  25,  28,  31,  34,  38,  42,  46,  50,
+    55, 60, 65, 70, 76, 82, 89, 96, 103, 111, 120, 129, 138, 148, 159, 171, 183, 196, 210, 224};
+const std::vector<int32_t> kWidths40 = {2,  3,  4,  4,  3,  4,  5,  4,  5,  5,  5,  6,  6,  6,
+                                        7,  8,  8,  8,  9,  10, 10, 10, 11, 12, 13, 14, 14, 15,
+                                        17, 18, 18, 19, 21, 23, 24, 25, 27, 28, 30, 32};
+const std::vector<int32_t> kOffsets80 = {
+    1,   1,   2,   3,   3,   4,   5,   6,   7,   8,   9,   10,  11,  12,  13,  14,
+    15,  16,  17,  19,  20,  21,  23,  24,  25,  27,  28,  30,  32,  33,  35,  37,
+    39,  41,  43,  45,  47,  49,  51,  53,  56,  58,  61,  63,  66,  69,  72,  75,
+    78,  81,  84,  88,  91,  95,  98,  102, 106, 110, 114, 119, 123, 128, 132, 137,
+    142, 147, 153, 158, 164, 170, 176, 182, 189, 195, 202, 209, 216, 224, 232, 240};
+const std::vector<int32_t> kWidths80 = {
+    1, 2, 1,  1,  2,  2,  2,  2,  2,  2,  2,  2,  2,  2,  2,  2,  2,  3,  3,  2,
+    3, 3, 2,  3,  3,  3,  4,  3,  3,  4,  4,  4,  4,  4,  4,  4,  4,  4,  5,  5,
+    5, 5, 5,  6,  6,  6,  6,  6,  6,  7,  7,  7,  7,  7,  8,  8,  8,  9,  9,  9,
+    9, 9, 10, 10, 11, 11, 11, 12, 12, 12, 13, 13, 13, 14, 14, 15, 16, 16, 16, 16};
+
+struct BankCase {
+  int32_t banks;
+  const std::vector<int32_t>* offsets;
+  const std::vector<int32_t>* widths;
+  float first_peak;  // largest weight of bank 0, from the same computation
+  float last_peak;   // largest weight of the last bank
+};
+
+class MelBankTest : public testing::TestWithParam<BankCase> {};
+
+TEST_P(MelBankTest, TrianglesOverTheBins) {
+  const BankCase& c = GetParam();
+  const std::vector<float> mv = IdentityMeanvar(3 * c.banks);
+  auto pcen = std::make_unique<PcenProbe>(c.banks, mv.data());
+  auto fbank = std::make_unique<FbankProbe>(c.banks, 2, mv.data());
+  EXPECT_EQ(pcen->feature_dim(), 3 * c.banks);
+  EXPECT_EQ(pcen->offsets(), *c.offsets);
+  EXPECT_EQ(pcen->widths(), *c.widths);
+  // Both spacings span 0 .. 8000 Hz on the mel scale.
+  EXPECT_EQ(fbank->offsets(), *c.offsets);
+  EXPECT_EQ(fbank->widths(), *c.widths);
+
+  const std::vector<float> first = pcen->weights(0);
+  const std::vector<float> last = pcen->weights(c.banks - 1);
+  EXPECT_NEAR(*std::max_element(first.begin(), first.end()), c.first_peak, 1e-5f);
+  EXPECT_NEAR(*std::max_element(last.begin(), last.end()), c.last_peak, 1e-5f);
+
+  for (int32_t b = 0; b < c.banks; ++b) {
+    const std::vector<float> w = pcen->weights(b);
+    ASSERT_EQ(w, fbank->weights(b)) << "bank " << b;
+    // Rising to a peak not above 1, then falling.
+    const size_t peak = std::max_element(w.begin(), w.end()) - w.begin();
+    for (size_t j = 0; j < w.size(); ++j) {
+      ASSERT_GT(w[j], 0.0f) << "bank " << b;
+      ASSERT_LE(w[j], 1.0f) << "bank " << b;
+      if (j > 0 && j <= peak) {
+        ASSERT_GT(w[j], w[j - 1]) << "bank " << b;
+      } else if (j > peak) {
+        ASSERT_LT(w[j], w[j - 1]) << "bank " << b;
+      }
+    }
+  }
+  // Where neighbours overlap, the falling side of one and the rising side of
+  // the next add up to 1.
+  for (int32_t b = 0; b + 1 < c.banks; ++b) {
+    const std::vector<float> w0 = pcen->weights(b);
+    const std::vector<float> w1 = pcen->weights(b + 1);
+    const int32_t o0 = pcen->offsets()[b];
+    const int32_t o1 = pcen->offsets()[b + 1];
+    for (int32_t bin = o1; bin < o0 + static_cast<int32_t>(w0.size()); ++bin) {
+      if (bin - o1 >= static_cast<int32_t>(w1.size())) break;
+      const size_t peak0 = std::max_element(w0.begin(), w0.end()) - w0.begin();
+      if (bin - o0 <= static_cast<int32_t>(peak0)) continue;  // not yet on the falling side
+      ASSERT_NEAR(w0[bin - o0] + w1[bin - o1], 1.0f, 2e-6f) << "banks " << b << ", bin " << bin;
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sizes, MelBankTest,
+    testing::Values(BankCase{40, &kOffsets40, &kWidths40, 0.71058613f, 0.97487724f},
+                    BankCase{80, &kOffsets80, &kWidths80, 0.59615904f, 0.9437315f}));
+
+TEST(MelWindowTest, FbankInSinglePcenInDoublePrecision) {
+  const std::vector<float> mv = IdentityMeanvar(120);
+  auto pcen = std::make_unique<PcenProbe>(40, mv.data());
+  auto fbank = std::make_unique<FbankProbe>(40, 2, mv.data());
+  int differ = 0;
+  for (int i = 0; i < 400; ++i) {
+    const double exact = 0.54 - 0.46 * std::cos(2 * M_PI * i / 399);
+    ASSERT_EQ(pcen->window()[i], static_cast<float>(exact)) << i;
+    // The float argument i * 6.2831855f / 399 is off by up to a few eps
+    // times 2*pi, so the window is off by a few 1e-7.
+    ASSERT_NEAR(fbank->window()[i], exact, 1e-6) << i;
+    differ += fbank->window()[i] != pcen->window()[i];
+  }
+  EXPECT_GT(differ, 0);
+}
+
+// ---------------------------------------------------------------- fbank
+
+class FbankWarmupTest : public testing::TestWithParam<int32_t> {};
+
+TEST_P(FbankWarmupTest, FirstOutputAtCallTwiceOrderPlusThree) {
+  const int32_t order = GetParam();
+  const int32_t dim = 40 * (order + 1);
+  const std::vector<float> mv = IdentityMeanvar(dim);
+  auto fbank = std::make_unique<FbankProbe>(40, order, mv.data());
+  EXPECT_EQ(fbank->feature_dim(), dim);
+  const std::vector<int16_t> pcm = RandomPcm(160 * 12, 3, 2000.0f);
+  for (int32_t call = 1; call <= 12; ++call) {
+    std::vector<float> feats(dim, std::nanf(""));
+    fbank->getFeats(pcm.data() + 160 * (call - 1), feats.data());
+    const bool written = call >= 2 * order + 3;
+    for (int32_t i = 0; i < dim; ++i) {
+      ASSERT_EQ(std::isnan(feats[i]), !written) << "call " << call << ", value " << i;
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(DeltaOrders, FbankWarmupTest, testing::Values(0, 1, 2));
+
+TEST(FbankTest, LogMelOfTheOldestFourHundredSamples) {
+  // Order 0: the output of call t is the log mel energy of stream samples
+  // (t-3)*160 .. (t-3)*160 + 399, unscaled, Hamming-windowed.  Checked
+  // against a double-precision DFT over the extractor's own bank.
+  const std::vector<float> mv = IdentityMeanvar(40);
+  auto fbank = std::make_unique<FbankProbe>(40, 0, mv.data());
+  const std::vector<int16_t> pcm = RandomPcm(160 * 8, 5, 3000.0f);
+  std::vector<float> feats(40);
+  for (int32_t call = 1; call <= 8; ++call) {
+    fbank->getFeats(pcm.data() + 160 * (call - 1), feats.data());
+    if (call < 3) continue;
+    std::vector<double> power(256);
+    for (int k = 0; k < 256; ++k) {
+      std::complex<double> sum = 0;
+      for (int t = 0; t < 400; ++t) {
+        const double w = 0.54 - 0.46 * std::cos(2 * M_PI * t / 399);
+        sum += pcm[(call - 3) * 160 + t] * w * std::polar(1.0, -2.0 * M_PI * ((k * t) % 512) / 512);
+      }
+      power[k] = std::norm(sum);
+    }
+    for (int32_t b = 0; b < 40; ++b) {
+      const std::vector<float> w = fbank->weights(b);
+      double mel = 0;
+      for (size_t j = 0; j < w.size(); ++j) mel += w[j] * power[fbank->offsets()[b] + j];
+      // Noise at this level fills every bank; float rounding of the frame
+      // and the FFT stays far below 1e-4 in the log.
+      ASSERT_NEAR(feats[b], std::log(mel), 1e-4) << "call " << call << ", bank " << b;
+    }
+  }
+}
+
+TEST(FbankTest, SilenceGivesTheFloorAndZeroDeltas) {
+  const std::vector<float> mv = IdentityMeanvar(120);
+  auto fbank = std::make_unique<FbankProbe>(40, 2, mv.data());
+  const std::vector<int16_t> silence(160, 0);
+  std::vector<float> feats(120);
+  for (int call = 0; call < 12; ++call) fbank->getFeats(silence.data(), feats.data());
+  for (int k = 0; k < 40; ++k) {
+    EXPECT_EQ(feats[k], std::log(kEps)) << k;  // about -15.94
+    // The scales of orders 1 and 2 sum to 0 (up to their float rounding).
+    EXPECT_NEAR(feats[40 + k], 0.0f, 1e-5f) << k;
+    EXPECT_NEAR(feats[80 + k], 0.0f, 1e-5f) << k;
+  }
+  EXPECT_NEAR(feats[0], -15.942385f, 1e-5f);
+}
+
+TEST(FbankTest, ToneLandsInTheBankAroundItsFrequency) {
+  const std::vector<float> mv = IdentityMeanvar(80);
+  auto fbank = std::make_unique<FbankProbe>(80, 0, mv.data());
+  const double freq = 1500.0;
+  std::vector<int16_t> pcm(160 * 6);
+  for (size_t t = 0; t < pcm.size(); ++t)
+    pcm[t] = static_cast<int16_t>(8000 * std::sin(2 * M_PI * freq * t / 16000));
+  std::vector<float> feats(80);
+  for (int call = 0; call < 6; ++call) fbank->getFeats(pcm.data() + 160 * call, feats.data());
+  const int32_t top = std::max_element(feats.begin(), feats.end()) - feats.begin();
+  const double spacing = 2840.0378 / 81;
+  const double mel = 1127 * std::log(1 + freq / 700);
+  EXPECT_NEAR((top + 1) * spacing, mel, spacing);
+}
+
+TEST(FbankTest, ConstantLevelGivesZeroDeltas) {
+  // A steady tone: every frame has the same spectrum, so both deltas vanish.
+  const std::vector<float> mv = IdentityMeanvar(120);
+  auto fbank = std::make_unique<FbankProbe>(40, 2, mv.data());
+  std::vector<int16_t> pcm(160, 0);
+  for (int t = 0; t < 160; ++t)
+    pcm[t] = static_cast<int16_t>(6000 * std::sin(2 * M_PI * t / 16));  // 1 kHz
+  std::vector<float> feats(120);
+  for (int call = 0; call < 12; ++call) fbank->getFeats(pcm.data(), feats.data());
+  for (int k = 0; k < 40; ++k) {
+    EXPECT_NEAR(feats[40 + k], 0.0f, 1e-4f) << k;
+    EXPECT_NEAR(feats[80 + k], 0.0f, 1e-4f) << k;
+  }
+}
+
+// ---------------------------------------------------------------- energy
+
+TEST(MelEnergyTest, LastTenMillisecondsOfTheWindowUnscaled) {
+  // After three calls the buffer is frames 1..3; samples 240 .. 399 are the
+  // second half of frame 2 and the first half of frame 3.
+  const std::vector<float> mv = IdentityMeanvar(120);
+  auto pcen = std::make_unique<PcenProbe>(40, mv.data());
+  auto fbank = std::make_unique<FbankProbe>(40, 2, mv.data());
+  std::vector<int16_t> pcm(480, 0);
+  for (int t = 160 + 80; t < 320; ++t) pcm[t] = 1000;
+  for (int t = 320 + 80; t < 480; ++t) pcm[t] = 30000;  // behind the window
+  std::vector<float> feats(120);
+  for (int f = 0; f < 3; ++f) {
+    pcen->getFeats(pcm.data() + 160 * f, feats.data());
+    fbank->getFeats(pcm.data() + 160 * f, feats.data());
+  }
+  // 80 samples of 1000^2 times 2^30/160^2: fast_log2 is within 0.01 of log2.
+  const double expected = 10 * std::log10(80 * 1e6 * 41943.04);
+  EXPECT_NEAR(pcen->get_energy_of_current_frame(), expected, 0.035);
+  EXPECT_NEAR(fbank->get_energy_of_current_frame(), expected, 0.035);
+
+  // Only the loud tail: none of it lies in 240 .. 399.
+  for (int t = 0; t < 320; ++t) pcm[t] = 0;
+  pcen->reset();
+  for (int f = 0; f < 3; ++f) pcen->getFeats(pcm.data() + 160 * f, feats.data());
+  EXPECT_EQ(pcen->get_energy_of_current_frame(), 0.0f);
+}
+
+// ---------------------------------------------------------------- PCEN
+
+TEST(PcenTest, WarmupRewritesTheCallersBufferThenWritesFeatures) {
+  std::vector<float> mv(240);
+  std::fill(mv.begin(), mv.begin() + 120, 1.0f);  // added
+  std::fill(mv.begin() + 120, mv.end(), 2.0f);    // multiplied
+  auto pcen = std::make_unique<PcenProbe>(40, mv.data());
+  const std::vector<float> plain_mv = IdentityMeanvar(120);
+  auto plain = std::make_unique<PcenProbe>(40, plain_mv.data());
+  const std::vector<int16_t> pcm = RandomPcm(160 * 10, 7, 3000.0f);
+  for (int call = 1; call <= 10; ++call) {
+    std::vector<float> feats(120, 5.0f);
+    std::vector<float> raw(120, 5.0f);
+    pcen->getFeats(pcm.data() + 160 * (call - 1), feats.data());
+    plain->getFeats(pcm.data() + 160 * (call - 1), raw.data());
+    for (int i = 0; i < 120; ++i) {
+      if (call < 3) {
+        ASSERT_EQ(feats[i], 5.0f) << "call " << call;  // nothing happens
+      } else if (call < 7) {
+        ASSERT_EQ(feats[i], 12.0f) << "call " << call;  // (1 + 5) * 2 over no features
+      } else {
+        ASSERT_NE(raw[i], 5.0f) << "call " << call;
+        ASSERT_EQ(feats[i], (1.0f + raw[i]) * 2.0f) << "call " << call;
+      }
+    }
+  }
+}
+
+TEST(PcenTest, SilenceGivesTheFlooredCompressionAndZeroDeltas) {
+  for (int32_t banks : {40, 80}) {
+    const std::vector<float> mv = IdentityMeanvar(3 * banks);
+    auto pcen = std::make_unique<PcenProbe>(banks, mv.data());
+    const std::vector<int16_t> silence(160, 0);
+    std::vector<float> feats(3 * banks);
+    for (int call = 0; call < 12; ++call) pcen->getFeats(silence.data(), feats.data());
+    const double expected =
+        std::sqrt(kEps / std::pow(kEps + 1e-6, 0.98) + 2) - std::sqrt(2.0);  // about 0.037
+    for (int k = 0; k < banks; ++k) {
+      ASSERT_NEAR(feats[k], expected, 1e-5) << k;
+      ASSERT_NEAR(feats[banks + k], 0.0f, 1e-6f) << k;
+      ASSERT_NEAR(feats[2 * banks + k], 0.0f, 1e-6f) << k;
+    }
+  }
+}
+
+// A loud burst lifts the smoother far above 1e9 per bank; quiet noise keeps
+// the mel energies far below 1.5e7.
+const float kLoud = 15000.0f;
+const float kQuiet = 20.0f;
+
+TEST(PcenTest, SmootherRestartsAtTheEighthQuietFrame) {
+  const std::vector<float> mv = IdentityMeanvar(120);
+  auto pcen = std::make_unique<PcenProbe>(40, mv.data());
+  const std::vector<int16_t> loud = RandomPcm(160 * 20, 41, kLoud);
+  const std::vector<int16_t> quiet = RandomPcm(160 * 20, 43, kQuiet);
+  std::vector<float> feats(120);
+  for (int f = 0; f < 20; ++f) pcen->getFeats(loud.data() + 160 * f, feats.data());
+  EXPECT_GT(pcen->mean_smooth_energy(), 1e10);
+
+  // The first two quiet calls still see loud samples in their window.
+  const int expected_count[] = {0, 0, 1, 2, 3, 4, 5, 6, 7, 0};
+  for (int q = 0; q < 10; ++q) {
+    pcen->getFeats(quiet.data() + 160 * q, feats.data());
+    EXPECT_EQ(pcen->impulse_count(), expected_count[q]) << "quiet call " << q;
+    if (q < 9) {
+      EXPECT_GT(pcen->mean_smooth_energy(), 1e9) << "quiet call " << q;
+    }
+  }
+  // Restarted from the quiet frame itself.
+  EXPECT_LT(pcen->mean_smooth_energy(), 1.5e7);
+
+  // Four calls later its order-0 output (the centre row) sits near
+  // sqrt(1 + 2) - sqrt(2); without the restart it would be near 0.
+  for (int q = 10; q < 14; ++q) pcen->getFeats(quiet.data() + 160 * q, feats.data());
+  const double restarted = std::sqrt(3.0) - std::sqrt(2.0);
+  for (int k = 0; k < 40; ++k) EXPECT_NEAR(feats[k], restarted, 0.02) << k;
+}
+
+TEST(PcenTest, OneLoudFrameInTheRunClearsTheCount) {
+  const std::vector<float> mv = IdentityMeanvar(120);
+  auto pcen = std::make_unique<PcenProbe>(40, mv.data());
+  const std::vector<int16_t> loud = RandomPcm(160 * 20, 47, kLoud);
+  const std::vector<int16_t> quiet = RandomPcm(160 * 20, 53, kQuiet);
+  std::vector<float> feats(120);
+  for (int f = 0; f < 20; ++f) pcen->getFeats(loud.data() + 160 * f, feats.data());
+  for (int q = 0; q < 9; ++q) pcen->getFeats(quiet.data() + 160 * q, feats.data());
+  ASSERT_EQ(pcen->impulse_count(), 7);
+  const double before = pcen->mean_smooth_energy();
+  pcen->getFeats(loud.data(), feats.data());  // the 8th frame is not quiet
+  EXPECT_EQ(pcen->impulse_count(), 0);
+  EXPECT_GT(pcen->mean_smooth_energy(), 0.9 * before) << "no restart, only smoothing";
+}
+
+TEST(MelFeaturesTest, ResetGivesTheFeaturesOfAFreshObject) {
+  const std::vector<float> mv = IdentityMeanvar(120);
+  const std::vector<int16_t> history = RandomPcm(160 * 30, 61, 8000.0f);
+  const std::vector<int16_t> pcm = RandomPcm(160 * 15, 67, 3000.0f);
+
+  auto pcen = std::make_unique<PcenProbe>(40, mv.data());
+  auto fbank = std::make_unique<FbankProbe>(40, 2, mv.data());
+  std::vector<float> scratch(120);
+  for (int f = 0; f < 30; ++f) {
+    pcen->getFeats(history.data() + 160 * f, scratch.data());
+    fbank->getFeats(history.data() + 160 * f, scratch.data());
+  }
+  pcen->reset();
+  fbank->reset();
+  auto fresh_pcen = std::make_unique<PcenProbe>(40, mv.data());
+  auto fresh_fbank = std::make_unique<FbankProbe>(40, 2, mv.data());
+  for (int f = 0; f < 15; ++f) {
+    std::vector<float> a(120, 0.0f), b(120, 0.0f), c(120, 0.0f), d(120, 0.0f);
+    pcen->getFeats(pcm.data() + 160 * f, a.data());
+    fresh_pcen->getFeats(pcm.data() + 160 * f, b.data());
+    fbank->getFeats(pcm.data() + 160 * f, c.data());
+    fresh_fbank->getFeats(pcm.data() + 160 * f, d.data());
+    ASSERT_EQ(a, b) << "PCEN, frame " << f;
+    ASSERT_EQ(c, d) << "fbank, frame " << f;
+    ASSERT_EQ(pcen->get_energy_of_current_frame(), fresh_pcen->get_energy_of_current_frame());
+  }
+}
+
+}  // namespace
+}  // namespace Tovad_toolkit
