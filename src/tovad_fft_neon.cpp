@@ -150,9 +150,9 @@ void first_stage(float* dst_re, float* dst_im, const float* src_re, const float*
 
 // Radix-4 stage joining sub-transforms of length m:
 // Y'[r][k + m*q] = sum_t W_4^(t*q) (W_4m^(t*k) Y[r + R*t][k]), Y[r][k] at
-// r*m + k and Y'[r][k] at r*4m + k.  With `out` given (last inverse stage),
-// the results are scaled and written interleaved there instead.
-template <bool kInverse>
+// r*m + k and Y'[r][k] at r*4m + k.  With kToOutput (last inverse stage),
+// the results are scaled and written interleaved to `out` instead.
+template <bool kInverse, bool kToOutput>
 void radix4_stage(float* dst_re, float* dst_im, const float* src_re, const float* src_im,
                   const ne10_fft_cpx_float32_t* tw, int32_t m, int32_t R, float* out, float scale) {
   const float* twf = reinterpret_cast<const float*>(tw);
@@ -167,7 +167,7 @@ void radix4_stage(float* dst_re, float* dst_im, const float* src_re, const float
       cv4 a3 = twiddle<kInverse>(load_split(src_re, src_im, (r + 3 * R) * m + k), w3);
       butterfly4<kInverse>(a0, a1, a2, a3);
       const int32_t base = r * 4 * m + k;
-      if (out) {
+      if (kToOutput) {
         const v4f s = {scale, scale, scale, scale};
         store_interleaved(out + 2 * base, {a0.r * s, a0.i * s});
         store_interleaved(out + 2 * (base + m), {a1.r * s, a1.i * s});
@@ -212,8 +212,11 @@ float* complex_fft(float* scratch, const float* src_re, const float* src_im,
     const int32_t m = factors[2 * s + 1];
     const int32_t R = M / (4 * m);
     float* dst = area[cur ^ 1];
-    radix4_stage<kInverse>(dst, dst + M, area[cur], area[cur] + M, tw, m, R, s == 1 ? out : nullptr,
-                           scale);
+    if (s == 1 && out != nullptr) {
+      radix4_stage<kInverse, true>(dst, dst + M, area[cur], area[cur] + M, tw, m, R, out, scale);
+    } else {
+      radix4_stage<kInverse, false>(dst, dst + M, area[cur], area[cur] + M, tw, m, R, out, scale);
+    }
     tw += 3 * m;
     cur ^= 1;
   }
