@@ -152,20 +152,6 @@ TEST_P(TovadFftLengthTest, ConstantAndZeroInputs) {
   for (int32_t i = 0; i < n; ++i) ASSERT_EQ(x[i], 0.0f) << "sample " << i;
 }
 
-TEST_P(TovadFftLengthTest, SineLandsInItsBin) {
-  const int32_t n = GetParam();
-  const int32_t bin = n / 8 + 3;
-  std::vector<float> x(n);
-  for (int32_t t = 0; t < n; ++t) x[t] = static_cast<float>(std::cos(2.0 * M_PI * bin * t / n));
-  std::vector<float> out(n + 2);
-  fft_->fft(out.data(), x.data(), n);
-  for (int32_t k = 0; k <= n / 2; ++k) {
-    const double expected = k == bin ? n / 2.0 : 0.0;
-    ASSERT_NEAR(out[2 * k], expected, n * Tolerance(n)) << "bin " << k;
-    ASSERT_NEAR(out[2 * k + 1], 0.0, n * Tolerance(n)) << "bin " << k;
-  }
-}
-
 INSTANTIATE_TEST_SUITE_P(AllLengths, TovadFftLengthTest,
                          testing::Values(256, 512, 1024, 2048, 4096));
 
