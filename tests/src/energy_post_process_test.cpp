@@ -1,0 +1,168 @@
+#include "src/energy_post_process.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Tovad_toolkit {
+namespace {
+
+std::unique_ptr<Energy_post_process> MakeEnergy(ConfigMap config) {
+  testing::internal::CaptureStderr();
+  std::unique_ptr<Energy_post_process> e(new Energy_post_process(config));
+  testing::internal::GetCapturedStderr();
+  return e;
+}
+
+// The weight of the pow branch, computed the way the stage does: ratio in
+// float, pow and product in double.
+float Attenuated(float vad, float e, float low, float high, float pow_factor) {
+  const float ratio = (e - low) / (high - low);
+  return static_cast<float>(static_cast<double>(vad) *
+                            std::pow(static_cast<double>(ratio), static_cast<double>(pow_factor)));
+}
+
+// Runs `n` single frames of constant energy through the stage and returns
+// the weighed scores.
+std::vector<float> RunFrames(Energy_post_process& stage, float energy, float vad, int n) {
+  std::vector<float> out;
+  for (int i = 0; i < n; ++i) {
+    float v = vad;
+    stage.apply_energy_post_process(1, &energy, &v);
+    out.push_back(v);
+  }
+  return out;
+}
+
+struct FloorCase {
+  const char* name;
+  float energy;
+  float expected;  // weighed score of 0.9 once the energy median is filled
+};
+
+void PrintTo(const FloorCase& c, std::ostream* os) { *os << c.name; }
+
+class EnergyMode1FloorTest : public testing::TestWithParam<FloorCase> {};
+
+// With the default keys the window starts as zeros, so the bounds sit at
+// their floors 40 and 60.  The energy median of 11 gives 0 for the first
+// five frames, which zeroes the score.
+TEST_P(EnergyMode1FloorTest, WeighsAgainstTheFloors) {
+  auto stage = MakeEnergy({{"E_post_process_type", "1"}});
+  const std::vector<float> out = RunFrames(*stage, GetParam().energy, 0.9f, 20);
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(out[i], 0.0f) << "frame " << i;
+  for (int i = 5; i < 20; ++i) EXPECT_EQ(out[i], GetParam().expected) << "frame " << i;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Defaults, EnergyMode1FloorTest,
+    testing::Values(FloorCase{"AboveHigh", 70.0f, 0.9f},
+                    // Equal to `high`: the pow branch with a ratio of 1.
+                    FloorCase{"AtHigh", 60.0f, 0.9f},
+                    FloorCase{"Between", 50.0f, Attenuated(0.9f, 50.0f, 40.0f, 60.0f, 0.4f)},
+                    FloorCase{"JustAboveLow", 41.0f, Attenuated(0.9f, 41.0f, 40.0f, 60.0f, 0.4f)},
+                    // Equal to `low` is not above it.
+                    FloorCase{"AtLow", 40.0f, 0.0f}, FloorCase{"BelowLow", 10.0f, 0.0f}),
+    [](const testing::TestParamInfo<FloorCase>& info) { return info.param.name; });
+
+TEST(EnergyPostProcessTest, Mode1QuantilesRiseAboveTheFloors) {
+  auto stage = MakeEnergy({{"E_post_process_type", "1"}, {"E_buff_length", "20"}});
+  // 20 frames of 100 fill the window (5 zeros from the median's start stay):
+  // sorted it is 5 x 0, 15 x 100, so low = sorted[8] = 100 and high =
+  // sorted[16] = 100.  Then 100 is neither above high nor above low.
+  const std::vector<float> out = RunFrames(*stage, 100.0f, 0.9f, 20);
+  EXPECT_EQ(out[10], 0.9f);  // window 14 x 0, 6 x 100: high = sorted[16] = 100
+  EXPECT_EQ(out[19], 0.0f);
+  // reset clears the window, not the energy median: 100 is at once above
+  // the floor of 60 again.
+  stage->reset();
+  EXPECT_EQ(RunFrames(*stage, 100.0f, 0.9f, 1)[0], 0.9f);
+}
+
+TEST(EnergyPostProcessTest, Mode2WindowIsTheBatch) {
+  auto stage = MakeEnergy({{"E_post_process_type", "2"}});
+  // First batch: the median gives 0 x 5, 50 x 5; both quantiles are below
+  // the floors.
+  std::vector<float> energy(10, 50.0f);
+  std::vector<float> vad(10, 0.9f);
+  stage->apply_energy_post_process(10, energy.data(), vad.data());
+  const float weighed = Attenuated(0.9f, 50.0f, 40.0f, 60.0f, 0.4f);
+  EXPECT_EQ(vad, (std::vector<float>{0, 0, 0, 0, 0, weighed, weighed, weighed, weighed, weighed}));
+  // Second batch of 100s: the median is full of 50s for 5 frames, then
+  // 100.  Sorted window 5 x 50, 5 x 100: low = max(sorted[4], 40) = 50,
+  // high = max(sorted[8], 60) = 100.
+  std::vector<float> loud(10, 100.0f);
+  vad.assign(10, 0.9f);
+  stage->apply_energy_post_process(10, loud.data(), vad.data());
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(vad[i], 0.0f) << i;
+  for (int i = 5; i < 10; ++i) EXPECT_EQ(vad[i], 0.9f) << i;  // at `high`: ratio 1
+  // Third batch: all 100, so high = low = 100 and nothing passes; no
+  // division by zero either.
+  vad.assign(10, 0.9f);
+  stage->apply_energy_post_process(10, loud.data(), vad.data());
+  EXPECT_EQ(vad, std::vector<float>(10, 0.0f));
+}
+
+TEST(EnergyPostProcessTest, Mode3StoresAndWeighsOnRequest) {
+  auto stage = MakeEnergy({{"E_post_process_type", "3"}});
+  std::vector<float> out(8, -1.0f);
+  stage->get_energy_post_process_result(out.data());  // nothing stored yet
+  EXPECT_EQ(out, std::vector<float>(8, -1.0f));
+  std::vector<float> energy(8, 50.0f);
+  std::vector<float> vad(8, 0.9f);
+  for (int i = 0; i < 8; ++i) {
+    stage->apply_energy_post_process(1, &energy[i], &vad[i]);
+  }
+  EXPECT_EQ(vad, std::vector<float>(8, 0.9f));  // left alone
+  // One frame per call and the window grows by one; the ring place lags
+  // one behind, so after 8 calls 7 stored frames are weighed.  (The values
+  // themselves are not checked: the growing window is not kept sorted.)
+  stage->get_energy_post_process_result(out.data());
+  for (int i = 0; i < 7; ++i) EXPECT_NE(out[i], -1.0f) << i;
+  EXPECT_EQ(out[7], -1.0f);
+}
+
+TEST(EnergyPostProcessTest, Mode0DoesNothing) {
+  auto stage = MakeEnergy({});
+  float energy[5000] = {};
+  float vad[5000];
+  for (float& v : vad) v = 0.25f;
+  stage->apply_energy_post_process(5000, energy, vad);  // no size check either
+  EXPECT_EQ(vad[0], 0.25f);
+  EXPECT_EQ(vad[4999], 0.25f);
+}
+
+TEST(EnergyPostProcessTest, LargestBatchPasses) {
+  auto stage = MakeEnergy({{"E_post_process_type", "2"}});
+  // Half quiet, half loud: low = sorted[1638], a quiet 20, so the floor 40;
+  // high = sorted[3276] = 100.
+  std::vector<float> energy(4096, 20.0f);
+  std::fill(energy.begin() + 2048, energy.end(), 100.0f);
+  std::vector<float> vad(4096, 0.5f);
+  stage->apply_energy_post_process(4096, energy.data(), vad.data());
+  EXPECT_EQ(vad[100], 0.0f);
+  EXPECT_EQ(vad[4095], 0.5f);
+}
+
+TEST(EnergyPostProcessDeathTest, UnknownModeAborts) {
+  const ConfigMap config = {{"E_post_process_type", "4"}};
+  EXPECT_DEATH(Energy_post_process stage(config),
+               "src/energy_post_process:[0-9]+ ERROR: E_post_process_type should be "
+               "0、1、2、3, not 4$");
+}
+
+TEST(EnergyPostProcessDeathTest, OversizedBatchAborts) {
+  auto stage = MakeEnergy({{"E_post_process_type", "1"}});
+  std::vector<float> energy(4097, 0.0f);
+  std::vector<float> vad(4097, 0.0f);
+  EXPECT_DEATH(stage->apply_energy_post_process(4097, energy.data(), vad.data()),
+               "src/energy_post_process:[0-9]+ ERROR: energy post process support max n_frame at "
+               "4096, your n_frame is 4097$");
+}
+
+}  // namespace
+}  // namespace Tovad_toolkit

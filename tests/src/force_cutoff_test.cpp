@@ -1,0 +1,129 @@
+#include "src/force_cutoff.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Tovad_toolkit {
+namespace {
+
+std::unique_ptr<Force_cutoff> MakeCutoff(int max_len, int min_len, int judging,
+                                         const char* threshold) {
+  const ConfigMap config = {{"cutoff_n_frame_max_vad_length", std::to_string(max_len)},
+                            {"cutoff_n_frame_min_vad_length", std::to_string(min_len)},
+                            {"cutoff_n_frame_judging", std::to_string(judging)},
+                            {"cutoff_threshold", threshold}};
+  testing::internal::CaptureStderr();
+  std::unique_ptr<Force_cutoff> f(new Force_cutoff(config));
+  testing::internal::GetCapturedStderr();
+  return f;
+}
+
+// Feeds `scores` with all flags 1 and returns the places where a flag was
+// cleared.
+std::vector<int> CutPlaces(Force_cutoff& f, std::vector<float> scores) {
+  std::vector<int32_t> labels(scores.size(), 1);
+  f.apply_force_cutoff_process(static_cast<uint32_t>(scores.size()), scores.data(), labels.data());
+  std::vector<int> cuts;
+  for (size_t i = 0; i < labels.size(); ++i) {
+    if (labels[i] == 0) cuts.push_back(static_cast<int>(i));
+  }
+  return cuts;
+}
+
+std::vector<float> Steady(float s, int n) { return std::vector<float>(n, s); }
+
+struct CutCase {
+  const char* name;
+  int max_len, min_len, judging;
+  const char* threshold;
+  std::vector<float> scores;
+  std::vector<int> cuts;
+};
+
+void PrintTo(const CutCase& c, std::ostream* os) { *os << c.name; }
+
+class ForceCutoffTest : public testing::TestWithParam<CutCase> {};
+
+TEST_P(ForceCutoffTest, CutsWhereExpected) {
+  const CutCase& c = GetParam();
+  auto f = MakeCutoff(c.max_len, c.min_len, c.judging, c.threshold);
+  EXPECT_EQ(CutPlaces(*f, c.scores), c.cuts);
+}
+
+std::vector<float> Concat(std::vector<float> a, const std::vector<float>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Judgement, ForceCutoffTest,
+    testing::Values(
+        // Length alone: the flag goes at a length of max - 1, and counting
+        // starts over after each cut.
+        CutCase{"LengthLimit", 6, 0, 2, "0", Steady(0.9f, 15), {4, 9, 14}},
+        // While the length is below the window, `recent` is len*s/judging:
+        // a minimum below judging*threshold cuts at the first judged frame,
+        // again and again.
+        CutCase{"ShortWindowUnderstates", 1000, 3, 10, "0.5", Steady(0.8f, 12), {3, 7, 11}},
+        CutCase{"MinimumAboveUnderstatement", 1000, 5, 10, "0.5", Steady(0.8f, 30), {}},
+        // The window sum keeps the segment's first two scores: with those
+        // high and everything after at 0, `recent` never falls, so only the
+        // length limit cuts.  A clean moving sum would cut at index 4.
+        CutCase{"FirstTwoScoresStayInTheWindowSum",
+                12,
+                3,
+                2,
+                "0.5",
+                Concat({10.0f, 10.0f}, Steady(0.0f, 12)),
+                {10}},
+        // The subtraction starts one frame late and takes the third score
+        // first: at length 5 the sum is s1+s2+s4+s5 = 2, recent 0.67 below
+        // 0.5 * 11 / 5.  Dropping the oldest on time would keep the 9 in the
+        // sum and never cut.
+        CutCase{"ThirdScoreLeavesFirst", 1000, 3, 3, "0.5", {0.0f, 0.0f, 9.0f, 1.0f, 1.0f}, {4}},
+        // Steady 1.0 gives recent 5/4 = 1.25 against 1.2; the first 0.5
+        // brings the sum to 4.5, recent 1.125 against 1.2 * 20.5 / 21.
+        CutCase{"DropIsCut", 1000, 8, 4, "1.2", Concat(Steady(1.0f, 20), Steady(0.5f, 5)), {20}}),
+    [](const testing::TestParamInfo<CutCase>& info) { return info.param.name; });
+
+TEST(ForceCutoffTest, NonOneFlagRestartsTheCount) {
+  auto f = MakeCutoff(6, 0, 2, "0");
+  std::vector<float> scores = Steady(0.9f, 8);
+  std::vector<int32_t> labels = {1, 1, 0, 1, 1, 1, 1, 1};
+  f->apply_force_cutoff_process(8, scores.data(), labels.data());
+  EXPECT_EQ(labels, (std::vector<int32_t>{1, 1, 0, 1, 1, 1, 1, 0}));
+}
+
+TEST(ForceCutoffTest, NullLabelsFeedTheSumsOnly) {
+  auto f = MakeCutoff(6, 0, 2, "0");
+  std::vector<float> lead = Steady(0.9f, 3);
+  f->apply_force_cutoff_process(3, lead.data(), nullptr);
+  EXPECT_EQ(CutPlaces(*f, Steady(0.9f, 4)), (std::vector<int>{1}));
+  // A cut during a null-labels call still restarts the count.
+  auto g = MakeCutoff(6, 0, 2, "0");
+  std::vector<float> longer = Steady(0.9f, 7);
+  g->apply_force_cutoff_process(7, longer.data(), nullptr);
+  EXPECT_EQ(CutPlaces(*g, Steady(0.9f, 4)), (std::vector<int>{2}));
+}
+
+TEST(ForceCutoffTest, ResetRestartsTheCount) {
+  auto f = MakeCutoff(6, 0, 2, "0");
+  EXPECT_EQ(CutPlaces(*f, Steady(0.9f, 3)), std::vector<int>{});
+  f->reset();
+  EXPECT_EQ(CutPlaces(*f, Steady(0.9f, 6)), (std::vector<int>{4}));
+  f->apply_force_cutoff_process(0, nullptr, nullptr);  // nothing to do
+}
+
+TEST(ForceCutoffDeathTest, MissingKeyAborts) {
+  const ConfigMap config = {{"cutoff_n_frame_max_vad_length", "100"},
+                            {"cutoff_n_frame_min_vad_length", "10"},
+                            {"cutoff_n_frame_judging", "10"}};
+  EXPECT_DEATH(Force_cutoff f(config),
+               "src/force_cutoff:[0-9]+ ERROR: can`t read value of key <cutoff_threshold>\n$");
+}
+
+}  // namespace
+}  // namespace Tovad_toolkit

@@ -1,0 +1,88 @@
+#include "src/median_filter.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <deque>
+#include <random>
+#include <vector>
+
+namespace Tovad_toolkit {
+namespace {
+
+// Oracle: keeps the last n values (starting as n zeros) and sorts a copy.
+class SortingMedian {
+ public:
+  explicit SortingMedian(size_t n) : window_(n, 0.0f) {}
+  float insert(float v) {
+    window_.pop_front();
+    window_.push_back(v);
+    std::vector<float> sorted(window_.begin(), window_.end());
+    std::sort(sorted.begin(), sorted.end());
+    return sorted[sorted.size() / 2];
+  }
+
+ private:
+  std::deque<float> window_;
+};
+
+TEST(MedianFilterTest, SevenLongStartsFromZeros) {
+  Median_Filter f(7);
+  std::vector<float> out;
+  for (int i = 0; i < 4; ++i) out.push_back(f.insert(1.0f));
+  EXPECT_EQ(out, (std::vector<float>{0.0f, 0.0f, 0.0f, 1.0f}));
+}
+
+TEST(MedianFilterTest, EvenLengthTakesTheUpperMiddle) {
+  Median_Filter f(4);
+  f.insert(1.0f);
+  EXPECT_EQ(f.insert(2.0f), 1.0f);  // window 0,0,1,2
+  EXPECT_EQ(f.insert(3.0f), 2.0f);  // window 0,1,2,3
+}
+
+// Exact agreement with the sorting oracle over many lengths.  Small integer
+// values give many ties, which is where removing the wrong copy would show;
+// the second set has negative and fractional values.
+TEST(MedianFilterTest, MatchesSortingOracle) {
+  std::mt19937 rng(1234);
+  std::uniform_int_distribution<int> small(0, 3);
+  std::uniform_real_distribution<float> wide(-5.0f, 5.0f);
+  for (uint32_t n : {1u, 2u, 3u, 4u, 7u, 8u, 11u, 31u}) {
+    for (int ties = 0; ties < 2; ++ties) {
+      Median_Filter f(n);
+      SortingMedian oracle(n);
+      for (int i = 0; i < 500; ++i) {
+        const float v = ties ? static_cast<float>(small(rng)) : wide(rng);
+        ASSERT_EQ(f.insert(v), oracle.insert(v)) << "n=" << n << " ties=" << ties << " i=" << i;
+      }
+    }
+  }
+}
+
+TEST(MedianFilterTest, ResetZeroesTheWindow) {
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<float> dist(0.5f, 2.0f);
+  Median_Filter used(7);
+  for (int i = 0; i < 10; ++i) used.insert(dist(rng));
+  used.reset();
+  Median_Filter fresh(7);
+  for (int i = 0; i < 20; ++i) {
+    const float v = dist(rng);
+    ASSERT_EQ(used.insert(v), fresh.insert(v)) << "i=" << i;
+  }
+}
+
+TEST(MedianFilterTest, CopyIsDeep) {
+  Median_Filter a(5);
+  for (float v : {3.0f, 1.0f, 4.0f}) a.insert(v);
+  Median_Filter b(a);
+  // Pushing the copy around must not reach the original.
+  for (int i = 0; i < 5; ++i) b.insert(100.0f);
+  EXPECT_EQ(a.insert(1.0f), 1.0f);  // window 0,3,1,4,1
+  Median_Filter c(a);
+  EXPECT_EQ(a.insert(5.0f), c.insert(5.0f));
+  EXPECT_EQ(b.insert(100.0f), 100.0f);
+}
+
+}  // namespace
+}  // namespace Tovad_toolkit

@@ -1,0 +1,574 @@
+#include "src/post_process.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <random>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Tovad_toolkit {
+namespace {
+
+// Two classes, class 1 is voice; 2 frames to open, 3 to close, 1 frame of
+// leading silence, no forced cutoff, first-segment rule off.
+ConfigMap BaseConfig() {
+  return {{"target_class", "1"},
+          {"n_batch", "1"},
+          {"n_classes", "2"},
+          {"sil_to_voice_hangover", "2"},
+          {"voice_to_sil_hangover", "3"},
+          {"extra_leading_sil", "1"},
+          {"wakeup_threshold", "0.5"},
+          {"cutoff_n_frame_max_vad_length", "0"}};
+}
+
+ConfigMap With(ConfigMap config, const ConfigMap& overrides) {
+  for (const auto& kv : overrides) config[kv.first] = kv.second;
+  return config;
+}
+
+// Constructs quietly; the INFO lines of the reads go to `log` if given.
+std::unique_ptr<Post_process> MakePost(const ConfigMap& config, bool suspected = false,
+                                       std::string* log = nullptr) {
+  testing::internal::CaptureStderr();
+  std::unique_ptr<Post_process> pp(new Post_process(config, suspected));
+  const std::string text = testing::internal::GetCapturedStderr();
+  if (log != nullptr) *log = text;
+  return pp;
+}
+
+// Score runs: {value, frames}.
+std::vector<float> Runs(std::initializer_list<std::pair<float, int>> runs) {
+  std::vector<float> scores;
+  for (const auto& r : runs) scores.insert(scores.end(), r.second, r.first);
+  return scores;
+}
+
+struct Pos {
+  int32_t start;
+  int32_t end;
+};
+
+// Feeds one frame per call with the class-1 posterior `s`; returns what
+// each call wrote.
+std::vector<Pos> Feed(Post_process& pp, const std::vector<float>& scores, float energy = 100.0f) {
+  std::vector<Pos> out;
+  for (float s : scores) {
+    const float prior[2] = {1.0f - s, s};
+    Pos p = {-7, -7};  // both must be overwritten
+    pp.apply_post_process(prior, &energy, &p.start, &p.end);
+    out.push_back(p);
+  }
+  return out;
+}
+
+// From frame `frame` on (until the next change) the outputs are start, end.
+struct Change {
+  int frame;
+  int32_t start;
+  int32_t end;
+};
+
+// Lists the frames whose outputs differ from the timeline of `changes`.
+std::string Mismatches(const std::vector<Pos>& got, const std::vector<Change>& changes) {
+  std::ostringstream os;
+  size_t c = 0;
+  int shown = 0;
+  for (size_t f = 0; f < got.size(); ++f) {
+    while (c + 1 < changes.size() && changes[c + 1].frame <= static_cast<int>(f)) ++c;
+    const Change& want = changes[c];
+    if (got[f].start != want.start || got[f].end != want.end) {
+      if (shown++ < 8) {
+        os << "frame " << f << ": got (" << got[f].start << ", " << got[f].end << "), want ("
+           << want.start << ", " << want.end << ")\n";
+      }
+    }
+  }
+  if (shown > 8) os << "... " << shown - 8 << " more\n";
+  return os.str();
+}
+
+// The score goes through a median of 7 first: a run of 4 or more frames
+// shows 3 frames later, so input voice at frames 10..29 is voice at 13..32.
+struct TimelineCase {
+  const char* name;
+  ConfigMap overrides;
+  std::vector<float> scores;
+  std::vector<Change> changes;
+  float energy;
+};
+
+void PrintTo(const TimelineCase& c, std::ostream* os) { *os << c.name; }
+
+class PostProcessTimelineTest : public testing::TestWithParam<TimelineCase> {};
+
+TEST_P(PostProcessTimelineTest, OutputsFrameByFrame) {
+  const TimelineCase& c = GetParam();
+  auto pp = MakePost(With(BaseConfig(), c.overrides));
+  EXPECT_EQ(Mismatches(Feed(*pp, c.scores, c.energy), c.changes), "");
+}
+
+const float kSil = 0.1f;
+const float kVoice = 0.9f;
+
+INSTANTIATE_TEST_SUITE_P(
+    Hangover, PostProcessTimelineTest,
+    testing::Values(
+        // Voice 13..32: the third voice frame (15) opens at 15 - 2 - 1; the
+        // fourth silent frame (36) closes, with the end at 35 = 32 + 3.
+        // Voice after the end changes nothing.
+        TimelineCase{"OpenCloseAndFreeze",
+                     {},
+                     Runs({{kSil, 10}, {kVoice, 20}, {kSil, 10}, {kVoice, 20}, {kSil, 10}}),
+                     {{0, -1, -1}, {15, 12, -1}, {36, 12, 35}},
+                     100.0f},
+        // Voice from frame 3 (the median's zeros) opens at 3 + 5; the start
+        // 8 - 5 - 10 = -7 is clamped to 0.
+        TimelineCase{"StartClampedAtZero",
+                     {{"sil_to_voice_hangover", "5"},
+                      {"extra_leading_sil", "10"},
+                      {"voice_to_sil_hangover", "2"}},
+                     Runs({{kVoice, 20}, {kSil, 20}}),
+                     {{0, -1, -1}, {8, 0, -1}, {25, 0, 24}},
+                     100.0f},
+        // A score equal to the threshold is not voice, neither to open nor
+        // to stay open.
+        TimelineCase{
+            "ThresholdScoreNeverOpens", {}, Runs({{kSil, 5}, {0.5f, 40}}), {{0, -1, -1}}, 100.0f},
+        TimelineCase{"ThresholdScoreCloses",
+                     {},
+                     Runs({{kSil, 10}, {kVoice, 20}, {0.5f, 15}}),
+                     {{0, -1, -1}, {15, 12, -1}, {36, 12, 35}},
+                     100.0f},
+        // Zero extra leading silence and no open hangover: the first voice
+        // frame opens at its own index.
+        TimelineCase{"NoHangoverOpensAtOnce",
+                     {{"sil_to_voice_hangover", "0"}, {"extra_leading_sil", "0"}},
+                     Runs({{kSil, 10}, {kVoice, 20}, {kSil, 10}}),
+                     {{0, -1, -1}, {13, 13, -1}, {36, 13, 35}},
+                     100.0f}),
+    [](const testing::TestParamInfo<TimelineCase>& info) { return info.param.name; });
+
+// The first-segment rule with a trigger of 20 frames.  A tail of 10 frames
+// after the last voice frame is stored as 10 - 3; the clock goes back from
+// 27 to the end (25) when the hold begins, so it lags 2 frames from then on.
+INSTANTIATE_TEST_SUITE_P(
+    FirstSegment, PostProcessTimelineTest,
+    testing::Values(
+        // L = 25 - 12 - 1 - 3 = 9: held.  The planned end 25 + 7 = 32 is
+        // reached by the lagging clock at frame 33.
+        TimelineCase{
+            "HeldSegmentRunsOut",
+            {{"first_vad_seg_trigger_threshold", "20"}, {"first_vad_seg_extra_tailing_sil", "10"}},
+            Runs({{kSil, 10}, {kVoice, 10}, {kSil, 30}}),
+            {{0, -1, -1}, {15, 12, -1}, {33, 12, 32}},
+            100.0f},
+        // Voice again at 28..42 opens at frame 30, within the tail: one
+        // segment from the held start.  It closes at frame 46, where the
+        // lagging clock says 44, so the end is 43; L = 27 is reported.
+        TimelineCase{
+            "HeldSegmentMerges",
+            {{"first_vad_seg_trigger_threshold", "20"}, {"first_vad_seg_extra_tailing_sil", "10"}},
+            Runs({{kSil, 10}, {kVoice, 10}, {kSil, 5}, {kVoice, 15}, {kSil, 20}}),
+            {{0, -1, -1}, {15, 12, -1}, {46, 12, 43}},
+            100.0f},
+        // A tail below the closing hangover: planned end 25 - 1, already
+        // behind the clock, so the hold ends in the call that begins it.
+        TimelineCase{
+            "HoldEndsInTheCallThatBeginsIt",
+            {{"first_vad_seg_trigger_threshold", "20"}, {"first_vad_seg_extra_tailing_sil", "2"}},
+            Runs({{kSil, 10}, {kVoice, 10}, {kSil, 20}}),
+            {{0, -1, -1}, {15, 12, -1}, {26, 12, 24}},
+            100.0f},
+        // Longer than the trigger: reported at once.
+        TimelineCase{
+            "LongFirstSegmentIsReported",
+            {{"first_vad_seg_trigger_threshold", "8"}, {"first_vad_seg_extra_tailing_sil", "10"}},
+            Runs({{kSil, 10}, {kVoice, 10}, {kSil, 20}}),
+            {{0, -1, -1}, {15, 12, -1}, {26, 12, 25}},
+            100.0f},
+        // The clamped start: L = 24 - 0 - 10 - 2 + 7 = 19 counts from the
+        // true first voice frame.  A trigger of 19 holds it (planned end
+        // 24 + 28, reached at frame 53), a trigger of 18 doesn't.
+        TimelineCase{"OverflowCountsInLength_Held",
+                     {{"sil_to_voice_hangover", "5"},
+                      {"extra_leading_sil", "10"},
+                      {"voice_to_sil_hangover", "2"},
+                      {"first_vad_seg_trigger_threshold", "19"},
+                      {"first_vad_seg_extra_tailing_sil", "30"}},
+                     Runs({{kVoice, 20}, {kSil, 40}}),
+                     {{0, -1, -1}, {8, 0, -1}, {53, 0, 52}},
+                     100.0f},
+        TimelineCase{"OverflowCountsInLength_Reported",
+                     {{"sil_to_voice_hangover", "5"},
+                      {"extra_leading_sil", "10"},
+                      {"voice_to_sil_hangover", "2"},
+                      {"first_vad_seg_trigger_threshold", "18"},
+                      {"first_vad_seg_extra_tailing_sil", "30"}},
+                     Runs({{kVoice, 20}, {kSil, 40}}),
+                     {{0, -1, -1}, {8, 0, -1}, {25, 0, 24}},
+                     100.0f}),
+    [](const testing::TestParamInfo<TimelineCase>& info) { return info.param.name; });
+
+INSTANTIATE_TEST_SUITE_P(ForceCutoff, PostProcessTimelineTest,
+                         testing::Values(
+                             // The open at frame 15 feeds frames 12..14 first, so the length
+                             // counts from the start: 59 = 60 - 1 at frame 70, end 69, seen one
+                             // frame later.
+                             TimelineCase{"ByLength",
+                                          {{"cutoff_n_frame_max_vad_length", "60"},
+                                           {"cutoff_n_frame_min_vad_length", "1000"},
+                                           {"cutoff_n_frame_judging", "10"},
+                                           {"cutoff_threshold", "0.5"}},
+                                          Runs({{kSil, 10}, {kVoice, 80}}),
+                                          {{0, -1, -1}, {15, 12, -1}, {71, 12, 69}},
+                                          100.0f},
+                             // Opens at 13.  Steady 0.95: recent = 5 x 0.95 / 4 = 1.19 against
+                             // 1.2 x 0.95 = 1.14.  The first 0.6 (frame 33, length 21): recent
+                             // (0.95 x 4 + 0.6) / 4 = 1.1 against 1.2 x 19.6 / 21 = 1.12: cut,
+                             // end 32, seen at frame 34.
+                             TimelineCase{"ByRatio",
+                                          {{"sil_to_voice_hangover", "0"},
+                                           {"extra_leading_sil", "0"},
+                                           {"cutoff_n_frame_max_vad_length", "1000"},
+                                           {"cutoff_n_frame_min_vad_length", "8"},
+                                           {"cutoff_n_frame_judging", "4"},
+                                           {"cutoff_threshold", "1.2"}},
+                                          Runs({{kSil, 10}, {0.95f, 20}, {0.6f, 20}}),
+                                          {{0, -1, -1}, {13, 13, -1}, {34, 13, 32}},
+                                          100.0f},
+                             // Below 51 there is no cutoff at all (and its keys aren't needed).
+                             TimelineCase{"NoneBelow51",
+                                          {{"cutoff_n_frame_max_vad_length", "50"}},
+                                          Runs({{kSil, 10}, {kVoice, 200}}),
+                                          {{0, -1, -1}, {15, 12, -1}},
+                                          100.0f}),
+                         [](const testing::TestParamInfo<TimelineCase>& info) {
+                           return info.param.name;
+                         });
+
+// Mode 1 with default keys: bounds at the floors 40 and 60.  0.9 weighed
+// at energy 50 is 0.9 x 0.5^0.4 = 0.68, still voice; at 40 it is 0.
+INSTANTIATE_TEST_SUITE_P(Energy, PostProcessTimelineTest,
+                         testing::Values(TimelineCase{"Mode1BetweenFloors",
+                                                      {{"E_post_process_type", "1"}},
+                                                      Runs({{kSil, 10}, {kVoice, 20}, {kSil, 15}}),
+                                                      {{0, -1, -1}, {15, 12, -1}, {36, 12, 35}},
+                                                      50.0f},
+                                         TimelineCase{"Mode1AtLowFloor",
+                                                      {{"E_post_process_type", "1"}},
+                                                      Runs({{kSil, 10}, {kVoice, 20}, {kSil, 15}}),
+                                                      {{0, -1, -1}},
+                                                      40.0f},
+                                         // 0.1^0.4 x 0.9 = 0.36: loud enough to pass the low
+                                         // floor, too quiet to open.
+                                         TimelineCase{"Mode1JustAboveLowFloor",
+                                                      {{"E_post_process_type", "1"}},
+                                                      Runs({{kSil, 10}, {kVoice, 20}, {kSil, 15}}),
+                                                      {{0, -1, -1}},
+                                                      42.0f},
+                                         // With one frame per call the window is that frame, so
+                                         // high and low both reach the frame's own energy and
+                                         // every score becomes 0.
+                                         TimelineCase{"Mode2SingleFrameBatch",
+                                                      {{"E_post_process_type", "2"}},
+                                                      Runs({{kSil, 10}, {kVoice, 20}, {kSil, 15}}),
+                                                      {{0, -1, -1}},
+                                                      70.0f}),
+                         [](const testing::TestParamInfo<TimelineCase>& info) {
+                           return info.param.name;
+                         });
+
+// The short-burst pattern of HeldSegmentRunsOut, then the resets.
+TEST(PostProcessTest, ResetFalseKeepsTheRuleOffResetTrueRearmsIt) {
+  auto pp = MakePost(With(BaseConfig(), {{"first_vad_seg_trigger_threshold", "20"},
+                                         {"first_vad_seg_extra_tailing_sil", "10"}}));
+  const std::vector<float> burst = Runs({{kSil, 10}, {kVoice, 10}, {kSil, 30}});
+  EXPECT_EQ(Mismatches(Feed(*pp, burst), {{0, -1, -1}, {15, 12, -1}, {33, 12, 32}}), "");
+  pp->reset(false);
+  // Frame numbering restarts, the warm median holds silence, and the same
+  // burst ends at once.
+  EXPECT_EQ(Mismatches(Feed(*pp, burst), {{0, -1, -1}, {15, 12, -1}, {26, 12, 25}}), "");
+  pp->reset(false);
+  EXPECT_EQ(Mismatches(Feed(*pp, burst), {{0, -1, -1}, {15, 12, -1}, {26, 12, 25}}), "");
+  pp->reset(true);
+  EXPECT_EQ(Mismatches(Feed(*pp, burst), {{0, -1, -1}, {15, 12, -1}, {33, 12, 32}}), "");
+}
+
+TEST(PostProcessTest, ResetMidSegmentRestartsPositions) {
+  auto pp = MakePost(BaseConfig());
+  Feed(*pp, Runs({{kSil, 10}, {kVoice, 10}}));  // open at 12
+  pp->reset(false);
+  // The median is warm with voice: the score stays voice, and the segment
+  // opens again at frame 2, its start clamped.
+  EXPECT_EQ(Mismatches(Feed(*pp, Runs({{kVoice, 5}, {kSil, 10}})),
+                       {{0, -1, -1}, {2, 0, -1}, {11, 0, 10}}),
+            "");
+}
+
+TEST(PostProcessTest, ResetTrueClearsTheMedian) {
+  auto pp = MakePost(BaseConfig());
+  Feed(*pp, Runs({{kVoice, 10}}));
+  pp->reset(true);
+  // The zeroed median needs 4 voice frames again: open at 3 + 2, start 2.
+  EXPECT_EQ(Mismatches(Feed(*pp, Runs({{kVoice, 8}})), {{0, -1, -1}, {5, 2, -1}}), "");
+}
+
+// A cut shows in the next frame; a new segment needs a reset.
+TEST(PostProcessTest, CutSegmentStaysEndedUntilReset) {
+  auto pp = MakePost(With(BaseConfig(), {{"cutoff_n_frame_max_vad_length", "60"},
+                                         {"cutoff_n_frame_min_vad_length", "1000"},
+                                         {"cutoff_n_frame_judging", "10"},
+                                         {"cutoff_threshold", "0.5"}}));
+  EXPECT_EQ(Mismatches(Feed(*pp, Runs({{kSil, 10}, {kVoice, 150}})),
+                       {{0, -1, -1}, {15, 12, -1}, {71, 12, 69}}),
+            "");
+  pp->reset(false);
+  // Warm median: open at 2, start clamped; the catch-up feeds frames 0..1,
+  // so the cut comes at frame 58, seen at 59.
+  EXPECT_EQ(Mismatches(Feed(*pp, Runs({{kVoice, 100}})), {{0, -1, -1}, {2, 0, -1}, {59, 0, 57}}),
+            "");
+}
+
+// Mixing classes into the score, checked through whether a steady frame
+// opens a segment against a threshold of 0.55.
+struct MixCase {
+  const char* name;
+  const char* target_class;
+  const char* n_classes;
+  std::vector<float> prior;
+  bool opens;
+};
+
+void PrintTo(const MixCase& c, std::ostream* os) { *os << c.name; }
+
+class PostProcessMixTest : public testing::TestWithParam<MixCase> {};
+
+TEST_P(PostProcessMixTest, ScoreMixesTargetClasses) {
+  const MixCase& c = GetParam();
+  auto pp = MakePost(With(BaseConfig(), {{"target_class", c.target_class},
+                                         {"n_classes", c.n_classes},
+                                         {"wakeup_threshold", "0.55"},
+                                         {"sil_to_voice_hangover", "0"}}));
+  int32_t start = -1, end = -1;
+  const float energy = 0.0f;
+  for (int i = 0; i < 10; ++i) pp->apply_post_process(c.prior.data(), &energy, &start, &end);
+  EXPECT_EQ(start != -1, c.opens);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    TargetClass, PostProcessMixTest,
+    testing::Values(MixCase{"Plain", "1", "2", {0.4f, 0.6f}, true},
+                    MixCase{"PlainBelow", "1", "2", {0.5f, 0.5f}, false},
+                    MixCase{"Factor", "1v2", "2", {0.7f, 0.3f}, true},
+                    MixCase{"TwoClassesHalfEach", "1v0.5,2", "3", {0.0f, 0.6f, 0.6f}, true},
+                    // The bare class 2 takes 0.5 from the entry before it:
+                    // 0.3, not 0.6.
+                    MixCase{"FactorCarriesOver", "1v0.5,2", "3", {0.0f, 0.0f, 0.6f}, false},
+                    MixCase{
+                        "LeadingBareClassHasFactorOne", "2,1v0.5", "3", {0.0f, 0.0f, 0.6f}, true},
+                    MixCase{"ClassZero", "0v1,1v1", "2", {0.3f, 0.3f}, true}),
+    [](const testing::TestParamInfo<MixCase>& info) { return info.param.name; });
+
+TEST(PostProcessTest, ClassZeroWarns) {
+  for (const char* target : {"0", "", "1,0v0.5"}) {
+    std::string log;
+    MakePost(With(BaseConfig(), {{"target_class", target}}), false, &log);
+    EXPECT_TRUE(std::regex_search(
+        log, std::regex("src/post_process:[0-9]+ WARNING: are you sure you want to use `class 0` "
+                        "as a `wkp class`\\?INFO")))
+        << "target_class <" << target << ">: " << log;
+  }
+}
+
+// Keys named in the INFO lines, in order of reading.
+std::vector<std::string> KeysRead(const std::string& log) {
+  std::vector<std::string> keys;
+  std::regex key_re("INFO: use (user`s|default) value <[^>]*> for key <([^>]*)>\n");
+  for (auto it = std::sregex_iterator(log.begin(), log.end(), key_re); it != std::sregex_iterator();
+       ++it) {
+    keys.push_back((*it)[2]);
+  }
+  return keys;
+}
+
+TEST(PostProcessTest, ReadsKeysInOrder) {
+  std::string log;
+  MakePost(With(BaseConfig(), {{"E_post_process_type", "1"},
+                               {"cutoff_n_frame_max_vad_length", "51"},
+                               {"cutoff_n_frame_min_vad_length", "10"},
+                               {"cutoff_n_frame_judging", "10"},
+                               {"cutoff_threshold", "0.5"}}),
+           false, &log);
+  EXPECT_EQ(KeysRead(log),
+            (std::vector<std::string>{
+                "target_class", "n_batch", "n_classes", "sil_to_voice_hangover",
+                "voice_to_sil_hangover", "extra_leading_sil", "wakeup_threshold",
+                "first_vad_seg_trigger_threshold", "first_vad_seg_extra_tailing_sil",
+                "n_max_continuous_sil_frame", "sil_check_threshold", "E_post_process_type",
+                // the energy stage
+                "E_post_process_type", "E_buff_length", "E_high_percent", "E_low_percent",
+                "E_high_th", "E_low_th", "E_pow_factor", "cutoff_n_frame_max_vad_length",
+                // the force cutoff
+                "cutoff_n_frame_max_vad_length", "cutoff_n_frame_min_vad_length",
+                "cutoff_n_frame_judging", "cutoff_threshold"}));
+  EXPECT_NE(log.find("INFO: use default value <-1> for key <first_vad_seg_trigger_threshold>\n"),
+            std::string::npos);
+}
+
+ConfigMap SuspectedConfig() {
+  return With(BaseConfig(), {{"suspected_sil_to_voice_hangover", "4"},
+                             {"suspected_voice_to_sil_hangover", "6"},
+                             {"suspected_extra_leading_sil", "8"},
+                             {"suspected_wakeup_threshold", "0.25"},
+                             {"suspected_first_vad_seg_trigger_threshold", "-1"},
+                             {"suspected_first_vad_seg_extra_tailing_sil", "-1"}});
+}
+
+TEST(PostProcessTest, SuspectedPathReadsPrefixedKeys) {
+  std::string log;
+  auto main_path = MakePost(SuspectedConfig(), false);
+  auto suspected = MakePost(SuspectedConfig(), true, &log);
+  EXPECT_EQ(main_path->get_sil_to_voice_hangover(), 2);
+  EXPECT_EQ(main_path->get_voice_to_sil_hangover(), 3);
+  EXPECT_EQ(main_path->get_extra_leading_sil(), 1);
+  EXPECT_EQ(main_path->get_curr_wkp_threshold(), 0.5f);
+  EXPECT_EQ(suspected->get_sil_to_voice_hangover(), 4);
+  EXPECT_EQ(suspected->get_voice_to_sil_hangover(), 6);
+  EXPECT_EQ(suspected->get_extra_leading_sil(), 8);
+  EXPECT_EQ(suspected->get_curr_wkp_threshold(), 0.25f);
+  const std::vector<std::string> keys = KeysRead(log);
+  ASSERT_GE(keys.size(), 11u);
+  EXPECT_EQ(keys[3], "suspected_sil_to_voice_hangover");
+  EXPECT_EQ(keys[8], "suspected_first_vad_seg_extra_tailing_sil");
+  EXPECT_EQ(keys[9], "n_max_continuous_sil_frame");  // shared, no prefix
+}
+
+TEST(PostProcessTest, ThresholdSetterActsFromTheNextFrame) {
+  auto pp = MakePost(BaseConfig());
+  pp->set_wkp_threshold(0.95f);
+  EXPECT_EQ(pp->get_curr_wkp_threshold(), 0.95f);
+  EXPECT_EQ(Mismatches(Feed(*pp, Runs({{kVoice, 20}})), {{0, -1, -1}}), "");
+  pp->set_wkp_threshold(0.85f);
+  // The smoothed score is already voice: three frames open.
+  EXPECT_EQ(Mismatches(Feed(*pp, Runs({{kVoice, 5}})), {{0, -1, -1}, {2, 19, -1}}), "");
+}
+
+TEST(PostProcessTest, CheckSilFrameCountsFramesBelowItsThreshold) {
+  auto pp = MakePost(
+      With(BaseConfig(), {{"sil_check_threshold", "0.3"}, {"n_max_continuous_sil_frame", "5"}}));
+  std::vector<int32_t> flags;
+  int32_t start, end;
+  const float energy = 0.0f;
+  auto step = [&](float s) {
+    const float prior[2] = {1.0f - s, s};
+    pp->apply_post_process(prior, &energy, &start, &end);
+    flags.push_back(pp->check_sil_frame());
+  };
+  for (int i = 0; i < 7; ++i) step(kSil);
+  // 0.3 four times: the median reaches exactly 0.3 at the fourth, which
+  // clears the count; then 0.1 again.
+  for (int i = 0; i < 4; ++i) step(0.3f);
+  for (int i = 0; i < 9; ++i) step(kSil);
+  EXPECT_EQ(flags, (std::vector<int32_t>{0, 0, 0, 0, 0, 1, 1,  // more than 5 below
+                                         1, 1, 1, 0,           // median 0.1 x 3, then 0.3
+                                         0, 0, 0, 0, 0, 0, 0, 0, 1}));
+}
+
+TEST(PostProcessTest, CheckSilFrameOffByDefault) {
+  auto pp = MakePost(BaseConfig());
+  Feed(*pp, Runs({{0.0f, 1500}}));
+  EXPECT_EQ(pp->check_sil_frame(), 0);  // threshold -1: nothing is below it
+}
+
+// Two frames per call give the same positions as one frame per call, read
+// at the second frame of each pair.
+TEST(PostProcessTest, BatchOfTwoMatchesSingleFrames) {
+  std::mt19937 rng(99);
+  std::uniform_int_distribution<int> run_len(1, 12);
+  std::vector<float> scores;
+  bool voice = false;
+  while (scores.size() < 400) {
+    scores.insert(scores.end(), run_len(rng), voice ? kVoice : kSil);
+    voice = !voice;
+  }
+  auto single = MakePost(BaseConfig());
+  auto pair = MakePost(With(BaseConfig(), {{"n_batch", "2"}}));
+  int32_t s1 = -1, e1 = -1;
+  for (size_t f = 0; f + 1 < scores.size(); f += 2) {
+    const float prior2[4] = {1 - scores[f], scores[f], 1 - scores[f + 1], scores[f + 1]};
+    const float energy2[2] = {0, 0};
+    int32_t s2 = -7, e2 = -7;
+    pair->apply_post_process(prior2, energy2, &s2, &e2);
+    for (size_t k = f; k < f + 2; ++k) {
+      const float prior1[2] = {1 - scores[k], scores[k]};
+      single->apply_post_process(prior1, energy2, &s1, &e1);
+    }
+    ASSERT_EQ(s2, s1) << "frame " << f + 1;
+    ASSERT_EQ(e2, e1) << "frame " << f + 1;
+    if (e1 != -1) {
+      single->reset(false);
+      pair->reset(false);
+    }
+  }
+}
+
+// Two frames per call with a length cut.  Voice from frame 14 opens at frame
+// 16, the first of its pair, start 13.  The catch-up would need frames
+// 13..15 but the history holds 14..17, so frame 13 is not counted and the
+// length is 59 at frame 72, first of its pair.  The end then takes the
+// pair's last frame: 74 - 1 + 1 - 2 = 72, seen one call later.
+TEST(PostProcessTest, BatchOfTwoCutEndsAtTheBatchsLastFrame) {
+  auto pp = MakePost(With(BaseConfig(), {{"n_batch", "2"},
+                                         {"cutoff_n_frame_max_vad_length", "60"},
+                                         {"cutoff_n_frame_min_vad_length", "1000"},
+                                         {"cutoff_n_frame_judging", "10"},
+                                         {"cutoff_threshold", "0.5"}}));
+  const std::vector<float> scores = Runs({{kSil, 11}, {kVoice, 89}});
+  std::vector<Pos> calls;
+  for (size_t f = 0; f < scores.size(); f += 2) {
+    const float prior[4] = {1 - scores[f], scores[f], 1 - scores[f + 1], scores[f + 1]};
+    const float energy[2] = {0, 0};
+    Pos p = {-7, -7};
+    pp->apply_post_process(prior, energy, &p.start, &p.end);
+    calls.push_back(p);
+  }
+  EXPECT_EQ(Mismatches(calls, {{0, -1, -1}, {8, 13, -1}, {37, 13, 72}}), "");
+}
+
+TEST(PostProcessDeathTest, RequiredKeysAbort) {
+  for (const char* key : {"target_class", "n_classes", "cutoff_n_frame_max_vad_length", "n_batch",
+                          "wakeup_threshold"}) {
+    ConfigMap config = BaseConfig();
+    config.erase(key);
+    EXPECT_DEATH(Post_process(config, false),
+                 std::string("^(INFO: [^\n]*\n)*src/post_process:[0-9]+ ERROR: can`t read value "
+                             "of key <") +
+                     key + ">\n$");
+  }
+}
+
+TEST(PostProcessDeathTest, SuspectedKeysHaveNoDefaults) {
+  ConfigMap config = SuspectedConfig();
+  config.erase("suspected_first_vad_seg_trigger_threshold");
+  EXPECT_DEATH(Post_process(config, true),
+               "src/post_process:[0-9]+ ERROR: can`t read value of key "
+               "<suspected_first_vad_seg_trigger_threshold>\n$");
+}
+
+TEST(PostProcessDeathTest, ClassNotBelowNClassesAborts) {
+  for (const char* target : {"2", "1v0.5,2", "1,7v1"}) {
+    const ConfigMap config = With(BaseConfig(), {{"target_class", target}});
+    EXPECT_DEATH(Post_process(config, false),
+                 "src/post_process:[0-9]+ ERROR: the val of `classes` should be unsinged int and "
+                 "smaller then `n_class`$")
+        << target;
+  }
+}
+
+}  // namespace
+}  // namespace Tovad_toolkit
