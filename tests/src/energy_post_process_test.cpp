@@ -126,16 +126,6 @@ TEST(EnergyPostProcessTest, Mode3StoresAndWeighsOnRequest) {
   EXPECT_EQ(out[7], -1.0f);
 }
 
-TEST(EnergyPostProcessTest, Mode0DoesNothing) {
-  auto stage = MakeEnergy({});
-  float energy[5000] = {};
-  float vad[5000];
-  for (float& v : vad) v = 0.25f;
-  stage->apply_energy_post_process(5000, energy, vad);  // no size check either
-  EXPECT_EQ(vad[0], 0.25f);
-  EXPECT_EQ(vad[4999], 0.25f);
-}
-
 TEST(EnergyPostProcessTest, LargestBatchPasses) {
   auto stage = MakeEnergy({{"E_post_process_type", "2"}});
   // Half quiet, half loud: low = sorted[1638], a quiet 20, so the floor 40;

@@ -176,6 +176,18 @@ INSTANTIATE_TEST_SUITE_P(
             Runs({{kSil, 10}, {kVoice, 10}, {kSil, 5}, {kVoice, 15}, {kSil, 20}}),
             {{0, -1, -1}, {15, 12, -1}, {46, 12, 43}},
             100.0f},
+        // The same with a force cutoff: the catch-up after the merge can
+        // only reach back as far as the score history.
+        TimelineCase{"HeldSegmentMergesUnderCutoff",
+                     {{"first_vad_seg_trigger_threshold", "20"},
+                      {"first_vad_seg_extra_tailing_sil", "10"},
+                      {"cutoff_n_frame_max_vad_length", "1000"},
+                      {"cutoff_n_frame_min_vad_length", "1000"},
+                      {"cutoff_n_frame_judging", "10"},
+                      {"cutoff_threshold", "0.5"}},
+                     Runs({{kSil, 10}, {kVoice, 10}, {kSil, 5}, {kVoice, 15}, {kSil, 20}}),
+                     {{0, -1, -1}, {15, 12, -1}, {46, 12, 43}},
+                     100.0f},
         // A tail below the closing hangover: planned end 25 - 1, already
         // behind the clock, so the hold ends in the call that begins it.
         TimelineCase{
@@ -363,7 +375,6 @@ TEST_P(PostProcessMixTest, ScoreMixesTargetClasses) {
 INSTANTIATE_TEST_SUITE_P(
     TargetClass, PostProcessMixTest,
     testing::Values(MixCase{"Plain", "1", "2", {0.4f, 0.6f}, true},
-                    MixCase{"PlainBelow", "1", "2", {0.5f, 0.5f}, false},
                     MixCase{"Factor", "1v2", "2", {0.7f, 0.3f}, true},
                     MixCase{"TwoClassesHalfEach", "1v0.5,2", "3", {0.0f, 0.6f, 0.6f}, true},
                     // The bare class 2 takes 0.5 from the entry before it:
@@ -477,12 +488,6 @@ TEST(PostProcessTest, CheckSilFrameCountsFramesBelowItsThreshold) {
   EXPECT_EQ(flags, (std::vector<int32_t>{0, 0, 0, 0, 0, 1, 1,  // more than 5 below
                                          1, 1, 1, 0,           // median 0.1 x 3, then 0.3
                                          0, 0, 0, 0, 0, 0, 0, 0, 1}));
-}
-
-TEST(PostProcessTest, CheckSilFrameOffByDefault) {
-  auto pp = MakePost(BaseConfig());
-  Feed(*pp, Runs({{0.0f, 1500}}));
-  EXPECT_EQ(pp->check_sil_frame(), 0);  // threshold -1: nothing is below it
 }
 
 // Two frames per call give the same positions as one frame per call, read
