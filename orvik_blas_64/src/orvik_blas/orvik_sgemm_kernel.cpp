@@ -96,14 +96,21 @@ void PackA(int a_trans, const float* a, int lda, int i0, int mi, int l0, int ml,
         }
       }
     } else {
-      // op(a)(i, l) = a[l + i*lda]: each row is contiguous in depth.
+      // op(a)(i, l) = a[l + i*lda]: each row is contiguous in depth.  Read
+      // the kMR rows side by side in short depth runs so that the writes
+      // stay contiguous and the source lines stay in L1.
       const float* s = a + l0 + static_cast<long>(i0 + ip) * lda;
-      for (int r = 0; r < mr; ++r) {
-        const float* row = s + static_cast<long>(r) * lda;
-        for (int l = 0; l < ml; ++l) d[l * kMR + r] = row[l];
-      }
-      for (int r = mr; r < kMR; ++r) {
-        for (int l = 0; l < ml; ++l) d[l * kMR + r] = 0.0f;
+      constexpr int kRun = 16;
+      for (int l = 0; l < ml; l += kRun) {
+        const int run = Min(kRun, ml - l);
+        for (int r = 0; r < mr; ++r) {
+          const float* row = s + static_cast<long>(r) * lda + l;
+          float* out = d + l * kMR + r;
+          for (int ll = 0; ll < run; ++ll) out[ll * kMR] = row[ll];
+        }
+        for (int r = mr; r < kMR; ++r) {
+          for (int ll = 0; ll < run; ++ll) d[(l + ll) * kMR + r] = 0.0f;
+        }
       }
     }
   }
@@ -188,10 +195,101 @@ void Kernel(int m, int n, int k, float alpha, const float* sa, const float* sb, 
   }
 }
 
+// The sum of the lanes: halves are folded with vector adds first.
+#if defined(__AVX512F__) || defined(__AVX2__)
+typedef float V4 __attribute__((vector_size(16)));
+inline float FoldSum(Vf v) {
+  V4 parts[kLanes / 4];
+  memcpy(parts, &v, sizeof(v));
+  V4 s = parts[0];
+  for (int i = 1; i < kLanes / 4; ++i) s += parts[i];
+  return (s[0] + s[1]) + (s[2] + s[3]);
+}
+#else
+inline float FoldSum(Vf v) { return HSum(v); }
+#endif
+
+// Adds x[i] * col_c[i] for i in [0, n), n < kLanes, to sums[c], with
+// 4-wide vectors and then single elements.
+template <int kCount>
+inline void DotTail(int n, const float* x, const float* const* cols, float* sums) {
+  typedef float V4t __attribute__((vector_size(16)));
+  int i = 0;
+  if (n >= 4 && kLanes > 4) {
+    V4t acc[kCount];
+    for (int c = 0; c < kCount; ++c) acc[c] = V4t{};
+    for (; i + 4 <= n; i += 4) {
+      V4t xv;
+      memcpy(&xv, x + i, sizeof(xv));
+      for (int c = 0; c < kCount; ++c) {
+        V4t av;
+        memcpy(&av, cols[c] + i, sizeof(av));
+        acc[c] += av * xv;
+      }
+    }
+    for (int c = 0; c < kCount; ++c) sums[c] += (acc[c][0] + acc[c][1]) + (acc[c][2] + acc[c][3]);
+  }
+  for (; i < n; ++i) {
+    for (int c = 0; c < kCount; ++c) sums[c] += cols[c][i] * x[i];
+  }
+}
+
+// Few columns with a read transposed (a weight matrix stored one output per
+// row, the fully connected layer's case).  Packing a into panels would cost
+// as much as the product, since a serves only a handful of columns; so only
+// op(b) is packed, transposed so that each depth step holds its columns
+// side by side, and rows of a are read in place, one broadcast per element.
+constexpr int kRowsAtOnce = 8;
+constexpr int kFewColumns = 32;
+
+void FewColumnsBlock(int m, int n, int k, float alpha, const float* a, int lda, int b_trans,
+                     const float* b, int ldb, float* c, int ldc, float* sb) {
+  const int np = (n + kLanes - 1) / kLanes * kLanes;
+  for (int ls = 0; ls < k; ls += GEMM_Q) {
+    const int ml = Min(GEMM_Q, k - ls);
+    // bt[l*np + j] = op(b)(ls + l, j), zero past n.
+    for (int l = 0; l < ml; ++l) {
+      float* row = sb + static_cast<long>(l) * np;
+      for (int j = 0; j < n; ++j) {
+        row[j] = b_trans ? b[j + static_cast<long>(ls + l) * ldb]
+                         : b[ls + l + static_cast<long>(j) * ldb];
+      }
+      for (int j = n; j < np; ++j) row[j] = 0.0f;
+    }
+    for (int i = 0; i < m; i += kRowsAtOnce) {
+      const int nr = Min(kRowsAtOnce, m - i);
+      const float* ap[kRowsAtOnce];
+      // Past the edge, repeat the last row; its sums are not written.
+      for (int r = 0; r < kRowsAtOnce; ++r)
+        ap[r] = a + ls + static_cast<long>(i + Min(r, nr - 1)) * lda;
+      for (int jv = 0; jv < np; jv += kLanes) {
+        Vf acc[kRowsAtOnce];
+#pragma GCC unroll 8
+        for (int r = 0; r < kRowsAtOnce; ++r) acc[r] = Vf{};
+        const float* bv_at = sb + jv;
+        for (int l = 0; l < ml; ++l) {
+          const Vf bv = Load(bv_at + static_cast<long>(l) * np);
+#pragma GCC unroll 8
+          for (int r = 0; r < kRowsAtOnce; ++r) acc[r] += Splat(ap[r][l]) * bv;
+        }
+        const int nc = Min(kLanes, n - jv);
+        for (int r = 0; r < nr; ++r) {
+          float* out = c + i + r + static_cast<long>(jv) * ldc;
+          for (int cc = 0; cc < nc; ++cc) out[static_cast<long>(cc) * ldc] += alpha * acc[r][cc];
+        }
+      }
+    }
+  }
+}
+
 }  // namespace
 
 void sgemm_blocked(int a_trans, int b_trans, int m, int n, int k, float alpha, const float* a,
                    int lda, const float* b, int ldb, float* c, int ldc, float* sa, float* sb) {
+  if (a_trans && n <= kFewColumns) {
+    FewColumnsBlock(m, n, k, alpha, a, lda, b_trans, b, ldb, c, ldc, sb);
+    return;
+  }
   for (int js = 0; js < n; js += GEMM_R) {
     const int min_j = Min(n - js, GEMM_R);
     int min_l = 0;
@@ -259,36 +357,32 @@ void sgemv_n(int rows, int cols, float alpha, const float* a, int lda, const flo
 void sgemv_t(int rows, int cols, float alpha, const float* a, int lda, const float* x, float* y) {
   constexpr int kCols = 8;
   const int body = rows - rows % kLanes;
-  const int tail = rows - body;
-  // The tail of x, padded with zeros to one vector.
-  float xt_buf[kLanes] = {};
-  for (int i = 0; i < tail; ++i) xt_buf[i] = x[body + i];
-  const Vf xt = Load(xt_buf);
   int j = 0;
   for (; j + kCols <= cols; j += kCols) {
+    const float* col[kCols];
+    for (int c = 0; c < kCols; ++c) col[c] = a + static_cast<long>(j + c) * lda;
     Vf acc[kCols];
     for (int c = 0; c < kCols; ++c) acc[c] = Vf{};
     for (int i = 0; i < body; i += kLanes) {
       const Vf xv = Load(x + i);
 #pragma GCC unroll 8
-      for (int c = 0; c < kCols; ++c) acc[c] += Load(a + i + static_cast<long>(j + c) * lda) * xv;
+      for (int c = 0; c < kCols; ++c) acc[c] += Load(col[c] + i) * xv;
     }
-    if (tail) {
-      for (int c = 0; c < kCols; ++c) {
-        float at[kLanes] = {};
-        memcpy(at, a + body + static_cast<long>(j + c) * lda, tail * sizeof(float));
-        acc[c] += Load(at) * xt;
-      }
-    }
-    for (int c = 0; c < kCols; ++c) y[j + c] += alpha * HSum(acc[c]);
+    float sums[kCols];
+    for (int c = 0; c < kCols; ++c) sums[c] = FoldSum(acc[c]);
+    const float* tails[kCols];
+    for (int c = 0; c < kCols; ++c) tails[c] = col[c] + body;
+    DotTail<kCols>(rows - body, x + body, tails, sums);
+    for (int c = 0; c < kCols; ++c) y[j + c] += alpha * sums[c];
   }
   for (; j < cols; ++j) {
     const float* col = a + static_cast<long>(j) * lda;
     Vf acc = {};
     for (int i = 0; i < body; i += kLanes) acc += Load(col + i) * Load(x + i);
-    float s = HSum(acc);
-    for (int i = body; i < rows; ++i) s += col[i] * x[i];
-    y[j] += alpha * s;
+    float sum = FoldSum(acc);
+    const float* tail = col + body;
+    DotTail<1>(rows - body, x + body, &tail, &sum);
+    y[j] += alpha * sum;
   }
 }
 
