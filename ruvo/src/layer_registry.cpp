@@ -9,6 +9,15 @@
 
 #include "orviklog/src/logging.h"
 #include "ruvo/layer.h"
+#include "ruvo/src/layer/activation.h"
+#include "ruvo/src/layer/concat.h"
+#include "ruvo/src/layer/flatten.h"
+#include "ruvo/src/layer/fullyconnected.h"
+#include "ruvo/src/layer/reshape.h"
+#include "ruvo/src/layer/slice.h"
+#include "ruvo/src/layer/slice_axis.h"
+#include "ruvo/src/layer/softmaxactivation.h"
+#include "ruvo/src/layer/softmaxoutput.h"
 
 namespace orvik {
 namespace ruvo {
@@ -25,15 +34,15 @@ struct LayerRegistryEntry {
 // clang-format off
 const LayerRegistryEntry layer_registry[] = {
     {"Input",                     Input_layer_creator},  // 0  Input
-    {"FullyConnected",            nullptr},  // 1  FullyConnected
-    {"Activation",                nullptr},  // 2  Activation
+    {"FullyConnected",            FullyConnected_layer_creator},  // 1  FullyConnected
+    {"Activation",                Activation_layer_creator},  // 2  Activation
     {"Pooling",                   nullptr},  // 3  Pooling
-    {"SoftmaxActivation",         nullptr},  // 4  SoftmaxActivation
-    {"Concat",                    nullptr},  // 5  Concat
+    {"SoftmaxActivation",         SoftmaxActivation_layer_creator},  // 4  SoftmaxActivation
+    {"Concat",                    Concat_layer_creator},  // 5  Concat
     {"_Plus",                     nullptr},  // 6  ElementWiseBinary_Plus
     {"elemwise_add",              nullptr},  // 7  ElementWiseBinary_Plus
     {"Convolution",               nullptr},  // 8  Convolution
-    {"Flatten",                   nullptr},  // 9  Flatten
+    {"Flatten",                   Flatten_layer_creator},  // 9  Flatten
     {"BatchNorm",                 nullptr},  // 10 BatchNorm
     {"QuantiInput",               nullptr},  // 11 QuantiInput
     {"AlphaPooling",              nullptr},  // 12 AlphaPooling
@@ -43,9 +52,9 @@ const LayerRegistryEntry layer_registry[] = {
     {"AlphaConvolution",          nullptr},  // 16 AlphaConvolution
     {"AlphaUpscale",              nullptr},  // 17 AlphaUpscale
     {"QuantiFullyConnected",      nullptr},  // 18 QuantiFullyConnected
-    {"SoftmaxOutput",             nullptr},  // 19 SoftmaxOutput
-    {"Reshape",                   nullptr},  // 20 Reshape
-    {"slice_axis",                nullptr},  // 21 slice_axis
+    {"SoftmaxOutput",             SoftmaxOutput_layer_creator},  // 19 SoftmaxOutput
+    {"Reshape",                   Reshape_layer_creator},  // 20 Reshape
+    {"slice_axis",                slice_axis_layer_creator},  // 21 slice_axis
     {"_mul_scalar",               nullptr},  // 22 ElementWiseBinaryScalar_Mul_Scalar
     {"_MulScalar",                nullptr},  // 23 ElementWiseBinaryScalar_Mul_Scalar
     {"_plus_scalar",              nullptr},  // 24 ElementWiseBinaryScalar_Plus_Scalar
@@ -59,7 +68,7 @@ const LayerRegistryEntry layer_registry[] = {
     {"AlphaPlusConvolution",      nullptr},  // 32 AlphaPlusConvolution
     {"UpSampling",                nullptr},  // 33 UpSampling
     {"QuantiTemporalConvolution", nullptr},  // 34 QuantiTemporalConvolution
-    {"slice",                     nullptr},  // 35 slice
+    {"slice",                     slice_layer_creator},  // 35 slice
 };
 // clang-format on
 

@@ -1,0 +1,1 @@
+case full

@@ -1,0 +1,173 @@
+#ifndef TESTS_RUVO_NET_FIXTURE_H_
+#define TESTS_RUVO_NET_FIXTURE_H_
+
+// Reads the nets written by tests/ruvo/gen_net_fixtures.py (graph,
+// parameters, and inputs with their expected outputs computed in numpy)
+// and builds predictors from them.  A missing file fails the test.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tovadmod/c_predict_api.h"
+
+namespace net_test {
+
+struct Tensor {
+  std::vector<uint32_t> shape;
+  std::vector<float> values;
+};
+
+struct IoCase {
+  std::string name;
+  std::vector<std::pair<std::string, Tensor>> inputs;  // in file order
+  std::map<std::string, Tensor> outputs;
+  std::map<std::string, Tensor> bounds;
+};
+
+struct Model {
+  std::string json;
+  std::string params;
+  std::vector<IoCase> cases;
+};
+
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  EXPECT_TRUE(f.good()) << "missing test data " << path << " (run tests/ruvo/gen_net_fixtures.py)";
+  std::ostringstream ss;
+  ss << f.rdbuf();
+  return ss.str();
+}
+
+inline std::vector<IoCase> ParseIo(const std::string& text) {
+  std::vector<IoCase> cases;
+  std::istringstream in(text);
+  std::string kind;
+  while (in >> kind) {
+    if (kind == "case") {
+      cases.emplace_back();
+      in >> cases.back().name;
+      continue;
+    }
+    std::string key;
+    uint32_t ndim = 0;
+    in >> key >> ndim;
+    Tensor t;
+    size_t count = 1;
+    for (uint32_t i = 0; i < ndim; ++i) {
+      uint32_t d = 0;
+      in >> d;
+      t.shape.push_back(d);
+      count *= d;
+    }
+    t.values.resize(count);
+    for (size_t i = 0; i < count; ++i) {
+      std::string v;
+      in >> v;
+      t.values[i] = std::strtof(v.c_str(), nullptr);
+    }
+    if (cases.empty()) cases.emplace_back();
+    if (kind == "input") {
+      cases.back().inputs.emplace_back(key, t);
+    } else if (kind == "output") {
+      cases.back().outputs[key] = t;
+    } else if (kind == "bound") {
+      cases.back().bounds[key] = t;
+    } else {
+      ADD_FAILURE() << "unknown block " << kind;
+    }
+  }
+  return cases;
+}
+
+// tests/data/net/<name>-symbol.json, <name>.params (or <params_name>.params)
+// and <name>.io.
+inline Model LoadModel(const std::string& name, const std::string& params_name = "") {
+  const std::string dir = std::string(TOVAD_TEST_DATA_DIR) + "/net/";
+  Model m;
+  m.json = ReadFile(dir + name + "-symbol.json");
+  m.params = ReadFile(dir + (params_name.empty() ? name : params_name) + ".params");
+  m.cases = ParseIo(ReadFile(dir + name + ".io"));
+  return m;
+}
+
+// Input keys and shapes of a case, in the layout MXPredCreate takes.
+struct InputSpec {
+  std::vector<const char*> keys;
+  std::vector<uint32_t> indptr{0};
+  std::vector<uint32_t> data;
+};
+
+inline InputSpec SpecOf(const IoCase& c) {
+  InputSpec s;
+  for (const auto& in : c.inputs) {
+    s.keys.push_back(in.first.c_str());
+    s.data.insert(s.data.end(), in.second.shape.begin(), in.second.shape.end());
+    s.indptr.push_back(static_cast<uint32_t>(s.data.size()));
+  }
+  return s;
+}
+
+// MXPredCreate (or MXPredCreatePartialOut when output keys are given) with
+// the input shapes of `c`; fails the test on a non-zero result.
+inline PredictorHandle Create(const Model& m, const IoCase& c,
+                              std::vector<const char*> output_keys = {}) {
+  InputSpec s = SpecOf(c);
+  PredictorHandle h = nullptr;
+  int ret;
+  if (output_keys.empty()) {
+    ret = MXPredCreate(m.json.c_str(), m.params.data(), static_cast<int>(m.params.size()), 1, 0,
+                       static_cast<uint32_t>(s.keys.size()), s.keys.data(), s.indptr.data(),
+                       s.data.data(), &h);
+  } else {
+    ret = MXPredCreatePartialOut(m.json.c_str(), m.params.data(), static_cast<int>(m.params.size()),
+                                 1, 0, static_cast<uint32_t>(s.keys.size()), s.keys.data(),
+                                 s.indptr.data(), s.data.data(),
+                                 static_cast<uint32_t>(output_keys.size()), output_keys.data(), &h);
+  }
+  EXPECT_EQ(ret, 0);
+  return h;
+}
+
+inline void SetInputs(PredictorHandle h, const IoCase& c) {
+  for (const auto& in : c.inputs) {
+    MXPredSetInput(h, in.first.c_str(), in.second.values.data(),
+                   static_cast<uint32_t>(in.second.values.size()));
+  }
+}
+
+// Output `index` with its shape as the predictor reports it.
+inline Tensor GetOutput(PredictorHandle h, uint32_t index) {
+  uint32_t* shape = nullptr;
+  uint32_t ndim = 0;
+  MXPredGetOutputShape(h, index, &shape, &ndim);
+  Tensor t;
+  t.shape.assign(shape, shape + ndim);
+  size_t count = 1;
+  for (uint32_t d : t.shape) count *= d;
+  t.values.resize(count);
+  MXPredGetOutput(h, index, t.values.data(), static_cast<uint32_t>(count));
+  return t;
+}
+
+// Element-wise |got - want| <= atol + rtol * |want|.
+inline void ExpectNear(const Tensor& got, const Tensor& want, float atol, float rtol,
+                       const std::string& what) {
+  ASSERT_EQ(got.shape, want.shape) << what;
+  ASSERT_EQ(got.values.size(), want.values.size()) << what;
+  for (size_t i = 0; i < want.values.size(); ++i) {
+    const float tol = atol + rtol * std::fabs(want.values[i]);
+    EXPECT_NEAR(got.values[i], want.values[i], tol) << what << " element " << i;
+  }
+}
+
+}  // namespace net_test
+
+#endif  // TESTS_RUVO_NET_FIXTURE_H_

@@ -1,0 +1,358 @@
+// The memory plan: which blobs share storage, and how large the slabs are.
+// Graphs here are wired by hand from small test layers, so that each case
+// isolates one rule of the planner.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ruvo/src/net.h"
+#include "ruvo/src/net_allocator.h"
+#include "tests/ruvo/death_text.h"
+#include "tests/ruvo/net_fixture.h"
+
+namespace {
+
+using orvik::ruvo::DefaultNet;
+using orvik::ruvo::GraphAllocator;
+using orvik::ruvo::Layer;
+using orvik::ruvo::PlanGraphMemory;
+using orvik::ruvo::TShape;
+
+// ------------------------------------------------------------- allocator
+
+// Requests of `bytes` (a multiple of 4: the plan counts 4 bytes an element).
+TShape Bytes(uint32_t bytes) { return TShape{bytes / 4}; }
+
+TEST(GraphAllocatorTest, EmptyShapeHasNoStorage) {
+  GraphAllocator a(16);
+  EXPECT_EQ(a.Request(TShape()), orvik::ruvo::kBadStorageID);
+  EXPECT_EQ(a.NumStorage(), 0u);
+}
+
+// A free block is reused for a request between a sixteenth of it and
+// sixteen times it, both ends included; a block that is too small grows.
+TEST(GraphAllocatorTest, MatchRange) {
+  struct {
+    const char* what;
+    uint32_t free_bytes;
+    uint32_t request_bytes;
+    bool reused;
+    size_t grown_to;
+  } cases[] = {
+      {"1000 serves 16000 and grows", 1000, 16000, true, 16000},
+      {"996 is below a sixteenth of 16000", 996, 16000, false, 996},
+      {"64000 serves 4000 (inclusive upper bound)", 64000, 4000, true, 64000},
+      {"64000 is above 16 x 3996", 64000, 3996, false, 64000},
+      {"equal size", 512, 512, true, 512},
+  };
+  for (const auto& c : cases) {
+    GraphAllocator a(16);
+    const int first = a.Request(Bytes(c.free_bytes));
+    a.Release(first);
+    const int second = a.Request(Bytes(c.request_bytes));
+    EXPECT_EQ(second == first, c.reused) << c.what;
+    EXPECT_EQ(a.MaxBytes(first), c.grown_to) << c.what;
+    EXPECT_EQ(a.NumStorage(), c.reused ? 1u : 2u) << c.what;
+  }
+}
+
+TEST(GraphAllocatorTest, PrefersSmallestLargeEnoughThenLargestSmaller) {
+  GraphAllocator a(16);
+  const int b2000 = a.Request(Bytes(2000));
+  const int b8000 = a.Request(Bytes(8000));
+  const int b6000 = a.Request(Bytes(6000));
+  a.Release(b2000);
+  a.Release(b8000);
+  a.Release(b6000);
+  // 4000: 6000 is the smallest block not smaller than the request.
+  EXPECT_EQ(a.Request(Bytes(4000)), b6000);
+  // 9000: nothing large enough; 8000 is the largest smaller block.
+  EXPECT_EQ(a.Request(Bytes(9000)), b8000);
+  EXPECT_EQ(a.MaxBytes(b8000), 9000u);
+  EXPECT_EQ(a.Request(Bytes(2000)), b2000);
+  EXPECT_EQ(a.NumStorage(), 3u);
+}
+
+TEST(GraphAllocatorTest, EqualSizesInReleaseOrder) {
+  GraphAllocator a(16);
+  const int x = a.Request(Bytes(400));
+  const int y = a.Request(Bytes(400));
+  a.Release(y);
+  a.Release(x);
+  EXPECT_EQ(a.Request(Bytes(400)), y);
+  EXPECT_EQ(a.Request(Bytes(400)), x);
+}
+
+TEST(GraphAllocatorTest, ZeroRangeNeverReuses) {
+  GraphAllocator a(0);
+  const int x = a.Request(Bytes(400));
+  a.Release(x);
+  EXPECT_NE(a.Request(Bytes(400)), x);
+}
+
+// --------------------------------------------------------------- planner
+
+// A layer with a given number of outputs that may run in place when asked.
+class PlanLayer : public Layer {
+ public:
+  PlanLayer(uint32_t outputs, bool in_place) : outputs_(outputs), in_place_(in_place) {}
+  uint32_t get_num_outputs() const override { return outputs_; }
+  std::vector<std::pair<int, int>> FInplaceOption() const override {
+    if (in_place_) return {{0, 0}};
+    return {};
+  }
+
+ private:
+  uint32_t outputs_;
+  bool in_place_;
+};
+
+// A hand-wired graph: blob ids are given explicitly.
+struct Graph {
+  std::vector<std::shared_ptr<Layer>> layers;
+  std::vector<TShape> shapes;
+  std::vector<int> types;
+  std::vector<uint32_t> outs;
+
+  // A graph input (or parameter): the top of an "Input" layer.
+  uint32_t Input(TShape shape) {
+    auto l = std::make_shared<PlanLayer>(1, false);
+    l->SetType("Input");
+    const uint32_t id = NewBlob(shape);
+    l->GetTops() = {id};
+    layers.push_back(l);
+    return id;
+  }
+  // A layer reading `bottoms` and writing `num_tops` new blobs of `shape`.
+  std::vector<uint32_t> Op(std::vector<uint32_t> bottoms, TShape shape, uint32_t num_tops = 1,
+                           bool in_place = false, const std::string& name = "op") {
+    auto l = std::make_shared<PlanLayer>(num_tops, in_place);
+    l->SetType("Test");
+    l->SetName(name);
+    l->GetBottoms() = bottoms;
+    std::vector<uint32_t> tops;
+    for (uint32_t i = 0; i < num_tops; ++i) tops.push_back(NewBlob(shape));
+    l->GetTops() = tops;
+    layers.push_back(l);
+    return tops;
+  }
+  uint32_t NewBlob(TShape shape) {
+    shapes.push_back(shape);
+    types.push_back(0);
+    return static_cast<uint32_t>(shapes.size() - 1);
+  }
+  std::vector<int> Plan() {
+    std::vector<int> ids;
+    PlanGraphMemory(layers, outs, shapes, types, ids);
+    return ids;
+  }
+};
+
+TEST(PlanMemoryTest, OneLayer) {
+  Graph g;
+  const uint32_t data = g.Input({4});
+  const uint32_t out = g.Op({data}, {4})[0];
+  g.outs = {out};
+  const std::vector<int> ids = g.Plan();
+  EXPECT_EQ(ids[data], -1);
+  EXPECT_EQ(ids[out], 0);
+}
+
+TEST(PlanMemoryTest, TwoEqualTopsSecondServedFirst) {
+  Graph g;
+  const uint32_t data = g.Input({4});
+  const std::vector<uint32_t> tops = g.Op({data}, {8}, 2);
+  g.outs = tops;
+  const std::vector<int> ids = g.Plan();
+  EXPECT_EQ(ids[tops[1]], 0);
+  EXPECT_EQ(ids[tops[0]], 1);
+}
+
+TEST(PlanMemoryTest, LargerTopServedFirst) {
+  Graph g;
+  const uint32_t data = g.Input({4});
+  auto l = std::make_shared<PlanLayer>(2, false);
+  l->SetType("Test");
+  l->GetBottoms() = {data};
+  const uint32_t small = g.NewBlob({4});
+  const uint32_t large = g.NewBlob({40});
+  l->GetTops() = {small, large};
+  g.layers.push_back(l);
+  g.outs = {small, large};
+  const std::vector<int> ids = g.Plan();
+  EXPECT_EQ(ids[large], 0);
+  EXPECT_EQ(ids[small], 1);
+}
+
+// A chain needs two storages however long it is: a layer's output is
+// allocated before its input is released.
+TEST(PlanMemoryTest, ChainAlternatesTwoStorages) {
+  Graph g;
+  uint32_t x = g.Input({16});
+  std::vector<uint32_t> blobs;
+  for (int i = 0; i < 6; ++i) {
+    x = g.Op({x}, {16})[0];
+    blobs.push_back(x);
+  }
+  g.outs = {x};
+  const std::vector<int> ids = g.Plan();
+  for (size_t i = 0; i < blobs.size(); ++i) EXPECT_EQ(ids[blobs[i]], static_cast<int>(i % 2));
+}
+
+TEST(PlanMemoryTest, InPlaceRules) {
+  // Runs in place: the input's only reader, storage of its own, same size.
+  {
+    Graph g;
+    const uint32_t data = g.Input({8});
+    const uint32_t a = g.Op({data}, {8})[0];
+    const uint32_t r = g.Op({a}, {8}, 1, true)[0];
+    g.outs = {r};
+    const std::vector<int> ids = g.Plan();
+    EXPECT_EQ(ids[r], ids[a]);
+  }
+  // Refused: the input has a second reader.
+  {
+    Graph g;
+    const uint32_t data = g.Input({8});
+    const uint32_t a = g.Op({data}, {8})[0];
+    const uint32_t r = g.Op({a}, {8}, 1, true)[0];
+    const uint32_t other = g.Op({a}, {8})[0];
+    g.outs = {r, other};
+    const std::vector<int> ids = g.Plan();
+    EXPECT_NE(ids[r], ids[a]);
+    EXPECT_NE(ids[other], ids[a]);
+  }
+  // Refused: the input is a graph input (no storage id).
+  {
+    Graph g;
+    const uint32_t data = g.Input({8});
+    const uint32_t r = g.Op({data}, {8}, 1, true)[0];
+    g.outs = {r};
+    const std::vector<int> ids = g.Plan();
+    EXPECT_EQ(ids[data], -1);
+    EXPECT_EQ(ids[r], 0);
+  }
+  // Refused: the input is also a net output, so it must survive.
+  {
+    Graph g;
+    const uint32_t data = g.Input({8});
+    const uint32_t a = g.Op({data}, {8})[0];
+    const uint32_t r = g.Op({a}, {8}, 1, true)[0];
+    g.outs = {a, r};
+    const std::vector<int> ids = g.Plan();
+    EXPECT_NE(ids[r], ids[a]);
+  }
+  // Refused: sizes differ.
+  {
+    Graph g;
+    const uint32_t data = g.Input({8});
+    const uint32_t a = g.Op({data}, {8})[0];
+    const uint32_t r = g.Op({a}, {4}, 1, true)[0];
+    g.outs = {r};
+    const std::vector<int> ids = g.Plan();
+    EXPECT_NE(ids[r], ids[a]);
+  }
+}
+
+// An output that nothing reads is released in its own step: the next
+// layer's output may take its storage.
+TEST(PlanMemoryTest, UnusedSecondOutputIsFreeForTheNextLayer) {
+  Graph g;
+  const uint32_t data = g.Input({8});
+  const std::vector<uint32_t> tops = g.Op({data}, {8}, 2);
+  const uint32_t next = g.Op({tops[0]}, {8})[0];
+  g.outs = {next};
+  const std::vector<int> ids = g.Plan();
+  EXPECT_EQ(ids[next], ids[tops[1]]);
+  EXPECT_NE(ids[next], ids[tops[0]]);
+}
+
+// A blob read twice by one layer is released on its last read only, and a
+// later layer does not get its storage while it is still live.
+TEST(PlanMemoryTest, BlobReadTwiceLivesToItsLastReader) {
+  Graph g;
+  const uint32_t data = g.Input({8});
+  const uint32_t a = g.Op({data}, {8})[0];
+  const uint32_t b = g.Op({a}, {8})[0];
+  const uint32_t c = g.Op({a, b}, {8})[0];
+  g.outs = {c};
+  const std::vector<int> ids = g.Plan();
+  EXPECT_NE(ids[b], ids[a]);
+  EXPECT_NE(ids[c], ids[a]);
+  EXPECT_NE(ids[c], ids[b]);
+}
+
+TEST(PlanMemoryDeathTest, TopWithoutShapeIsFatal) {
+  Graph g;
+  const uint32_t data = g.Input({8});
+  g.Op({data}, TShape(), 1, false, "shapeless");
+  EXPECT_DEATH(g.Plan(), ruvo_test::Fatal("vstorage_ids[blob_id] != kBadStorageID (-1 vs. -1)",
+                                          "no storage allocated for layer:shapeless"));
+}
+
+// ------------------------------------------------------- slabs of a net
+
+std::unique_ptr<DefaultNet> Build(const net_test::Model& m, net_test::InputSpec s) {
+  auto net = std::make_unique<DefaultNet>();
+  EXPECT_EQ(net->Config(m.json.c_str(), m.params.data(), m.params.size(),
+                        static_cast<uint32_t>(s.keys.size()), s.keys.data(), s.indptr.data(),
+                        s.data.data(), 0, nullptr),
+            0);
+  return net;
+}
+
+// The MLP (batch 8): fc1 16, relu, fc2 12, sigmoid, fc3 10, tanh, fc4 3,
+// softmax.  The activations run in place and the dense layers alternate
+// between two slabs, each as large as the largest blob it serves.
+TEST(NetMemoryTest, DenseChainUsesTwoSlabs) {
+  net_test::Model m = net_test::LoadModel("mlp");
+  auto net = Build(m, net_test::SpecOf(m.cases.at(0)));
+  ASSERT_EQ(net->data_pool().size(), 2u);
+  EXPECT_EQ(net->data_pool()[0].Size(), 8u * 16);  // fc1 / fc3 / softmax
+  EXPECT_EQ(net->data_pool()[1].Size(), 8u * 12);  // fc2 / fc4
+
+  // Each internal blob is a view of a slab; activations share their
+  // input's storage.
+  auto chunk_of = [&](const std::string& name) {
+    for (const auto& l : net->layers()) {
+      if (l->GetName() == name) return net->blobs()[l->GetTops()[0]].chunk_.get();
+    }
+    ADD_FAILURE() << name;
+    return static_cast<orvik::ruvo::NDArray::Chunk*>(nullptr);
+  };
+  EXPECT_EQ(chunk_of("fc1"), chunk_of("relu1"));
+  EXPECT_EQ(chunk_of("fc2"), chunk_of("act2"));
+  EXPECT_NE(chunk_of("fc1"), chunk_of("fc2"));
+  EXPECT_EQ(chunk_of("fc1"), chunk_of("fc3"));
+  EXPECT_EQ(chunk_of("fc1"), net->data_pool()[0].chunk_.get());
+}
+
+// A kInt8 blob is planned as 4 bytes an element but its slab has its true
+// size: 100 int8 elements need 25 words.
+TEST(NetMemoryTest, Int8SlabHasTrueSize) {
+  net_test::Model m = net_test::LoadModel("int8_relu");
+  // The parameter is the relu's data: its shape comes from the caller.
+  net_test::InputSpec s;
+  s.keys = {"q"};
+  s.indptr = {0, 2};
+  s.data = {1, 100};
+  auto net = Build(m, s);
+  ASSERT_EQ(net->data_pool().size(), 1u);
+  EXPECT_EQ(net->data_pool()[0].Size(), 25u);
+  EXPECT_EQ(net->data_pool()[0].dtype(), 0);
+  const auto& out = net->blobs()[net->outs_blobs_index()[0]];
+  EXPECT_EQ(out.dtype(), orvik::ruvo::kInt8);
+  EXPECT_EQ(out.shape(), (TShape{1, 100}));
+
+  // Relu on 8-bit data goes through the float formula and back.
+  net->Forward();
+  const auto& param = net->blobs()[net->args_blobs_index()[0]];
+  const signed char* in = param.dptr<signed char>();
+  const signed char* got = out.dptr<signed char>();
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(got[i], in[i] > 0 ? in[i] : 0) << i;
+}
+
+}  // namespace

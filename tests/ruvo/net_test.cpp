@@ -1,0 +1,311 @@
+// Building and running nets: graph styles, parameter binding, output
+// selection, batch changes, partial runs and the prediction interface's
+// own rules.
+
+#include "ruvo/src/net.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/ruvo/death_text.h"
+#include "tests/ruvo/net_fixture.h"
+#include "tovadmod/c_predict_api.h"
+
+namespace {
+
+using net_test::ExpectNear;
+using net_test::GetOutput;
+using net_test::LoadModel;
+using net_test::Model;
+using net_test::Tensor;
+using ruvo_test::Fatal;
+using ruvo_test::RegexEscape;
+
+constexpr float kAtol = 2e-6f;
+constexpr float kRtol = 2e-5f;
+
+// The first `rows` rows of a tensor.
+Tensor Rows(const Tensor& t, uint32_t rows) {
+  Tensor r = t;
+  const size_t per_row = t.values.size() / t.shape[0];
+  r.shape[0] = rows;
+  r.values.resize(per_row * rows);
+  return r;
+}
+
+const char kUnknownOp[] = R"({
+  "nodes": [
+    {"op": "null", "name": "data", "inputs": []},
+    {"op": "Activation", "name": "relu", "inputs": [[0, 0]], "attr": {"act_type": "relu"}},
+    {"op": "NoSuchOperator", "name": "odd", "inputs": [[1, 0]]}
+  ],
+  "arg_nodes": [0],
+  "heads": [[2, 0]]
+})";
+
+// Old style: a FullyConnected with a bias needs exactly three inputs.
+const char kMissingBias[] = R"({
+  "nodes": [
+    {"op": "null", "name": "data", "inputs": []},
+    {"op": "null", "name": "fc_weight", "inputs": []},
+    {"op": "FullyConnected", "name": "fc", "inputs": [[0, 0], [1, 0]], "attr": {"num_hidden": "2"}}
+  ],
+  "arg_nodes": [0, 1],
+  "heads": [[2, 0]]
+})";
+
+const char kEmptyParams[] =
+    "\x12\x01\0\0\0\0\0\0"
+    "\0\0\0\0\0\0\0\0"
+    "\0\0\0\0\0\0\0\0"
+    "\0\0\0\0\0\0\0\0";
+
+int CreateFromText(const char* json, PredictorHandle* out, uint32_t num_outputs = 0,
+                   const char** output_keys = nullptr) {
+  const char* keys[] = {"data"};
+  const uint32_t indptr[] = {0, 2};
+  const uint32_t shape[] = {1, 4};
+  if (num_outputs == 0) {
+    return MXPredCreate(json, kEmptyParams, sizeof(kEmptyParams) - 1, 1, 0, 1, keys, indptr, shape,
+                        out);
+  }
+  return MXPredCreatePartialOut(json, kEmptyParams, sizeof(kEmptyParams) - 1, 1, 0, 1, keys, indptr,
+                                shape, num_outputs, output_keys, out);
+}
+
+int CreateOnDevice(int dev_type, PredictorHandle* out) {
+  const char* keys[] = {"data"};
+  const uint32_t indptr[] = {0, 2};
+  const uint32_t shape[] = {1, 4};
+  return MXPredCreate(kMissingBias, kEmptyParams, sizeof(kEmptyParams) - 1, dev_type, 0, 1, keys,
+                      indptr, shape, out);
+}
+
+TEST(NetBuildTest, UnknownOperatorFailsTheCreateCall) {
+  PredictorHandle h = reinterpret_cast<PredictorHandle>(0x1234);
+  EXPECT_EQ(CreateFromText(kUnknownOp, &h), -1);
+  // MXPredCreate leaves the handle as it was; the partial form clears it.
+  EXPECT_EQ(h, reinterpret_cast<PredictorHandle>(0x1234));
+}
+
+TEST(NetBuildDeathTest, BuildErrorsAreFatal) {
+  // With output keys the unknown operator stops the pruning walk, no node
+  // is kept and the first head names a pruned node.
+  const char* keys[] = {"relu"};
+  EXPECT_DEATH(
+      {
+        PredictorHandle h = nullptr;
+        CreateFromText(kUnknownOp, &h, 1, keys);
+      },
+      RegexEscape("Check failed: new_node_id >= 0"));
+  EXPECT_DEATH(
+      {
+        PredictorHandle h = nullptr;
+        CreateFromText(kMissingBias, &h);
+      },
+      Fatal("bottom_cnt == n.inputs.size() (3 vs. 2)",
+            "input size mismatch: layer FullyConnected need 3 inputs"));
+  EXPECT_DEATH(
+      {
+        PredictorHandle h = nullptr;
+        CreateOnDevice(2, &h);
+      },
+      RegexEscape("# Check failed: dev_type == 1\n# Only support cpu"));
+  EXPECT_DEATH(
+      {
+        Model m = LoadModel("mlp", "mlp_badcount");
+        net_test::Create(m, m.cases.at(0));
+      },
+      Fatal("names.size() == data.size() (7 vs. 8)", "Invalid param file format"));
+}
+
+// Old-style and new-style graphs of the same net give the same numbers,
+// and the net is wired as the graph says.
+TEST(NetBuildTest, BothGraphStylesBuildTheSameNet) {
+  for (const char* name : {"mlp", "mlp_old"}) {
+    Model m = LoadModel(name);
+    const auto& c = m.cases.at(0);
+    orvik::ruvo::DefaultNet net;
+    net_test::InputSpec s = net_test::SpecOf(c);
+    ASSERT_EQ(net.Config(m.json.c_str(), m.params.data(), m.params.size(), 1, s.keys.data(),
+                         s.indptr.data(), s.data.data(), 0, nullptr),
+              0);
+    // 10 variables (data, 8 parameters, the label) and 8 operators.
+    EXPECT_EQ(net.layers().size(), 18u) << name;
+    EXPECT_EQ(net.args_names(),
+              (std::vector<std::string>{"data", "fc1_weight", "fc1_bias", "fc2_weight", "fc2_bias",
+                                        "fc3_weight", "fc3_bias", "fc4_weight", "fc4_bias",
+                                        "softmax_label"}))
+        << name;
+    EXPECT_TRUE(net.aux_names().empty());
+    ASSERT_EQ(net.outs_blobs_index().size(), 1u);
+    // Weights are shared with the loaded parameters, shaped as stored.
+    const auto& w1 = net.blobs()[net.args_blobs_index()[1]];
+    EXPECT_EQ(w1.shape(), (orvik::ruvo::TShape{16, 30}));
+    net.SetInput("data", c.inputs[0].second.values.data(),
+                 static_cast<uint32_t>(c.inputs[0].second.values.size()));
+    net.Forward();
+    Tensor out;
+    out.shape = {8, 3};
+    out.values.resize(24);
+    net.GetOutput(0, out.values.data(), 24);
+    ExpectNear(out, c.outputs.at("softmax"), kAtol, kRtol, name);
+  }
+}
+
+// "aux:" names that are no declared state still bind arguments; unknown
+// "arg:" names and names without a prefix are dropped without a word.
+TEST(NetBuildTest, ParameterNamePrefixes) {
+  Model m = LoadModel("mlp", "mlp_prefixes");
+  const auto& c = m.cases.at(0);
+  PredictorHandle h = net_test::Create(m, c);
+  net_test::SetInputs(h, c);
+  MXPredForward(h);
+  ExpectNear(GetOutput(h, 0), c.outputs.at("softmax"), kAtol, kRtol, "prefixes");
+  MXPredFree(h);
+}
+
+// Output keys cut the graph down to what the named layers need; outputs
+// follow graph order, not the order of the keys.
+TEST(NetBuildTest, PartialOutputs) {
+  Model m = LoadModel("mlp");
+  const auto& c = m.cases.at(0);
+  PredictorHandle h = net_test::Create(m, c, {"act2", "fc2"});
+  ASSERT_NE(h, nullptr);
+  net_test::SetInputs(h, c);
+  MXPredForward(h);
+  ExpectNear(GetOutput(h, 0), c.outputs.at("fc2"), kAtol, kRtol, "fc2");
+  ExpectNear(GetOutput(h, 1), c.outputs.at("act2"), kAtol, kRtol, "act2");
+  MXPredFree(h);
+
+  orvik::ruvo::DefaultNet net;
+  net_test::InputSpec s = net_test::SpecOf(c);
+  const char* keys[] = {"fc2"};
+  ASSERT_EQ(net.Config(m.json.c_str(), m.params.data(), m.params.size(), 1, s.keys.data(),
+                       s.indptr.data(), s.data.data(), 1, keys),
+            0);
+  // data, fc1 with its two parameters, relu1, fc2 with its two.
+  EXPECT_EQ(net.layers().size(), 8u);
+  EXPECT_EQ(net.layers().back()->GetName(), "fc2");
+  // Later parameters are dropped: their names are no arguments any more.
+  EXPECT_EQ(net.args_names().size(), 5u);
+}
+
+TEST(NetBuildTest, KeyMatchingNothingGivesAnEmptyNet) {
+  Model m = LoadModel("mlp");
+  const auto& c = m.cases.at(0);
+  PredictorHandle h = net_test::Create(m, c, {"no_such_layer"});
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(MXPredForward(h), 0);
+  int left = -1;
+  EXPECT_EQ(MXPredPartialForward(h, 0, &left), 0);
+  EXPECT_EQ(left, 0);
+  EXPECT_DEATH(
+      {
+        float out[3];
+        MXPredGetOutput(h, 0, out, 3);
+      },
+      RegexEscape("Check failed: index < outs_blobs_index_.size()\n# Output index out of range"));
+  MXPredFree(h);
+}
+
+// ---------------------------------------------------------------- running
+
+TEST(NetRunTest, DynamicBatch) {
+  Model m = LoadModel("mlp");
+  const auto& c = m.cases.at(0);
+  const Tensor& data = c.inputs[0].second;
+  PredictorHandle h = net_test::Create(m, c);
+
+  EXPECT_EQ(MXPredSetDynamicBatch(h, 3), 0);
+  uint32_t* shape = nullptr;
+  uint32_t ndim = 0;
+  MXPredGetOutputShape(h, 0, &shape, &ndim);
+  ASSERT_EQ(ndim, 2u);
+  EXPECT_EQ(shape[0], 3u);
+  EXPECT_EQ(shape[1], 3u);
+  // A third of the rows in, three rows out, as the full batch gives them.
+  MXPredSetInput(h, "data", data.values.data(), 3 * 30);
+  MXPredForward(h);
+  ExpectNear(GetOutput(h, 0), Rows(c.outputs.at("softmax"), 3), kAtol, kRtol, "batch 3");
+  EXPECT_DEATH(MXPredSetInput(h, "data", data.values.data(), 8 * 30),
+               Fatal("shape_.Size() == size (90 vs. 240)", "Memory size do not match"));
+  EXPECT_DEATH(
+      {
+        float out[24];
+        MXPredGetOutput(h, 0, out, 24);
+      },
+      "Memory size do not match");
+
+  EXPECT_EQ(MXPredSetDynamicBatch(h, 8), 0);
+  MXPredSetInput(h, "data", data.values.data(), 8 * 30);
+  MXPredForward(h);
+  ExpectNear(GetOutput(h, 0), c.outputs.at("softmax"), kAtol, kRtol, "batch 8 again");
+
+  EXPECT_DEATH(MXPredSetDynamicBatch(h, 9),
+               Fatal("batch_max_ >= batch (8 vs. 9)", "9 is greater than max batch size:8"));
+  MXPredFree(h);
+}
+
+// One layer at a time gives the same result as the whole run.
+TEST(NetRunTest, PartialForwardSteps) {
+  Model m = LoadModel("mlp");
+  const auto& c = m.cases.at(0);
+  PredictorHandle h = net_test::Create(m, c);
+  net_test::SetInputs(h, c);
+  const int count = 18;  // 10 variables and 8 operators
+  int left = -1;
+  for (int step = 0; step < count; ++step) {
+    EXPECT_EQ(MXPredPartialForward(h, step, &left), 0);
+    EXPECT_EQ(left, count - 1 - step);
+  }
+  ExpectNear(GetOutput(h, 0), c.outputs.at("softmax"), kAtol, kRtol, "stepped");
+  left = -1;
+  MXPredPartialForward(h, count, &left);
+  EXPECT_EQ(left, 0);
+  left = -1;
+  MXPredPartialForward(h, -1, &left);
+  EXPECT_EQ(left, 0);
+  // Nets without streaming layers take the inter-buffer calls harmlessly.
+  EXPECT_EQ(MXResetInterBuff(h), 0);
+  EXPECT_EQ(MXUpdateInterBuff(h), 0);
+  ExpectNear(GetOutput(h, 0), c.outputs.at("softmax"), kAtol, kRtol, "after inter-buffers");
+  MXPredFree(h);
+}
+
+TEST(NetRunTest, OutputShapeCache) {
+  Model m = LoadModel("concat");
+  const auto& c = m.cases.at(0);
+  PredictorHandle h = net_test::Create(m, c);
+  uint32_t* first = nullptr;
+  uint32_t ndim = 0;
+  MXPredGetOutputShape(h, 1, &first, &ndim);
+  ASSERT_EQ(ndim, 4u);
+  EXPECT_EQ(std::vector<uint32_t>(first, first + 4), (std::vector<uint32_t>{2, 5, 4, 5}));
+  uint32_t* again = nullptr;
+  MXPredGetOutputShape(h, 1, &again, &ndim);
+  EXPECT_EQ(std::vector<uint32_t>(again, again + ndim), (std::vector<uint32_t>{2, 5, 4, 5}));
+  EXPECT_DEATH(MXPredGetOutputShape(h, 4, &again, &ndim),
+               RegexEscape("Check failed: out_index < outs_blobs_index_.size()"));
+  MXPredFree(h);
+}
+
+TEST(NetRunDeathTest, CallerErrors) {
+  Model m = LoadModel("mlp");
+  const auto& c = m.cases.at(0);
+  PredictorHandle h = net_test::Create(m, c);
+  float out[24];
+  EXPECT_DEATH(MXPredGetOutput(h, 1, out, 24), "Output index out of range");
+  EXPECT_DEATH(MXPredSetInput(h, "dta", out, 24), "Cannot find input key dta");
+  MXPredFree(h);
+}
+
+TEST(PredictApiTest, FreeAndLastError) {
+  EXPECT_EQ(MXPredFree(nullptr), 0);
+  EXPECT_STREQ(MXGetLastError(), "not support MXGetLastErr currently!");
+}
+
+}  // namespace

@@ -1,0 +1,135 @@
+// The predictor facade over the prediction interface: forwarding, the
+// arguments this backend ignores, and the handle's lifetime rules.
+
+#include "universal_predictor/include/universal_predictor.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tests/ruvo/death_text.h"
+#include "tests/ruvo/net_fixture.h"
+
+namespace {
+
+using net_test::LoadModel;
+using net_test::Model;
+using net_test::Tensor;
+using namespace UniversalPredictor;
+
+constexpr float kAtol = 2e-6f;
+constexpr float kRtol = 2e-5f;
+
+int CreateMlp(const Model& m, UniversalPredictorHandle** out, const DataType* dtypes = nullptr,
+              int dev_type = 1) {
+  net_test::InputSpec s = net_test::SpecOf(m.cases.at(0));
+  return UniversalPredictorCreateMxnetPredictor(
+      m.json.c_str(), m.params.data(), static_cast<int>(m.params.size()), dev_type, 0, 1,
+      s.keys.data(), s.indptr.data(), s.data.data(), out, dtypes);
+}
+
+TEST(UniversalPredictorTest, RunsTheNet) {
+  Model m = LoadModel("mlp");
+  const auto& c = m.cases.at(0);
+  const Tensor& data = c.inputs[0].second;
+  UniversalPredictorHandle* h = nullptr;
+  const DataType dtypes[] = {DTFloat32};
+  ASSERT_EQ(CreateMlp(m, &h, dtypes), 0);
+  ASSERT_NE(h, nullptr);
+  EXPECT_NE(dynamic_cast<MxnetPredictorHandle*>(h)->input_dtype_list, nullptr);
+
+  uint32_t* shape = nullptr;
+  uint32_t ndim = 0;
+  EXPECT_EQ(UniversalPredictorGetOutputShape(h, 0, &shape, &ndim), 0);
+  ASSERT_EQ(ndim, 2u);
+  EXPECT_EQ(shape[0], 8u);
+  EXPECT_EQ(shape[1], 3u);
+
+  EXPECT_EQ(UniversalPredictorSetInput(h, "data", data.values.data(), DTFloat32,
+                                       static_cast<uint32_t>(data.values.size())),
+            0);
+  EXPECT_EQ(UniversalPredictorForward(h), 0);
+  Tensor got;
+  got.shape = {8, 3};
+  got.values.resize(24);
+  EXPECT_EQ(UniversalPredictorGetOutput(h, 0, got.values.data(), DTFloat32, 24, true), 0);
+  net_test::ExpectNear(got, c.outputs.at("softmax"), kAtol, kRtol, "facade");
+
+  // This backend takes every buffer as floats: a DTInt8 input is the same
+  // bytes, read as floats, and the output flag and type change nothing.
+  EXPECT_EQ(UniversalPredictorSetInput(h, "data", data.values.data(), DTInt8,
+                                       static_cast<uint32_t>(data.values.size())),
+            0);
+  UniversalPredictorForward(h);
+  Tensor again = got;
+  EXPECT_EQ(UniversalPredictorGetOutput(h, 0, again.values.data(), DTInt32, 24, false), 0);
+  EXPECT_EQ(again.values, got.values);
+
+  EXPECT_EQ(UniversalPredictorFreePredictor(h), 0);
+}
+
+TEST(UniversalPredictorTest, ResetInternalBufferOnlyWarns) {
+  Model m = LoadModel("mlp");
+  UniversalPredictorHandle* h = nullptr;
+  ASSERT_EQ(CreateMlp(m, &h), 0);
+  EXPECT_EQ(dynamic_cast<MxnetPredictorHandle*>(h)->input_dtype_list, nullptr);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(UniversalPredictorResetInternalBuffer(h), 1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "警告:resetInternalBuff为ruvo专有函数，请不要在使用其他预测库时调用此函数\n");
+  UniversalPredictorFreePredictor(h);
+}
+
+// The handle exists from the create call on, also when the net could not
+// be built, so that the caller can ask for the error and must free it.
+TEST(UniversalPredictorTest, FailedCreateStillGivesAHandle) {
+  const char json[] = R"({"nodes": [{"op": "null", "name": "data", "inputs": []},
+    {"op": "Mystery", "name": "m", "inputs": [[0, 0]]}], "arg_nodes": [0], "heads": [[1, 0]]})";
+  const char params[] =
+      "\x12\x01\0\0\0\0\0\0"
+      "\0\0\0\0\0\0\0\0"
+      "\0\0\0\0\0\0\0\0"
+      "\0\0\0\0\0\0\0\0";
+  const char* keys[] = {"data"};
+  const unsigned int indptr[] = {0, 2};
+  const unsigned int shape[] = {1, 3};
+  UniversalPredictorHandle* h = nullptr;
+  EXPECT_EQ(UniversalPredictorCreateMxnetPredictor(json, params, sizeof(params) - 1, 1, 0, 1, keys,
+                                                   indptr, shape, &h, nullptr),
+            -1);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(dynamic_cast<MxnetPredictorHandle*>(h)->predictorHandle, nullptr);
+  EXPECT_STREQ(UniversalPredictorGetLastError(h), "not support MXGetLastErr currently!");
+  EXPECT_EQ(UniversalPredictorFreePredictor(h), 0);
+  EXPECT_EQ(UniversalPredictorFreePredictor(nullptr), 0);
+}
+
+// createHandle on an existing object replaces its input types and builds
+// the net; the model path is not looked at.
+TEST(UniversalPredictorTest, CreateHandleReplacesInputTypes) {
+  Model m = LoadModel("mlp");
+  net_test::InputSpec s = net_test::SpecOf(m.cases.at(0));
+  MxnetPredictorHandle h;
+  const DataType dtypes[] = {DTInt8};
+  EXPECT_EQ(h.createHandle("/no/such/path", m.json.c_str(), m.params.data(),
+                           static_cast<int32_t>(m.params.size()), 1, 0, 1, s.keys.data(),
+                           s.indptr.data(), s.data.data(), dtypes),
+            0);
+  ASSERT_NE(h.input_dtype_list, nullptr);
+  EXPECT_EQ(h.input_dtype_list[0], static_cast<uint32_t>(DTInt8));
+  EXPECT_NE(h.predictorHandle, nullptr);
+}
+
+TEST(UniversalPredictorDeathTest, OnlyCpu) {
+  Model m = LoadModel("mlp");
+  EXPECT_DEATH(
+      {
+        UniversalPredictorHandle* h = nullptr;
+        CreateMlp(m, &h, nullptr, 2);
+      },
+      ruvo_test::RegexEscape("# Check failed: dev_type == 1\n# Only support cpu"));
+}
+
+}  // namespace
