@@ -6,6 +6,12 @@
 Writes OUT/tovad.json (symbol graph), OUT/tovad.params (parameters),
 OUT/tovad.meanvar (negated means, then inverse deviations) and
 OUT/tovad.conf through the engine's model-file writer (tools/model_writer).
+
+With --check-features F.f32 --check-out DIR it also writes the check of the
+export: DIR/default_model_input.f32, a few input windows of the net taken
+from those features (already normalised, float32, 20 x 120 each), and
+DIR/default_model_posteriors.txt, PyTorch's two posteriors per window,
+which the engine must reproduce.
 """
 
 import argparse
@@ -64,10 +70,28 @@ def build_graph(widths):
     return g
 
 
+def write_check(model, ckpt, info, features_path, out_dir):
+    """Windows with low, middle and high speech posteriors, and those posteriors."""
+    f = np.fromfile(features_path, dtype="<f4").reshape(-1, train.DIM)
+    w = train.Windows([f], [np.zeros(len(f), np.int64)], ckpt["add"], ckpt["mul"],
+                      info["n_height"], delay=0)
+    x, _ = w.batch(torch.arange(len(w)))
+    with torch.no_grad():
+        p = torch.softmax(model(x), dim=1).numpy()
+    picks = [int(np.argmin(np.abs(p[:, 1] - t))) for t in (0.001, 0.1, 0.3, 0.5, 0.7, 0.9, 0.999)]
+    os.makedirs(out_dir, exist_ok=True)
+    x[picks].numpy().astype("<f4").tofile(os.path.join(out_dir, "default_model_input.f32"))
+    with open(os.path.join(out_dir, "default_model_posteriors.txt"), "w") as fh:
+        for i in picks:
+            fh.write("%.9g %.9g\n" % (p[i, 0], p[i, 1]))
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     ap.add_argument("--model", required=True)
     ap.add_argument("--out", required=True)
+    ap.add_argument("--check-features")
+    ap.add_argument("--check-out")
     a = ap.parse_args()
     ckpt = torch.load(os.path.join(a.model, "model.pt"))
     with open(os.path.join(a.model, "train.json")) as f:
@@ -91,6 +115,8 @@ def main():
     with open(os.path.join(a.out, "tovad.conf"), "w") as f:
         f.write(CONF.format(n_chan=train.N_CHAN, n_width=train.N_WIDTH, n_height=info["n_height"],
                             threshold=info["threshold"], score_delay=info["score_delay_frames"]))
+    if a.check_features and a.check_out:
+        write_check(model, ckpt, info, a.check_features, a.check_out)
     total = sum(os.path.getsize(os.path.join(a.out, n)) for n in os.listdir(a.out))
     print("wrote %s: %d bytes in all" % (a.out, total))
 

@@ -117,6 +117,7 @@ def main():
     ap.add_argument("--out", required=True)
     ap.add_argument("--epochs", type=int, default=12)
     ap.add_argument("--threads", type=int, default=1)
+    ap.add_argument("--label-delay", type=int, default=LABEL_DELAY)
     a = ap.parse_args()
     torch.manual_seed(0)
     np.random.seed(0)
@@ -125,7 +126,7 @@ def main():
     feats, labels, names = load_split(a.features, a.corpus, "train")
     n_val = max(1, len(feats) // 10)  # the last clips check the threshold
     add, mul = norm_terms(feats[:-n_val])
-    train = Windows(feats[:-n_val], labels[:-n_val], add, mul)
+    train = Windows(feats[:-n_val], labels[:-n_val], add, mul, delay=a.label_delay)
     print("train windows: %d, speech %.3f" % (len(train), train.targets.float().mean()))
 
     model = DenseVad()
@@ -151,7 +152,7 @@ def main():
     # decision stage's median filter, on labels shifted by the score delay.
     model.eval()
     s_all, l_all = [], []
-    delay = LABEL_DELAY + MEDIAN // 2
+    delay = a.label_delay + MEDIAN // 2
     for f, lab in zip(feats[-n_val:], labels[-n_val:]):
         s = median7(clip_scores(model, f, add, mul))
         s_all.append(s[delay:])
@@ -168,7 +169,7 @@ def main():
     os.makedirs(a.out, exist_ok=True)
     torch.save({"state": model.state_dict(), "add": add, "mul": mul}, os.path.join(a.out, "model.pt"))
     with open(os.path.join(a.out, "train.json"), "w") as f:
-        json.dump(dict(n_height=N_HEIGHT, label_delay=LABEL_DELAY, hidden=list(HIDDEN),
+        json.dump(dict(n_height=N_HEIGHT, label_delay=a.label_delay, hidden=list(HIDDEN),
                        epochs=a.epochs, validation_f1=best[0], threshold=best[1],
                        score_delay_frames=delay), f, indent=1)
 
