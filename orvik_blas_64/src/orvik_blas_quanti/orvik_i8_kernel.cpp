@@ -23,7 +23,11 @@ namespace {
 // bits, meet the matching pair of B and are summed pairwise into 32 bits
 // (never into 16-bit lanes, which two products of -128 * -128 overflow).
 constexpr int kCols = 16;
+#if defined(__AVX512BW__)
+constexpr int kRows = 8;  // one 16-lane register per row
+#else
 constexpr int kRows = 4;
+#endif
 constexpr int kDepthBlock = 256;      // bytes of depth per packed block
 constexpr int kColBlock = 4 * kCols;  // columns of B packed at a time
 constexpr int kPairs = kDepthBlock / 2;
@@ -85,20 +89,20 @@ inline uint32_t MakePair(int8_t lo, int8_t hi) {
 }
 
 struct Operands {
-  int a_trans, b_trans, M, N, K;
+  int M, N, K;
   const int8_t* A;
   const int8_t* B;
-  int8_t a(int i, int p) const {
-    return a_trans ? A[static_cast<long>(p) * M + i] : A[static_cast<long>(i) * K + p];
-  }
-  int8_t b(int p, int j) const {
-    return b_trans ? B[static_cast<long>(j) * K + p] : B[static_cast<long>(p) * N + j];
-  }
 };
+
+template <bool kATrans>
+inline int8_t AAt(const Operands& op, int i, int p) {
+  return kATrans ? op.A[static_cast<long>(p) * op.M + i] : op.A[static_cast<long>(i) * op.K + p];
+}
 
 // Packs depth [p0, p0 + np) of columns [j0, j0 + nj) of B: per strip of
 // kCols columns and per depth pair, the kCols (even, odd) pairs in column
 // order.  Missing columns and an odd last byte read as zero.
+template <bool kBTrans>
 void PackB(const Operands& op, int p0, int np, int j0, int nj, int16_t* dst) {
   const int pairs = (np + 1) / 2;
   for (int s = 0; s < nj; s += kCols) {
@@ -108,12 +112,19 @@ void PackB(const Operands& op, int p0, int np, int j0, int nj, int16_t* dst) {
       const int p = p0 + 2 * q;
       const bool has_odd = 2 * q + 1 < np;
       int16_t* row = d + q * 2 * kCols;
-      if (!op.b_trans) {
+      if (!kBTrans) {
         const int8_t* b0 = op.B + static_cast<long>(p) * op.N + j0 + s;
-        const int8_t* b1 = b0 + op.N;
+        if (has_odd && nc == kCols) {
+          const int8_t* b1 = b0 + op.N;
+          for (int c = 0; c < kCols; ++c) {
+            row[2 * c] = b0[c];
+            row[2 * c + 1] = b1[c];
+          }
+          continue;
+        }
         for (int c = 0; c < nc; ++c) {
           row[2 * c] = b0[c];
-          row[2 * c + 1] = has_odd ? b1[c] : 0;
+          row[2 * c + 1] = has_odd ? b0[c + op.N] : 0;
         }
       } else {
         for (int c = 0; c < nc; ++c) {
@@ -129,29 +140,81 @@ void PackB(const Operands& op, int p0, int np, int j0, int nj, int16_t* dst) {
 
 // Packs depth [p0, p0 + np) of rows [i0, i0 + ni) (ni <= kRows) of A as
 // 32-bit pairs, kRows per depth pair; missing rows read as zero.
+template <bool kATrans>
 void PackA(const Operands& op, int p0, int np, int i0, int ni, uint32_t* dst) {
   const int pairs = (np + 1) / 2;
-  for (int q = 0; q < pairs; ++q) {
-    const int p = p0 + 2 * q;
-    const bool has_odd = 2 * q + 1 < np;
-    for (int r = 0; r < kRows; ++r) {
-      if (r >= ni) {
-        dst[q * kRows + r] = 0;
-        continue;
-      }
-      dst[q * kRows + r] = MakePair(op.a(i0 + r, p), has_odd ? op.a(i0 + r, p + 1) : 0);
+  const int full_pairs = np / 2;
+  for (int r = 0; r < kRows; ++r) {
+    if (r >= ni) {
+      for (int q = 0; q < pairs; ++q) dst[q * kRows + r] = 0;
+      continue;
+    }
+    for (int q = 0; q < full_pairs; ++q) {
+      const int p = p0 + 2 * q;
+      dst[q * kRows + r] = MakePair(AAt<kATrans>(op, i0 + r, p), AAt<kATrans>(op, i0 + r, p + 1));
+    }
+    if (pairs > full_pairs) {
+      dst[full_pairs * kRows + r] = MakePair(AAt<kATrans>(op, i0 + r, p0 + np - 1), 0);
     }
   }
 }
 
 // Adds a tile's sums into C; the first depth block also applies beta.
 void WriteTile(const Vu* acc, int ni, int nc, bool first, uint32_t beta, int32_t* C, int N) {
+  if (nc == kCols) {
+    for (int r = 0; r < ni; ++r) {
+      int32_t* c = C + static_cast<long>(r) * N;
+      Vu old;
+      memcpy(&old, c, sizeof(old));
+      const Vu out = (first ? old * beta : old) + acc[r];
+      memcpy(c, &out, sizeof(out));
+    }
+    return;
+  }
   for (int r = 0; r < ni; ++r) {
     int32_t* c = C + static_cast<long>(r) * N;
     for (int j = 0; j < nc; ++j) {
       const uint32_t old = static_cast<uint32_t>(c[j]);
       const uint32_t base = first ? beta * old : old;
       c[j] = static_cast<int32_t>(base + acc[r][j]);
+    }
+  }
+}
+
+}  // namespace
+
+namespace {
+
+template <bool kATrans, bool kBTrans>
+void I8Gemm(const Operands& op, uint32_t ubeta, int32_t* C) {
+  const int M = op.M, N = op.N, K = op.K;
+  alignas(64) int16_t bpack[kColBlock / kCols][kPairs * 2 * kCols];
+  alignas(64) uint32_t apack[kPairs * kRows];
+  for (int j0 = 0; j0 < N; j0 += kColBlock) {
+    const int nj = Min(kColBlock, N - j0);
+    for (int p0 = 0; p0 < K; p0 += kDepthBlock) {
+      const int np = Min(kDepthBlock, K - p0);
+      const int pairs = (np + 1) / 2;
+      PackB<kBTrans>(op, p0, np, j0, nj, &bpack[0][0]);
+      for (int i0 = 0; i0 < M; i0 += kRows) {
+        const int ni = Min(kRows, M - i0);
+        PackA<kATrans>(op, p0, np, i0, ni, apack);
+        for (int s = 0; s < nj; s += kCols) {
+          const int16_t* bp = bpack[s / kCols];
+          Vu acc[kRows];
+#pragma GCC unroll 8
+          for (int r = 0; r < kRows; ++r) acc[r] = Vu{};
+          for (int q = 0; q < pairs; ++q) {
+            const Vh bv = LoadH(bp + q * 2 * kCols);
+#pragma GCC unroll 8
+            for (int r = 0; r < kRows; ++r) {
+              acc[r] += MaddPairs(BroadcastPair(apack[q * kRows + r]), bv);
+            }
+          }
+          WriteTile(acc, ni, Min(kCols, nj - s), p0 == 0, ubeta,
+                    C + static_cast<long>(i0) * N + j0 + s, N);
+        }
+      }
     }
   }
 }
@@ -168,31 +231,18 @@ void i8_gemm(int a_trans, int b_trans, int M, int N, int K, const int8_t* A, con
     }
     return;
   }
-  const Operands op{a_trans, b_trans, M, N, K, A, B};
-  alignas(64) int16_t bpack[kColBlock / kCols][kPairs * 2 * kCols];
-  alignas(64) uint32_t apack[kPairs * kRows];
-  for (int j0 = 0; j0 < N; j0 += kColBlock) {
-    const int nj = Min(kColBlock, N - j0);
-    for (int p0 = 0; p0 < K; p0 += kDepthBlock) {
-      const int np = Min(kDepthBlock, K - p0);
-      const int pairs = (np + 1) / 2;
-      PackB(op, p0, np, j0, nj, &bpack[0][0]);
-      for (int i0 = 0; i0 < M; i0 += kRows) {
-        const int ni = Min(kRows, M - i0);
-        PackA(op, p0, np, i0, ni, apack);
-        for (int s = 0; s < nj; s += kCols) {
-          const int16_t* bp = bpack[s / kCols];
-          Vu acc[kRows] = {};
-          for (int q = 0; q < pairs; ++q) {
-            const Vh bv = LoadH(bp + q * 2 * kCols);
-#pragma GCC unroll 4
-            for (int r = 0; r < kRows; ++r)
-              acc[r] += MaddPairs(BroadcastPair(apack[q * kRows + r]), bv);
-          }
-          WriteTile(acc, ni, Min(kCols, nj - s), p0 == 0, ubeta,
-                    C + static_cast<long>(i0) * N + j0 + s, N);
-        }
-      }
+  const Operands op{M, N, K, A, B};
+  if (a_trans) {
+    if (b_trans) {
+      I8Gemm<true, true>(op, ubeta, C);
+    } else {
+      I8Gemm<true, false>(op, ubeta, C);
+    }
+  } else {
+    if (b_trans) {
+      I8Gemm<false, true>(op, ubeta, C);
+    } else {
+      I8Gemm<false, false>(op, ubeta, C);
     }
   }
 }
