@@ -11,18 +11,18 @@ namespace ruvo {
 namespace math {
 
 template <>
-void orvik_cpu_gemm<float, float>(CBLAS_TRANSPOSE TransA, CBLAS_TRANSPOSE TransB, int M, int N,
-                                  int K, float alpha, const float* A, const float* B, float beta,
-                                  float* C) {
+void orvik_cpu_gemm<float, float>(int TransA, int TransB, int M, int N, int K, float alpha,
+                                  const float* A, const float* B, float beta, float* C) {
   const int lda = TransA == CblasNoTrans ? K : M;
   const int ldb = TransB == CblasNoTrans ? N : K;
-  cblas_sgemm(CblasRowMajor, TransA, TransB, M, N, K, alpha, A, lda, B, ldb, beta, C, N);
+  cblas_sgemm(CblasRowMajor, static_cast<CBLAS_TRANSPOSE>(TransA),
+              static_cast<CBLAS_TRANSPOSE>(TransB), M, N, K, alpha, A, lda, B, ldb, beta, C, N);
 }
 
 template <>
-void orvik_cpu_gemm<signed char, int>(CBLAS_TRANSPOSE TransA, CBLAS_TRANSPOSE TransB, int M, int N,
-                                      int K, signed char alpha, const signed char* A,
-                                      const signed char* B, signed char beta, int* C) {
+void orvik_cpu_gemm<signed char, int>(int TransA, int TransB, int M, int N, int K,
+                                      signed char alpha, const signed char* A, const signed char* B,
+                                      signed char beta, int* C) {
   const int lda = TransA == CblasNoTrans ? K : M;
   const int ldb = TransB == CblasNoTrans ? N : K;
   orvik_i8_i32_gemm(CblasRowMajor, TransA, TransB, M, N, K, alpha, A, lda, B, ldb, beta, C, N);

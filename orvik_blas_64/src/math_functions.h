@@ -15,19 +15,19 @@ namespace math {
 
 // C (M x N) = alpha * op(A) (M x K) * op(B) (K x N) + beta * C, all dense
 // row-major: lda = K (111) or M (112), ldb = N (111) or K (112), ldc = N.
+// TransA and TransB are CBLAS codes (CblasNoTrans 111, CblasTrans 112).
 // Instances: <float> through cblas_sgemm, <signed char, int> through
 // orvik_i8_i32_gemm (alpha must be 1; exact wrapping int32 sums).
 template <typename Dtype, typename Otype = Dtype>
-void orvik_cpu_gemm(CBLAS_TRANSPOSE TransA, CBLAS_TRANSPOSE TransB, int M, int N, int K,
-                    Dtype alpha, const Dtype* A, const Dtype* B, Dtype beta, Otype* C);
+void orvik_cpu_gemm(int TransA, int TransB, int M, int N, int K, Dtype alpha, const Dtype* A,
+                    const Dtype* B, Dtype beta, Otype* C);
 template <>
-void orvik_cpu_gemm<float, float>(CBLAS_TRANSPOSE TransA, CBLAS_TRANSPOSE TransB, int M, int N,
-                                  int K, float alpha, const float* A, const float* B, float beta,
-                                  float* C);
+void orvik_cpu_gemm<float, float>(int TransA, int TransB, int M, int N, int K, float alpha,
+                                  const float* A, const float* B, float beta, float* C);
 template <>
-void orvik_cpu_gemm<signed char, int>(CBLAS_TRANSPOSE TransA, CBLAS_TRANSPOSE TransB, int M, int N,
-                                      int K, signed char alpha, const signed char* A,
-                                      const signed char* B, signed char beta, int* C);
+void orvik_cpu_gemm<signed char, int>(int TransA, int TransB, int M, int N, int K,
+                                      signed char alpha, const signed char* A, const signed char* B,
+                                      signed char beta, int* C);
 
 // Y += alpha * X by fused multiply-adds (cblas_saxpy).
 template <typename Dtype>

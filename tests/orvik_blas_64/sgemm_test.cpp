@@ -5,6 +5,7 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "orvik_blas_64/src/orvik_blas/orvik_cblas.h"
@@ -206,6 +207,28 @@ TEST(SgemmDeathTest, ArgumentChecksInOrder) {
                "# Check failed: ldb == N \\(1 vs\\. 3\\)");
 }
 
+// Four products at once each hold their own pool block.
+TEST(SgemmTest, ConcurrentCallsGiveTheSameResults) {
+  std::mt19937 rng(11);
+  const int M = 70, N = 90, K = 300;
+  const std::vector<float> A = RandomFloats(&rng, M * K), B = RandomFloats(&rng, K * N);
+  std::vector<float> expected(M * N, 0.0f);
+  cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, M, N, K, 1.0f, A.data(), K, B.data(), N,
+              0.0f, expected.data(), N);
+  std::vector<std::vector<float>> results(4, std::vector<float>(M * N));
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int rep = 0; rep < 20; ++rep) {
+        cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, M, N, K, 1.0f, A.data(), K, B.data(),
+                    N, 0.0f, results[t].data(), N);
+      }
+    });
+  }
+  for (std::thread& th : threads) th.join();
+  for (int t = 0; t < 4; ++t) EXPECT_EQ(results[t], expected) << "thread " << t;
+}
+
 TEST(SgerTest, RankOneUpdateWithItsOddStrides) {
   const float x[2] = {1.0f, 2.0f};
   const float y[3] = {1.0f, 10.0f, 100.0f};
@@ -221,7 +244,8 @@ TEST(SgemvTest, EveryFormMatchesPlainLoops) {
   std::uniform_int_distribution<int> dim(1, 40);
   ForEachKernelVariant([&](const std::string& variant) {
     for (int rep = 0; rep < 30; ++rep) {
-      const int m = dim(rng), n = rep == 0 ? 300 : dim(rng);
+      // The first case is large enough for the pool-backed scratch.
+      const int m = dim(rng), n = rep == 0 ? 600 : dim(rng);
       for (int order : kOrders) {
         for (int trans : kTrans) {
           const bool row = order == CblasRowMajor;
