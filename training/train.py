@@ -8,7 +8,8 @@ The net sees what the library gives it: a window of N_HEIGHT frames of
 terms, oldest frame first.  The window ending at frame t is trained on the
 label of frame t - LABEL_DELAY: the features of frame t describe audio
 about five frames back (four for the deltas, one for the analysis window),
-and three more frames let the net look a little past the frame it judges.
+and seven more frames let the net look past the frame it judges, which
+carries a segment through the closure before a final plosive.
 
 Writes OUT/model.pt (state dict and normalisation) and OUT/train.json
 (settings and validation figures).
@@ -30,7 +31,7 @@ import corpus  # noqa: E402
 N_CHAN, N_WIDTH = 3, 40
 DIM = N_CHAN * N_WIDTH
 N_HEIGHT = 20
-LABEL_DELAY = 8
+LABEL_DELAY = 12
 HIDDEN = (64, 32)
 WARMUP_ROWS = 6  # rows the extractor leaves unwritten at the start
 MEDIAN = 7       # the decision stage's median filter
