@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -17,8 +18,9 @@ std::string ReadText(const std::string& path) {
 }
 
 ToolRun RunProgram(const std::vector<std::string>& args) {
-  const std::string out = testing::TempDir() + "/tovad_stdout.txt";
-  const std::string err = testing::TempDir() + "/tovad_stderr.txt";
+  const std::string base = testing::TempDir() + "/tovad_" + std::to_string(getpid());
+  const std::string out = base + "_stdout.txt";
+  const std::string err = base + "_stderr.txt";
   std::string cmd = std::string("'") + TOVAD_PROGRAM + "'";
   for (const std::string& a : args) cmd += " '" + a + "'";
   cmd += " >'" + out + "' 2>'" + err + "' </dev/null";

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <sndfile.h>
 #include <soxr.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 
@@ -67,7 +69,8 @@ std::vector<int16_t> ToStereoAtRate(const std::vector<int16_t>& mono16k, int rat
 }
 
 std::string FreshDir(const std::string& name) {
-  const std::string dir = testing::TempDir() + "/" + name;
+  // CTest runs cases of one binary in parallel processes: keep them apart.
+  const std::string dir = testing::TempDir() + "/tovad_" + std::to_string(getpid()) + "_" + name;
   const std::string cmd = "rm -rf '" + dir + "' && mkdir -p '" + dir + "'";
   EXPECT_EQ(std::system(cmd.c_str()), 0);
   return dir;

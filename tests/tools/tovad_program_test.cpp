@@ -22,7 +22,7 @@ using tovad_test::ToolRun;
 const std::string kConf = std::string(TOVAD_MODEL_DIR) + "/tovad.conf";
 
 TEST(TovadProgramTest, UnreadableInputGivesExitCode2AndOneLine) {
-  const std::string text = testing::TempDir() + "/not_audio.wav";
+  const std::string text = tovad_test::FreshDir("text") + "/not_audio.wav";
   std::ofstream(text) << "plain text\n";
   for (const std::string& f : {std::string("/nonexistent/input.wav"), text}) {
     SCOPED_TRACE(f);
