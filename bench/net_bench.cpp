@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "orvik_blas_64/src/math_functions.h"
 #include "ruvo/src/net.h"
 #include "tovadmod/c_predict_api.h"
 
@@ -213,6 +214,36 @@ void BM_PlainLoops(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_PlainLoops)->Unit(benchmark::kMicrosecond);
+
+// Reference: the same kernel calls the layers make (GEMM, bias by a GEMM
+// of depth 1, relu, softmax) without the net around them, to show what the
+// engine adds per frame.
+void BM_DirectKernels(benchmark::State& state) {
+  using orvik::ruvo::math::orvik_cpu_gemm;
+  const Model m = MakeModel(false);
+  const std::vector<float> x = Frame();
+  std::vector<float> a(kHidden), b(kHidden), out(kClasses);
+  const float one = 1.0f;
+  for (auto _ : state) {
+    const float* in = x.data();
+    std::vector<float>* bufs[] = {&a, &b, &out};
+    for (int li = 0; li < 3; ++li) {
+      const Layer& l = m.layers[li];
+      float* y = bufs[li]->data();
+      orvik_cpu_gemm<float>(CblasNoTrans, CblasTrans, 1, static_cast<int>(l.out),
+                            static_cast<int>(l.in), 1.0f, in, l.w.data(), 0.0f, y);
+      orvik_cpu_gemm<float>(CblasNoTrans, CblasNoTrans, 1, static_cast<int>(l.out), 1, 1.0f, &one,
+                            l.b.data(), 1.0f, y);
+      if (li < 2) {
+        for (uint32_t o = 0; o < l.out; ++o) y[o] = y[o] > 0.0f ? y[o] : 0.0f;
+      }
+      in = y;
+    }
+    orvik::ruvo::math::softmax(out.data(), out.data(), kClasses);
+    benchmark::DoNotOptimize(out.data());
+  }
+}
+BENCHMARK(BM_DirectKernels)->Unit(benchmark::kMicrosecond);
 
 // Slab bytes of the plan against the rule.  The 128-float hidden blobs
 // alternate between two slabs of 512 bytes (the relus run in place).  The
