@@ -40,6 +40,8 @@ def arrays():
         ("arg:i64", ramp((2,), np.int64, 1 << 40, -5)),
         # flag 2 is read with 16 bytes per element
         ("arg:f16", RawArray((2,), 2, bytes(range(32)))),
+        # no elements, no data bytes
+        ("arg:nothing", ramp((2, 0), np.float32, 0, 0)),
     ]
 
 
