@@ -73,7 +73,7 @@ class RawArray:
 def type_flag_of(array):
     """Type flag of a numpy array; raises ValueError for other types."""
     try:
-        return _FLAG_OF_DTYPE[np.dtype(array.dtype)]
+        return _FLAG_OF_DTYPE[np.dtype(array.dtype).newbyteorder("=")]
     except KeyError:
         raise ValueError("no parameter type for numpy dtype %s" % array.dtype)
 

@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """Writes the model files of the engine's reader tests into this folder.
 
-    /usr/bin/python3 tests/data/ruvo/gen_engine_files.py
+    /usr/bin/python3 tests/data/ruvo/gen_engine_files.py          (rewrite)
+    /usr/bin/python3 tests/data/ruvo/gen_engine_files.py --check  (compare)
 
 The array contents follow simple formulas that the C++ tests restate
 (tests/ruvo/model_files_test.cpp); change both together.  The files are
@@ -10,6 +11,7 @@ also the seeds of the mutation test.
 
 import os
 import sys
+import tempfile
 
 import numpy as np
 
@@ -83,8 +85,8 @@ def graph_old_style():
     return g
 
 
-def main():
-    out = lambda name: os.path.join(HERE, name)  # noqa: E731
+def write_all(folder):
+    out = lambda name: os.path.join(folder, name)  # noqa: E731
     write_params(out("params_modern.params"), arrays())
     write_params(out("params_legacy.params"), arrays(), legacy=True)
     write_params(out("params_empty.params"), [])
@@ -92,7 +94,24 @@ def main():
     write_params(out("params_ten_nine.params"), ten, names=[n for n, _ in ten[:9]])
     graph_new_style().write(out("symbol_new.json"), version=10600)
     graph_old_style().write(out("symbol_old.json"), version=None)
+    return sorted(n for n in os.listdir(folder) if n.endswith((".params", ".json")))
+
+
+def main(argv):
+    if argv[1:] == ["--check"]:
+        # The committed files must be exactly what this script makes.
+        with tempfile.TemporaryDirectory() as tmp:
+            stale = [n for n in write_all(tmp)
+                     if not os.path.exists(os.path.join(HERE, n))
+                     or open(os.path.join(tmp, n), "rb").read()
+                     != open(os.path.join(HERE, n), "rb").read()]
+        if stale:
+            print("stale or missing, rerun %s: %s" % (sys.argv[0], " ".join(stale)))
+            return 1
+        return 0
+    write_all(HERE)
+    return 0
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main(sys.argv))
