@@ -8,6 +8,8 @@
 
 #if defined(__SSE2__)
 #include <immintrin.h>
+#elif defined(__aarch64__) && defined(__ARM_NEON)
+#include <arm_neon.h>
 #endif
 
 #ifndef ORVIK_KERNEL_VARIANT
@@ -18,22 +20,33 @@ namespace orvik_blas_kernels {
 namespace ORVIK_KERNEL_VARIANT {
 namespace {
 
-// One strip of the result is 16 columns wide; one tile is 4 rows of it.
-// Depth is walked in pairs: two bytes of a row of A, sign-extended to 16
-// bits, meet the matching pair of B and are summed pairwise into 32 bits
+// One strip of the result is 16 columns wide; one tile is kRows rows of
+// it.  Depth is walked in pairs: two bytes of a row of A, sign-extended to
+// 16 bits, meet the matching pair of B and are summed pairwise into 32 bits
 // (never into 16-bit lanes, which two products of -128 * -128 overflow).
 constexpr int kCols = 16;
 #if defined(__AVX512BW__)
-constexpr int kRows = 8;  // one 16-lane register per row
+constexpr int kVecBytes = 64;
+constexpr int kRows = 8;
+#elif defined(__AVX2__)
+constexpr int kVecBytes = 32;
+constexpr int kRows = 4;
+#elif defined(__SSE2__)
+constexpr int kVecBytes = 16;
+constexpr int kRows = 2;  // sixteen 128-bit registers
 #else
+constexpr int kVecBytes = 16;
 constexpr int kRows = 4;
 #endif
 constexpr int kDepthBlock = 256;      // bytes of depth per packed block
 constexpr int kColBlock = 4 * kCols;  // columns of B packed at a time
 constexpr int kPairs = kDepthBlock / 2;
 
-typedef int16_t Vh __attribute__((vector_size(64)));   // 16 column pairs
-typedef uint32_t Vu __attribute__((vector_size(64)));  // 16 column sums
+// Native vectors: kSums 32-bit column sums, or as many 16-bit pairs.
+typedef int16_t Vh __attribute__((vector_size(kVecBytes)));
+typedef uint32_t Vu __attribute__((vector_size(kVecBytes)));
+constexpr int kSums = kVecBytes / 4;
+constexpr int kVecsPerStrip = kCols / kSums;
 
 inline int Min(int a, int b) { return a < b ? a : b; }
 
@@ -48,28 +61,15 @@ inline Vu MaddPairs(Vh a, Vh b) {
 #if defined(__AVX512BW__)
   return (Vu)_mm512_madd_epi16((__m512i)a, (__m512i)b);
 #elif defined(__AVX2__)
-  __m256i al, ah, bl, bh;
-  memcpy(&al, &a, 32);
-  memcpy(&ah, reinterpret_cast<const char*>(&a) + 32, 32);
-  memcpy(&bl, &b, 32);
-  memcpy(&bh, reinterpret_cast<const char*>(&b) + 32, 32);
-  const __m256i lo = _mm256_madd_epi16(al, bl);
-  const __m256i hi = _mm256_madd_epi16(ah, bh);
-  Vu r;
-  memcpy(&r, &lo, 32);
-  memcpy(reinterpret_cast<char*>(&r) + 32, &hi, 32);
-  return r;
+  return (Vu)_mm256_madd_epi16((__m256i)a, (__m256i)b);
 #elif defined(__SSE2__)
-  __m128i av[4], bv[4], rv[4];
-  memcpy(av, &a, 64);
-  memcpy(bv, &b, 64);
-  for (int i = 0; i < 4; ++i) rv[i] = _mm_madd_epi16(av[i], bv[i]);
-  Vu r;
-  memcpy(&r, rv, 64);
-  return r;
+  return (Vu)_mm_madd_epi16((__m128i)a, (__m128i)b);
+#elif defined(__aarch64__) && defined(__ARM_NEON)
+  const int16x8_t av = (int16x8_t)a, bv = (int16x8_t)b;
+  return (Vu)vpaddq_s32(vmull_s16(vget_low_s16(av), vget_low_s16(bv)), vmull_high_s16(av, bv));
 #else
   Vu r;
-  for (int c = 0; c < kCols; ++c) {
+  for (int c = 0; c < kSums; ++c) {
     r[c] = static_cast<uint32_t>(static_cast<int32_t>(a[2 * c]) * b[2 * c] +
                                  static_cast<int32_t>(a[2 * c + 1]) * b[2 * c + 1]);
   }
@@ -138,45 +138,46 @@ void PackB(const Operands& op, int p0, int np, int j0, int nj, int16_t* dst) {
   }
 }
 
-// Packs depth [p0, p0 + np) of rows [i0, i0 + ni) (ni <= kRows) of A as
-// 32-bit pairs, kRows per depth pair; missing rows read as zero.
-template <bool kATrans>
+// Packs depth [p0, p0 + np) of rows [i0, i0 + ni) (ni <= kR) of A as
+// 32-bit pairs, kR per depth pair; missing rows read as zero.
+template <bool kATrans, int kR>
 void PackA(const Operands& op, int p0, int np, int i0, int ni, uint32_t* dst) {
   const int pairs = (np + 1) / 2;
   const int full_pairs = np / 2;
-  for (int r = 0; r < kRows; ++r) {
+  for (int r = 0; r < kR; ++r) {
     if (r >= ni) {
-      for (int q = 0; q < pairs; ++q) dst[q * kRows + r] = 0;
+      for (int q = 0; q < pairs; ++q) dst[q * kR + r] = 0;
       continue;
     }
     for (int q = 0; q < full_pairs; ++q) {
       const int p = p0 + 2 * q;
-      dst[q * kRows + r] = MakePair(AAt<kATrans>(op, i0 + r, p), AAt<kATrans>(op, i0 + r, p + 1));
+      dst[q * kR + r] = MakePair(AAt<kATrans>(op, i0 + r, p), AAt<kATrans>(op, i0 + r, p + 1));
     }
     if (pairs > full_pairs) {
-      dst[full_pairs * kRows + r] = MakePair(AAt<kATrans>(op, i0 + r, p0 + np - 1), 0);
+      dst[full_pairs * kR + r] = MakePair(AAt<kATrans>(op, i0 + r, p0 + np - 1), 0);
     }
   }
 }
 
 // Adds a tile's sums into C; the first depth block also applies beta.
-void WriteTile(const Vu* acc, int ni, int nc, bool first, uint32_t beta, int32_t* C, int N) {
-  if (nc == kCols) {
-    for (int r = 0; r < ni; ++r) {
-      int32_t* c = C + static_cast<long>(r) * N;
-      Vu old;
-      memcpy(&old, c, sizeof(old));
-      const Vu out = (first ? old * beta : old) + acc[r];
-      memcpy(c, &out, sizeof(out));
-    }
-    return;
-  }
+template <int kR>
+void WriteTile(const Vu (*acc)[kVecsPerStrip], int ni, int nc, bool first, uint32_t beta,
+               int32_t* C, int N) {
   for (int r = 0; r < ni; ++r) {
     int32_t* c = C + static_cast<long>(r) * N;
+    if (nc == kCols) {
+      for (int v = 0; v < kVecsPerStrip; ++v) {
+        Vu old;
+        memcpy(&old, c + v * kSums, sizeof(old));
+        const Vu out = (first ? old * beta : old) + acc[r][v];
+        memcpy(c + v * kSums, &out, sizeof(out));
+      }
+      continue;
+    }
     for (int j = 0; j < nc; ++j) {
       const uint32_t old = static_cast<uint32_t>(c[j]);
       const uint32_t base = first ? beta * old : old;
-      c[j] = static_cast<int32_t>(base + acc[r][j]);
+      c[j] = static_cast<int32_t>(base + acc[r][j / kSums][j % kSums]);
     }
   }
 }
@@ -185,38 +186,123 @@ void WriteTile(const Vu* acc, int ni, int nc, bool first, uint32_t beta, int32_t
 
 namespace {
 
-template <bool kATrans, bool kBTrans>
+template <bool kATrans, bool kBTrans, int kR>
 void I8Gemm(const Operands& op, uint32_t ubeta, int32_t* C) {
   const int M = op.M, N = op.N, K = op.K;
   alignas(64) int16_t bpack[kColBlock / kCols][kPairs * 2 * kCols];
-  alignas(64) uint32_t apack[kPairs * kRows];
+  alignas(64) uint32_t apack[kPairs * kR];
   for (int j0 = 0; j0 < N; j0 += kColBlock) {
     const int nj = Min(kColBlock, N - j0);
     for (int p0 = 0; p0 < K; p0 += kDepthBlock) {
       const int np = Min(kDepthBlock, K - p0);
       const int pairs = (np + 1) / 2;
       PackB<kBTrans>(op, p0, np, j0, nj, &bpack[0][0]);
-      for (int i0 = 0; i0 < M; i0 += kRows) {
-        const int ni = Min(kRows, M - i0);
-        PackA<kATrans>(op, p0, np, i0, ni, apack);
+      for (int i0 = 0; i0 < M; i0 += kR) {
+        const int ni = Min(kR, M - i0);
+        PackA<kATrans, kR>(op, p0, np, i0, ni, apack);
         for (int s = 0; s < nj; s += kCols) {
           const int16_t* bp = bpack[s / kCols];
-          Vu acc[kRows];
+          Vu acc[kR][kVecsPerStrip];
 #pragma GCC unroll 8
-          for (int r = 0; r < kRows; ++r) acc[r] = Vu{};
+          for (int r = 0; r < kR; ++r) {
+#pragma GCC unroll 4
+            for (int v = 0; v < kVecsPerStrip; ++v) acc[r][v] = Vu{};
+          }
           for (int q = 0; q < pairs; ++q) {
-            const Vh bv = LoadH(bp + q * 2 * kCols);
+            Vh bv[kVecsPerStrip];
+#pragma GCC unroll 4
+            for (int v = 0; v < kVecsPerStrip; ++v)
+              bv[v] = LoadH(bp + q * 2 * kCols + v * 2 * kSums);
 #pragma GCC unroll 8
-            for (int r = 0; r < kRows; ++r) {
-              acc[r] += MaddPairs(BroadcastPair(apack[q * kRows + r]), bv);
+            for (int r = 0; r < kR; ++r) {
+              const Vh av = BroadcastPair(apack[q * kR + r]);
+#pragma GCC unroll 4
+              for (int v = 0; v < kVecsPerStrip; ++v) acc[r][v] += MaddPairs(av, bv[v]);
             }
           }
-          WriteTile(acc, ni, Min(kCols, nj - s), p0 == 0, ubeta,
-                    C + static_cast<long>(i0) * N + j0 + s, N);
+          WriteTile<kR>(acc, ni, Min(kCols, nj - s), p0 == 0, ubeta,
+                        C + static_cast<long>(i0) * N + j0 + s, N);
         }
       }
     }
   }
+}
+
+// One row of A against B stored row by row (B(p, j) = B[p*N + j]): rows
+// of B are added in, scaled by one byte of A each, into 32-bit sums.  A
+// product always fits 16 bits, so the compiler can multiply in 16-bit lanes.
+void SingleRowByRows(const Operands& op, uint32_t ubeta, int32_t* C) {
+  constexpr int kBlock = 256;
+  uint32_t acc[kBlock];
+  for (int j0 = 0; j0 < op.N; j0 += kBlock) {
+    const int nj = Min(kBlock, op.N - j0);
+    for (int j = 0; j < nj; ++j) acc[j] = 0;
+    for (int p = 0; p < op.K; ++p) {
+      const int16_t a = op.A[p];
+      const int8_t* b = op.B + static_cast<long>(p) * op.N + j0;
+      for (int j = 0; j < nj; ++j) {
+        acc[j] += static_cast<uint32_t>(static_cast<int32_t>(static_cast<int16_t>(a * b[j])));
+      }
+    }
+    for (int j = 0; j < nj; ++j) {
+      C[j0 + j] = static_cast<int32_t>(ubeta * static_cast<uint32_t>(C[j0 + j]) + acc[j]);
+    }
+  }
+}
+
+// One row of A against B stored transposed: dot products of contiguous
+// rows, four columns per pass so that each load of A serves four sums.
+// Within a chunk of 65536 bytes a signed sum cannot overflow, which lets the
+// compiler use pairwise multiply-adds; chunks are added with wrap-around.
+void SingleRowDots(const Operands& op, uint32_t ubeta, int32_t* C) {
+  const int8_t* a = op.A;
+  const int K = op.K;
+  int j = 0;
+  for (; j + 4 <= op.N; j += 4) {
+    const int8_t* b0 = op.B + static_cast<long>(j) * K;
+    const int8_t* b1 = b0 + K;
+    const int8_t* b2 = b1 + K;
+    const int8_t* b3 = b2 + K;
+    uint32_t total[4] = {0, 0, 0, 0};
+    for (int p0 = 0; p0 < K; p0 += 65536) {
+      const int end = Min(K, p0 + 65536);
+      int32_t s0 = 0, s1 = 0, s2 = 0, s3 = 0;
+      for (int p = p0; p < end; ++p) {
+        const int32_t av = a[p];
+        s0 += av * b0[p];
+        s1 += av * b1[p];
+        s2 += av * b2[p];
+        s3 += av * b3[p];
+      }
+      total[0] += static_cast<uint32_t>(s0);
+      total[1] += static_cast<uint32_t>(s1);
+      total[2] += static_cast<uint32_t>(s2);
+      total[3] += static_cast<uint32_t>(s3);
+    }
+    for (int c = 0; c < 4; ++c) {
+      C[j + c] = static_cast<int32_t>(ubeta * static_cast<uint32_t>(C[j + c]) + total[c]);
+    }
+  }
+  for (; j < op.N; ++j) {
+    const uint32_t dot = static_cast<uint32_t>(i8_dot(K, a, op.B + static_cast<long>(j) * K));
+    C[j] = static_cast<int32_t>(ubeta * static_cast<uint32_t>(C[j]) + dot);
+  }
+}
+
+// A single row (the net's one-frame case) needs no packing: with B stored
+// transposed each entry is a dot product of two contiguous rows, otherwise
+// rows of B are accumulated.  A of one row is contiguous in either form.
+template <bool kATrans, bool kBTrans>
+void I8GemmRows(const Operands& op, uint32_t ubeta, int32_t* C) {
+  if (op.M == 1) {
+    if (kBTrans) {
+      SingleRowDots(op, ubeta, C);
+    } else {
+      SingleRowByRows(op, ubeta, C);
+    }
+    return;
+  }
+  I8Gemm<kATrans, kBTrans, kRows>(op, ubeta, C);
 }
 
 }  // namespace
@@ -234,15 +320,15 @@ void i8_gemm(int a_trans, int b_trans, int M, int N, int K, const int8_t* A, con
   const Operands op{M, N, K, A, B};
   if (a_trans) {
     if (b_trans) {
-      I8Gemm<true, true>(op, ubeta, C);
+      I8GemmRows<true, true>(op, ubeta, C);
     } else {
-      I8Gemm<true, false>(op, ubeta, C);
+      I8GemmRows<true, false>(op, ubeta, C);
     }
   } else {
     if (b_trans) {
-      I8Gemm<false, true>(op, ubeta, C);
+      I8GemmRows<false, true>(op, ubeta, C);
     } else {
-      I8Gemm<false, false>(op, ubeta, C);
+      I8GemmRows<false, false>(op, ubeta, C);
     }
   }
 }
