@@ -1,12 +1,11 @@
 #include "tovadmod/tovad_api.h"
 
-#include "src/tovad_api.h"
-
 #include <cstdio>
 #include <cstring>
 
 #include "src/internal_init_wav.h"
 #include "src/post_process.h"
+#include "src/tovad_api.h"
 #include "src/tovad_predictor.h"
 
 namespace Tovad_toolkit {
@@ -31,8 +30,8 @@ void run_frame(Tovad_handle* h, int* vad_start, int* vad_end) {
     memmove(h->pcm_history, h->pcm_history + kHistoryDropFrames * kFrameSamples,
             static_cast<size_t>(h->n_curr_history_frame) * kFrameSamples * sizeof(int16_t));
   }
-  memcpy(h->pcm_history + static_cast<size_t>(h->n_curr_history_frame) * kFrameSamples,
-         h->pcm_buff, sizeof(h->pcm_buff));
+  memcpy(h->pcm_history + static_cast<size_t>(h->n_curr_history_frame) * kFrameSamples, h->pcm_buff,
+         sizeof(h->pcm_buff));
   h->n_curr_history_frame += 1;
 
   // The net sees the frame with a fixed low-level pattern added; the sum

@@ -35,8 +35,8 @@ const std::string* find_config(const ConfigMap& user, const ConfigMap& defaults,
 
 // find_config, or the failure line "<source>:<line> ERROR: can`t read value
 // of key <key>" and abort().
-std::string lookup_config(const ConfigMap& user, const ConfigMap& defaults,
-                          const std::string& key, const char* source, int line);
+std::string lookup_config(const ConfigMap& user, const ConfigMap& defaults, const std::string& key,
+                          const char* source, int line);
 
 // Conversions are deliberately unchecked: a non-number reads as 0, and the
 // long/double result is narrowed to the field's width.

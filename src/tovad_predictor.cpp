@@ -116,13 +116,11 @@ void Tovad_predictor::init_predictor(const ConfigMap& config) {
 }
 
 void Tovad_predictor::loadObmModel(const std::string&) {
-  fprintf(stderr,
-          "致命错误: OBM模型支持已关闭，请关闭DISABLE_K2_PREDICTOR后重新编译解码器\n");
+  fprintf(stderr, "致命错误: OBM模型支持已关闭，请关闭DISABLE_K2_PREDICTOR后重新编译解码器\n");
   abort();
 }
 
-void Tovad_predictor::loadMxnetModel(const std::string& json_path,
-                                     const std::string& param_path) {
+void Tovad_predictor::loadMxnetModel(const std::string& json_path, const std::string& param_path) {
   std::vector<char> json = read_file(json_path, true);
   std::vector<char> params = read_file(param_path, false);
   const char* input_keys[] = {"data"};
@@ -212,18 +210,18 @@ void Tovad_predictor::predict(const int16_t* pcm, float* prior, float* energy) {
   }
 
   // A period of 0 (key -1) lets only a counter of 0 through.
-  const bool run_net = am_skip_num == 0 ? am_skip_num_counter == 0
-                                        : am_skip_num_counter % am_skip_num == 0;
+  const bool run_net =
+      am_skip_num == 0 ? am_skip_num_counter == 0 : am_skip_num_counter % am_skip_num == 0;
   if (run_net) {
     const uint32_t window = n_height * n_chan * n_width;
     if (is_mxnet_model) {
-      UniversalPredictor::UniversalPredictorSetInput(
-          predict_handler, "data", reinterpret_cast<const char*>(feature_buff),
-          UniversalPredictor::DTFloat32, window);
+      UniversalPredictor::UniversalPredictorSetInput(predict_handler, "data",
+                                                     reinterpret_cast<const char*>(feature_buff),
+                                                     UniversalPredictor::DTFloat32, window);
       UniversalPredictor::UniversalPredictorForward(predict_handler);
-      UniversalPredictor::UniversalPredictorGetOutput(predict_handler, 0,
-                                                      reinterpret_cast<char*>(prior),
-                                                      UniversalPredictor::DTFloat32, n_classes, true);
+      UniversalPredictor::UniversalPredictorGetOutput(
+          predict_handler, 0, reinterpret_cast<char*>(prior), UniversalPredictor::DTFloat32,
+          n_classes, true);
     } else {
       UniversalPredictor::UniversalPredictorSetInput(
           predict_handler, "data", reinterpret_cast<const char*>(int8_feature_buff),

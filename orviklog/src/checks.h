@@ -25,12 +25,11 @@ std::string* MakeCheckOpString(const T1& v1, const T2& v2, const char* names) {
   return new std::string(ss.str());
 }
 
-#define RTC_DEFINE_CHECK_OP_IMPL(name, op)                                  \
-  template <class T1, class T2>                                             \
-  inline std::string* Check##name##Impl(const T1& v1, const T2& v2,         \
-                                        const char* names) {                \
-    if (v1 op v2) return nullptr;                                           \
-    return MakeCheckOpString(v1, v2, names);                                \
+#define RTC_DEFINE_CHECK_OP_IMPL(name, op)                                               \
+  template <class T1, class T2>                                                          \
+  inline std::string* Check##name##Impl(const T1& v1, const T2& v2, const char* names) { \
+    if (v1 op v2) return nullptr;                                                        \
+    return MakeCheckOpString(v1, v2, names);                                             \
   }
 RTC_DEFINE_CHECK_OP_IMPL(EQ, ==)
 RTC_DEFINE_CHECK_OP_IMPL(NE, !=)
@@ -61,14 +60,13 @@ class FatalMessage {
 }  // namespace rtc
 
 // CHECK(cond) << "user text";
-#define CHECK(condition)                                                    \
-  while (!(condition))                                                      \
-  rtc::FatalMessage(__FILE__, __LINE__).stream()                            \
-      << "Check failed: " #condition "\n# "
+#define CHECK(condition) \
+  while (!(condition))   \
+  rtc::FatalMessage(__FILE__, __LINE__).stream() << "Check failed: " #condition "\n# "
 
 // CHECK_EQ(a, b) << "user text";  both operands are evaluated once.
-#define RTC_CHECK_OP(name, op, val1, val2)                                  \
-  while (std::string* _rtc_check_result =                                   \
+#define RTC_CHECK_OP(name, op, val1, val2)                                    \
+  while (std::string* _rtc_check_result =                                     \
              rtc::Check##name##Impl((val1), (val2), #val1 " " #op " " #val2)) \
   rtc::FatalMessage(__FILE__, __LINE__, _rtc_check_result).stream()
 

@@ -16,24 +16,19 @@ CriticalSection::~CriticalSection() { pthread_mutex_destroy(&mutex_); }
 
 void CriticalSection::Enter() const { pthread_mutex_lock(&mutex_); }
 
-bool CriticalSection::TryEnter() const {
-  return pthread_mutex_trylock(&mutex_) == 0;
-}
+bool CriticalSection::TryEnter() const { return pthread_mutex_trylock(&mutex_) == 0; }
 
 void CriticalSection::Leave() const { pthread_mutex_unlock(&mutex_); }
 
 void GlobalLockPod::Lock() {
   const struct timespec ts_null = {0, 0};
   int32_t expected = 0;
-  while (!lock_acquired.compare_exchange_weak(expected, 1,
-                                              std::memory_order_acquire)) {
+  while (!lock_acquired.compare_exchange_weak(expected, 1, std::memory_order_acquire)) {
     expected = 0;
     nanosleep(&ts_null, nullptr);
   }
 }
 
-void GlobalLockPod::Unlock() {
-  lock_acquired.store(0, std::memory_order_release);
-}
+void GlobalLockPod::Unlock() { lock_acquired.store(0, std::memory_order_release); }
 
 }  // namespace rtc

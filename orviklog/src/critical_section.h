@@ -37,8 +37,7 @@ class CritScope {
 
 class TryCritScope {
  public:
-  explicit TryCritScope(const CriticalSection* cs)
-      : cs_(cs), locked_(cs->TryEnter()) {}
+  explicit TryCritScope(const CriticalSection* cs) : cs_(cs), locked_(cs->TryEnter()) {}
   ~TryCritScope() {
     if (locked_) cs_->Leave();
   }

@@ -45,15 +45,14 @@ bool LogMessage::log_to_stderr_ = true;
 bool LogMessage::thread_ = false;
 bool LogMessage::timestamp_ = false;
 
-LogMessage::LogMessage(const char* file, int line, LoggingSeverity sev,
-                       LogErrorContext err_ctx, int err, const char* module)
+LogMessage::LogMessage(const char* file, int line, LoggingSeverity sev, LogErrorContext err_ctx,
+                       int err, const char* module)
     : severity_(sev), tag_("libjingle") {
   if (timestamp_) {
     int64_t time = TimeSince(LogStartTime());
     WallClockStartTime();  // Fixed at its first call, like the start time.
-    print_stream_ << "[" << std::setfill('0') << std::setw(3)
-                  << (time / 1000) << ":" << std::setw(3) << (time % 1000)
-                  << std::setfill(' ') << "] ";
+    print_stream_ << "[" << std::setfill('0') << std::setw(3) << (time / 1000) << ":"
+                  << std::setw(3) << (time % 1000) << std::setfill(' ') << "] ";
   }
   if (file != nullptr) {
     print_stream_ << "(" << FilenameFromPath(file) << ":" << line << "): ";
@@ -67,8 +66,7 @@ LogMessage::LogMessage(const char* file, int line, LoggingSeverity sev,
   (void)module;
 }
 
-LogMessage::LogMessage(const char* file, int line, LoggingSeverity sev,
-                       const std::string& tag)
+LogMessage::LogMessage(const char* file, int line, LoggingSeverity sev, const std::string& tag)
     : LogMessage(file, line, sev, ERRCTX_NONE, 0, nullptr) {
   tag_ = tag;
 }
@@ -106,9 +104,7 @@ void LogMessage::LogToDebug(LoggingSeverity min_sev) {
   UpdateMinLogSeverity();
 }
 
-void LogMessage::SetLogToStderr(bool log_to_stderr) {
-  log_to_stderr_ = log_to_stderr;
-}
+void LogMessage::SetLogToStderr(bool log_to_stderr) { log_to_stderr_ = log_to_stderr; }
 
 int LogMessage::GetLogToStream(LogSink* stream) {
   CritScope cs(&g_log_crit);
@@ -171,8 +167,7 @@ void LogMessage::UpdateMinLogSeverity() {
   min_sev_ = min_sev;
 }
 
-void LogMessage::OutputToDebug(const std::string& str, LoggingSeverity,
-                               const std::string&) {
+void LogMessage::OutputToDebug(const std::string& str, LoggingSeverity, const std::string&) {
   if (log_to_stderr_) {
     fputs(str.c_str(), stderr);
     fflush(stderr);

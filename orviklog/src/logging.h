@@ -38,11 +38,9 @@ class LogSink {
 
 class LogMessage {
  public:
-  LogMessage(const char* file, int line, LoggingSeverity sev,
-             LogErrorContext err_ctx = ERRCTX_NONE, int err = 0,
-             const char* module = nullptr);
-  LogMessage(const char* file, int line, LoggingSeverity sev,
-             const std::string& tag);
+  LogMessage(const char* file, int line, LoggingSeverity sev, LogErrorContext err_ctx = ERRCTX_NONE,
+             int err = 0, const char* module = nullptr);
+  LogMessage(const char* file, int line, LoggingSeverity sev, const std::string& tag);
   ~LogMessage();
   LogMessage(const LogMessage&) = delete;
   LogMessage& operator=(const LogMessage&) = delete;
@@ -101,10 +99,9 @@ class LogMessageVoidify {
 }  // namespace rtc
 
 // RTC_LOG(LS_WARNING) << "text";  builds nothing below the threshold.
-#define RTC_LOG(sev)                                                    \
-  !rtc::LogMessage::Loggable(rtc::sev)                                  \
-      ? (void)0                                                         \
-      : rtc::LogMessageVoidify() &                                      \
-            rtc::LogMessage(__FILE__, __LINE__, rtc::sev).stream()
+#define RTC_LOG(sev)                   \
+  !rtc::LogMessage::Loggable(rtc::sev) \
+      ? (void)0                        \
+      : rtc::LogMessageVoidify() & rtc::LogMessage(__FILE__, __LINE__, rtc::sev).stream()
 
 #endif  // ORVIKLOG_LOGGING_H_

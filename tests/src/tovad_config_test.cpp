@@ -49,8 +49,7 @@ INSTANTIATE_TEST_SUITE_P(
         ConfCase{"LastOfSameKeyWins", "k=1\nk=2\n", {{"k", "2"}}},
         ConfCase{"EmptyKeyAndValue", "=x\ny=\n", {{"", "x"}, {"y", ""}}},
         ConfCase{"NoEqualsIsSkipped", "just words\n\n\n", {}},
-        ConfCase{"TabsAndCarriageReturnsStay", "a=1\r\nb\t=2\r\n",
-                 {{"a", "1\r"}, {"b\t", "2\r"}}},
+        ConfCase{"TabsAndCarriageReturnsStay", "a=1\r\nb\t=2\r\n", {{"a", "1\r"}, {"b\t", "2\r"}}},
         ConfCase{"EmptyFile", "", {}}),
     [](const testing::TestParamInfo<ConfCase>& info) { return info.param.name; });
 
@@ -59,7 +58,8 @@ TEST(LoadConfTest, MissingFinalNewlineKeepsTheEofByte) {
   // before left in the buffer up to its terminator.
   ConfigMap m = LoadText("abc=123\nb=2");
   ASSERT_EQ(m.count("b"), 1u);
-  EXPECT_EQ(m["b"], std::string("2\xFF" "123"));
+  EXPECT_EQ(m["b"], std::string("2\xFF"
+                                "123"));
   EXPECT_EQ(m["abc"], "123");
   EXPECT_EQ(config_to_int(m["b"]), 2);
 }
