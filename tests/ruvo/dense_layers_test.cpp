@@ -427,7 +427,7 @@ TEST(LayerForwardDeathTest, ChannelSoftmaxNeedsThreeAxes) {
         std::vector<orvik::ruvo::NDArray*> auxes;
         layer->Forward(bottoms, tops, auxes);
       },
-      Fatal("bottom_blobs[softmax::kData]->shape().ndim() >= 3 (2 vs. 3)",
+      Fatal("bottom_blobs[softmax::kData]->ndim() >= 3 (2 vs. 3)",
             "Input need to have a least 3 dimensions when mode=channel"));
   EXPECT_DEATH(
       {

@@ -61,6 +61,9 @@ class NDArray {
   const TShape& shape() const { return shape_; }
   int dtype() const { return dtype_; }
   index_t Size() const { return shape_.Size(); }
+  // Rank, and dimension `i`, of this view's shape.
+  uint32_t ndim() const { return shape_.ndim(); }
+  index_t size(uint32_t i) const { return shape_[i]; }
 
   // Start of this view; fatal unless DType is the view's element type.
   template <typename DType>

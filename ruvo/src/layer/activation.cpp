@@ -101,7 +101,7 @@ int Activation::Forward(const std::vector<NDArray*>& bottom_blobs, std::vector<N
   const NDArray& top = *top_blobs[0];
   const NDArray data_lhs = in.Reshape(Shape2(in.shape()[0], ProdFrom(in.shape(), 1)));
   const NDArray out = top.Reshape(Shape2(top.shape()[0], ProdFrom(top.shape(), 1)));
-  CHECK_EQ(data_lhs.shape()[0], out.shape()[0]) << "input and output shape not equal!";
+  CHECK_EQ(data_lhs.size(0), out.size(0)) << "input and output shape not equal!";
   const size_t n = data_lhs.Size();
 
   switch (data_lhs.dtype()) {

@@ -47,7 +47,7 @@ int SoftmaxActivation::Forward(const std::vector<NDArray*>& bottom_blobs,
     }
     return 0;
   }
-  CHECK_GE(bottom_blobs[softmax::kData]->shape().ndim(), 3)
+  CHECK_GE(bottom_blobs[softmax::kData]->ndim(), 3)
       << "Input need to have a least 3 dimensions when mode=channel";
   // Channel-last: the channels of one position are adjacent.
   const index_t channels = in.shape()[in.shape().ndim() - 1];

@@ -12,7 +12,7 @@ namespace softmaxout {
 
 void Softmax3(const NDArray& energy, NDArray& dst) {
   CHECK_EQ(dst.shape(), energy.shape()) << "Softmax: shape mismatch";
-  CHECK_EQ(dst.shape().ndim(), 3) << "Softmax3 arg's dim != 3";
+  CHECK_EQ(dst.ndim(), 3) << "Softmax3 arg's dim != 3";
   const index_t d0 = energy.shape()[0];
   const index_t d1 = energy.shape()[1];
   const index_t d2 = energy.shape()[2];
