@@ -12,10 +12,11 @@ const KernelTable kGeneric = ORVIK_KERNEL_TABLE(generic);
 #if defined(__x86_64__)
 const KernelTable kAvx2 = ORVIK_KERNEL_TABLE(avx2);
 const KernelTable kAvx512 = ORVIK_KERNEL_TABLE(avx512);
+const KernelTable kAvx512Vnni = ORVIK_KERNEL_TABLE(avx512vnni);
 #endif
 
 struct Supported {
-  const KernelTable* list[4] = {};
+  const KernelTable* list[5] = {};
   Supported() {
     int n = 0;
     list[n++] = &kGeneric;
@@ -26,6 +27,7 @@ struct Supported {
       if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
           __builtin_cpu_supports("avx512vl")) {
         list[n++] = &kAvx512;
+        if (__builtin_cpu_supports("avx512vnni")) list[n++] = &kAvx512Vnni;
       }
     }
 #endif

@@ -3,7 +3,7 @@
 
 // The hot kernels are written once and compiled several times, once per
 // vector width the processor may offer (the baseline of the architecture,
-// and on x86-64 also AVX2+FMA and AVX-512).  The variant is picked once at
+// and on x86-64 also AVX2+FMA, AVX-512 and AVX-512 with VNNI).  The variant is picked once at
 // first use from what the running processor supports.
 //
 // Kernel translation units include only this header and C headers: a
@@ -69,6 +69,7 @@ ORVIK_DECLARE_KERNEL_VARIANT(generic)
 #if defined(__x86_64__)
 ORVIK_DECLARE_KERNEL_VARIANT(avx2)
 ORVIK_DECLARE_KERNEL_VARIANT(avx512)
+ORVIK_DECLARE_KERNEL_VARIANT(avx512vnni)
 #endif
 
 }  // namespace orvik_blas_kernels

@@ -57,7 +57,7 @@ inline Vh LoadH(const int16_t* p) {
 }
 
 // Lane c of the result: a[2c]*b[2c] + a[2c+1]*b[2c+1], in 32 bits.
-inline Vu MaddPairs(Vh a, Vh b) {
+[[maybe_unused]] inline Vu MaddPairs(Vh a, Vh b) {
 #if defined(__AVX512BW__)
   return (Vu)_mm512_madd_epi16((__m512i)a, (__m512i)b);
 #elif defined(__AVX2__)
@@ -77,15 +77,19 @@ inline Vu MaddPairs(Vh a, Vh b) {
 #endif
 }
 
+// acc + MaddPairs(a, b), in one instruction where the unit has it.
+inline Vu MaddAcc(Vu acc, Vh a, Vh b) {
+#if defined(__AVX512VNNI__)
+  return (Vu)_mm512_dpwssd_epi32((__m512i)acc, (__m512i)a, (__m512i)b);
+#else
+  return acc + MaddPairs(a, b);
+#endif
+}
+
 inline Vh BroadcastPair(uint32_t pair) {
   Vu v = {};
   v += pair;
   return (Vh)v;
-}
-
-inline uint32_t MakePair(int8_t lo, int8_t hi) {
-  return static_cast<uint16_t>(static_cast<int16_t>(lo)) |
-         (static_cast<uint32_t>(static_cast<uint16_t>(static_cast<int16_t>(hi))) << 16);
 }
 
 struct Operands {
@@ -138,24 +142,26 @@ void PackB(const Operands& op, int p0, int np, int j0, int nj, int16_t* dst) {
   }
 }
 
-// Packs depth [p0, p0 + np) of rows [i0, i0 + ni) (ni <= kR) of A as
-// 32-bit pairs, kR per depth pair; missing rows read as zero.
+// Packs depth [p0, p0 + np) of rows [i0, i0 + ni) (ni <= kR) of A,
+// sign-extended to 16 bits, one row after another at a pitch of
+// kDepthBlock; so each 32-bit word is the (even, odd) pair of a depth pair.
+// An odd last byte pairs with zero; missing rows read as zero.
 template <bool kATrans, int kR>
-void PackA(const Operands& op, int p0, int np, int i0, int ni, uint32_t* dst) {
-  const int pairs = (np + 1) / 2;
-  const int full_pairs = np / 2;
+void PackA(const Operands& op, int p0, int np, int i0, int ni, int16_t* dst) {
+  const int padded = (np + 1) & ~1;
   for (int r = 0; r < kR; ++r) {
+    int16_t* row = dst + r * kDepthBlock;
     if (r >= ni) {
-      for (int q = 0; q < pairs; ++q) dst[q * kR + r] = 0;
+      for (int p = 0; p < padded; ++p) row[p] = 0;
       continue;
     }
-    for (int q = 0; q < full_pairs; ++q) {
-      const int p = p0 + 2 * q;
-      dst[q * kR + r] = MakePair(AAt<kATrans>(op, i0 + r, p), AAt<kATrans>(op, i0 + r, p + 1));
+    if (!kATrans) {
+      const int8_t* src = op.A + static_cast<long>(i0 + r) * op.K + p0;
+      for (int p = 0; p < np; ++p) row[p] = src[p];
+    } else {
+      for (int p = 0; p < np; ++p) row[p] = AAt<true>(op, i0 + r, p0 + p);
     }
-    if (pairs > full_pairs) {
-      dst[full_pairs * kR + r] = MakePair(AAt<kATrans>(op, i0 + r, p0 + np - 1), 0);
-    }
+    if (padded > np) row[np] = 0;
   }
 }
 
@@ -190,7 +196,7 @@ template <bool kATrans, bool kBTrans, int kR>
 void I8Gemm(const Operands& op, uint32_t ubeta, int32_t* C) {
   const int M = op.M, N = op.N, K = op.K;
   alignas(64) int16_t bpack[kColBlock / kCols][kPairs * 2 * kCols];
-  alignas(64) uint32_t apack[kPairs * kR];
+  alignas(64) int16_t apack[kR * kDepthBlock];
   for (int j0 = 0; j0 < N; j0 += kColBlock) {
     const int nj = Min(kColBlock, N - j0);
     for (int p0 = 0; p0 < K; p0 += kDepthBlock) {
@@ -215,9 +221,11 @@ void I8Gemm(const Operands& op, uint32_t ubeta, int32_t* C) {
               bv[v] = LoadH(bp + q * 2 * kCols + v * 2 * kSums);
 #pragma GCC unroll 8
             for (int r = 0; r < kR; ++r) {
-              const Vh av = BroadcastPair(apack[q * kR + r]);
+              uint32_t pair;
+              memcpy(&pair, apack + r * kDepthBlock + 2 * q, sizeof(pair));
+              const Vh av = BroadcastPair(pair);
 #pragma GCC unroll 4
-              for (int v = 0; v < kVecsPerStrip; ++v) acc[r][v] += MaddPairs(av, bv[v]);
+              for (int v = 0; v < kVecsPerStrip; ++v) acc[r][v] = MaddAcc(acc[r][v], av, bv[v]);
             }
           }
           WriteTile<kR>(acc, ni, Min(kCols, nj - s), p0 == 0, ubeta,
