@@ -67,19 +67,21 @@ std::vector<signed char> RandomBytes(size_t n, unsigned seed) {
   return v;
 }
 
-// Row-major C = A * B^T, as a fully connected layer calls it (weights stored
-// one output per row).
-void BM_Sgemm(benchmark::State& state, Shape s, bool openblas) {
+// Row-major C = A * op(B), as a fully connected layer calls it: B^T when
+// the weights are stored one output per row, B when stored transposed.
+void BM_Sgemm(benchmark::State& state, Shape s, bool b_trans, bool openblas) {
   const std::vector<float> A = RandomFloats(static_cast<size_t>(s.M) * s.K, 1);
   const std::vector<float> B = RandomFloats(static_cast<size_t>(s.N) * s.K, 2);
   std::vector<float> C(static_cast<size_t>(s.M) * s.N);
+  const CBLAS_TRANSPOSE tb = b_trans ? CblasTrans : CblasNoTrans;
+  const int ldb = b_trans ? s.K : s.N;
   for (auto _ : state) {
     if (openblas) {
-      g_openblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, s.M, s.N, s.K, 1.0f, A.data(), s.K,
-                       B.data(), s.K, 0.0f, C.data(), s.N);
+      g_openblas_sgemm(CblasRowMajor, CblasNoTrans, tb, s.M, s.N, s.K, 1.0f, A.data(), s.K,
+                       B.data(), ldb, 0.0f, C.data(), s.N);
     } else {
-      cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, s.M, s.N, s.K, 1.0f, A.data(), s.K,
-                  B.data(), s.K, 0.0f, C.data(), s.N);
+      cblas_sgemm(CblasRowMajor, CblasNoTrans, tb, s.M, s.N, s.K, 1.0f, A.data(), s.K, B.data(),
+                  ldb, 0.0f, C.data(), s.N);
     }
     benchmark::DoNotOptimize(C.data());
     benchmark::ClobberMemory();
@@ -137,13 +139,16 @@ const Shape kI8Shapes[] = {{64, 64, 64}, {256, 256, 256}};
 
 int main(int argc, char** argv) {
   if (!LoadOpenBlas()) return 1;
-  for (const Shape& s : kSgemmShapes) {
-    for (bool openblas : {false, true}) {
-      const std::string name = "sgemm/" + s.Name() + (openblas ? "/openblas" : "/ours");
-      benchmark::RegisterBenchmark(name.c_str(), BM_Sgemm, s, openblas)
-          ->MinWarmUpTime(0.1)
-          ->Repetitions(5)
-          ->ReportAggregatesOnly(true);
+  for (const char* form : {"nt", "nn"}) {
+    for (const Shape& s : kSgemmShapes) {
+      for (bool openblas : {false, true}) {
+        const std::string name =
+            "sgemm_" + std::string(form) + "/" + s.Name() + (openblas ? "/openblas" : "/ours");
+        benchmark::RegisterBenchmark(name.c_str(), BM_Sgemm, s, form[1] == 't', openblas)
+            ->MinWarmUpTime(0.1)
+            ->Repetitions(5)
+            ->ReportAggregatesOnly(true);
+      }
     }
   }
   for (const Shape& s : kI8Shapes) {
@@ -155,7 +160,7 @@ int main(int argc, char** argv) {
           ->ReportAggregatesOnly(true);
     }
     // Our float GEMM in the same nn form, for the multiply-accumulate rate.
-    const std::string name = "sgemm_nn/" + s.Name() + "/ours";
+    const std::string name = "sgemm_i8size/" + s.Name() + "/ours";
     benchmark::RegisterBenchmark(
         name.c_str(),
         [s](benchmark::State& state) {
@@ -178,13 +183,18 @@ int main(int argc, char** argv) {
   SummaryReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
 
-  printf("\nsgemm row-major A*B^T, one thread, GFLOP/s (median CPU time of 5)\n");
-  printf("%-16s %10s %10s %8s\n", "M x N x K", "ours", "OpenBLAS", "ratio");
-  for (const Shape& s : kSgemmShapes) {
-    const double flops = 2.0 * s.M * s.N * s.K;
-    const double ours = reporter.Rate("sgemm/" + s.Name() + "/ours", flops);
-    const double ref = reporter.Rate("sgemm/" + s.Name() + "/openblas", flops);
-    printf("%-16s %10.2f %10.2f %8.2f\n", s.Name().c_str(), ours, ref, ref > 0 ? ours / ref : 0.0);
+  for (const char* form : {"nt", "nn"}) {
+    printf("\nsgemm row-major A*%s, one thread, GFLOP/s (median CPU time of 5)\n",
+           form[1] == 't' ? "B^T" : "B");
+    printf("%-16s %10s %10s %8s\n", "M x N x K", "ours", "OpenBLAS", "ratio");
+    for (const Shape& s : kSgemmShapes) {
+      const double flops = 2.0 * s.M * s.N * s.K;
+      const std::string prefix = "sgemm_" + std::string(form) + "/" + s.Name();
+      const double ours = reporter.Rate(prefix + "/ours", flops);
+      const double ref = reporter.Rate(prefix + "/openblas", flops);
+      printf("%-16s %10.2f %10.2f %8.2f\n", s.Name().c_str(), ours, ref,
+             ref > 0 ? ours / ref : 0.0);
+    }
   }
   printf("\nint8 GEMM nn, GMAC/s (median CPU time of 5)\n");
   printf("%-16s %10s %12s %10s %12s %12s\n", "M x N x K", "i8 ours", "i8 reference", "sgemm ours",
@@ -193,7 +203,7 @@ int main(int argc, char** argv) {
     const double macs = 1.0 * s.M * s.N * s.K;
     const double ours = reporter.Rate("i8gemm/" + s.Name() + "/ours", macs);
     const double ref = reporter.Rate("i8gemm/" + s.Name() + "/reference", macs);
-    const double f32 = reporter.Rate("sgemm_nn/" + s.Name() + "/ours", macs);
+    const double f32 = reporter.Rate("sgemm_i8size/" + s.Name() + "/ours", macs);
     printf("%-16s %10.2f %12.2f %10.2f %12.2f %12.2f\n", s.Name().c_str(), ours, ref, f32,
            ref > 0 ? ours / ref : 0.0, f32 > 0 ? ours / f32 : 0.0);
   }

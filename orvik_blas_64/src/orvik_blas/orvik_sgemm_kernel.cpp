@@ -46,10 +46,9 @@ inline Vf Load(const float* p) {
   return v;
 }
 inline void Store(float* p, Vf v) { memcpy(p, &v, sizeof(v)); }
-inline Vf Splat(float x) {
-  Vf v = {};
-  return v + x;
-}
+// x - (+0.0) is x for every x, so this folds to a plain broadcast (x plus
+// a zero vector would not: 0.0 + -0.0 is +0.0, and costs a real add).
+inline Vf Splat(float x) { return x - Vf{}; }
 inline float HSum(Vf v) {
   float s = 0.0f;
   for (int i = 0; i < kLanes; ++i) s += v[i];
