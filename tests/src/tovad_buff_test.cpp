@@ -93,8 +93,8 @@ TEST(TovadBuffTest, ImpulseAtTheFrameStartIsLost) {
   std::vector<int16_t> pcm(480, 0);
   pcm[0] = 32767;
   for (int f = 0; f < 3; ++f) buff.append_wave_frame(pcm.data() + 160 * f);
-  const float* spec = buff.get_wave_fft();
-  for (int i = 0; i < 514; ++i) ASSERT_LT(std::abs(spec[i]), 2e-5f) << "float " << i;
+  const float* spectrum = buff.get_wave_fft();
+  for (int i = 0; i < 514; ++i) ASSERT_LT(std::abs(spectrum[i]), 2e-5f) << "float " << i;
 }
 
 struct EnergyCase {

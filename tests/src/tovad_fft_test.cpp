@@ -30,13 +30,13 @@ std::vector<cd> ReferenceDft(const std::vector<float>& x) {
 
 // x[t] = (1/N) sum over all N bins, the upper half being conjugates; the
 // imaginary parts of bins 0 and N/2 play no part.
-std::vector<double> ReferenceInverse(const std::vector<float>& spec, size_t n) {
+std::vector<double> ReferenceInverse(const std::vector<float>& spectrum, size_t n) {
   std::vector<double> out(n);
   for (size_t t = 0; t < n; ++t) {
-    double sum = spec[0] + spec[n] * ((t % 2) ? -1.0 : 1.0);
+    double sum = spectrum[0] + spectrum[n] * ((t % 2) ? -1.0 : 1.0);
     for (size_t k = 1; k < n / 2; ++k) {
       const double a = 2.0 * M_PI * static_cast<double>((k * t) % n) / n;
-      sum += 2.0 * (spec[2 * k] * std::cos(a) - spec[2 * k + 1] * std::sin(a));
+      sum += 2.0 * (spectrum[2 * k] * std::cos(a) - spectrum[2 * k + 1] * std::sin(a));
     }
     out[t] = sum / n;
   }
@@ -88,17 +88,17 @@ TEST_P(TovadFftLengthTest, ForwardMatchesDoubleDft) {
 
 TEST_P(TovadFftLengthTest, InverseMatchesDoubleInverseAndIgnoresEdgeImaginaryParts) {
   const int32_t n = GetParam();
-  std::vector<float> spec = RandomSignal(n + 2, 99u + n);
-  for (float& v : spec) v *= 20.0f;
+  std::vector<float> spectrum = RandomSignal(n + 2, 99u + n);
+  for (float& v : spectrum) v *= 20.0f;
   std::vector<float> a(n, std::nanf(""));
   std::vector<float> b(n, std::nanf(""));
-  fft_->ifft(a.data(), spec.data(), n);
-  spec[1] = 1e6f;  // neither is read
-  spec[n + 1] = -3.5f;
-  fft_->ifft(b.data(), spec.data(), n);
+  fft_->ifft(a.data(), spectrum.data(), n);
+  spectrum[1] = 1e6f;  // neither is read
+  spectrum[n + 1] = -3.5f;
+  fft_->ifft(b.data(), spectrum.data(), n);
   EXPECT_EQ(a, b);
 
-  const std::vector<double> ref = ReferenceInverse(spec, n);
+  const std::vector<double> ref = ReferenceInverse(spectrum, n);
   double rms = 0;
   for (double v : ref) rms += v * v;
   rms = std::sqrt(rms / n);
@@ -110,10 +110,10 @@ TEST_P(TovadFftLengthTest, InverseMatchesDoubleInverseAndIgnoresEdgeImaginaryPar
 TEST_P(TovadFftLengthTest, InverseUndoesForward) {
   const int32_t n = GetParam();
   std::vector<float> x = RandomSignal(n, 5u + n);
-  std::vector<float> spec(n + 2);
+  std::vector<float> spectrum(n + 2);
   std::vector<float> back(n);
-  fft_->fft(spec.data(), x.data(), n);
-  fft_->ifft(back.data(), spec.data(), n);
+  fft_->fft(spectrum.data(), x.data(), n);
+  fft_->ifft(back.data(), spectrum.data(), n);
   double worst = 0;
   for (int32_t t = 0; t < n; ++t) worst = std::max(worst, std::abs(double(back[t]) - x[t]));
   // The inputs are below 1 in magnitude, so this is a relative error too.
