@@ -74,6 +74,10 @@ void orvik_cpu_min_max_naive(int N, const T* X, T* min, T* max);
 // Fill (float 0.0, either sign, is one memset and so writes +0.0).
 template <typename T>
 void orvik_set(int N, T value, T* Y);
+template <>
+void orvik_set<float>(int N, float value, float* Y);
+template <>
+void orvik_set<signed char>(int N, signed char value, signed char* Y);
 // Copy; nothing when X and Y are the same pointer.
 template <typename T>
 void orvik_copy(int N, const T* X, T* Y);
@@ -83,6 +87,10 @@ void orvik_copy(int N, const T* X, T* Y);
 // float and signed char.
 template <typename T>
 void SwapAxis1VS3(const T* in, T* out, const int* dims);
+template <>
+void SwapAxis1VS3<float>(const float* in, float* out, const int* dims);
+template <>
+void SwapAxis1VS3<signed char>(const signed char* in, signed char* out, const int* dims);
 void SwapAxis1VS3_neon(const signed char* in, signed char* out, const int* dims);
 
 }  // namespace math
