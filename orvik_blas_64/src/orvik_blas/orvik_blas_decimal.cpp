@@ -2,46 +2,10 @@
 
 #include <cmath>
 
+#include "orvik_blas_64/src/gemm_args.h"
 #include "orvik_blas_64/src/kernel_dispatch.h"
 #include "orvik_blas_64/src/orvik_blas/orvik_cblas.h"
 #include "orviklog/src/checks.h"
-
-namespace {
-
-void CheckDoubleGemmArgs(int Order, int TransA, int TransB, int M, int N, int K, int lda, int ldb,
-                         double* C, int ldc) {
-  CHECK(C);
-  CHECK(Order == 101 || Order == 102);
-  CHECK(TransA == 111 || TransA == 112);
-  CHECK(TransB == 111 || TransB == 112);
-  if (Order == 101) {
-    if (TransA == 111) {
-      CHECK_EQ(lda, K);
-    } else {
-      CHECK_EQ(lda, M);
-    }
-    if (TransB == 111) {
-      CHECK_EQ(ldb, N);
-    } else {
-      CHECK_EQ(ldb, K);
-    }
-    CHECK_EQ(ldc, N);
-  } else {
-    if (TransA == 111) {
-      CHECK_EQ(lda, M);
-    } else {
-      CHECK_EQ(lda, K);
-    }
-    if (TransB == 111) {
-      CHECK_EQ(ldb, K);
-    } else {
-      CHECK_EQ(ldb, N);
-    }
-    CHECK_EQ(ldc, M);
-  }
-}
-
-}  // namespace
 
 extern "C" void cblas_saxpy(int N, float alpha, const float* X, int incX, float* Y, int incY) {
   CHECK(incX == 1 && incY == 1);
@@ -85,7 +49,7 @@ extern "C" void cblas_dgemm(enum CBLAS_ORDER Order, enum CBLAS_TRANSPOSE TransA,
                             enum CBLAS_TRANSPOSE TransB, int M, int N, int K, double alpha,
                             const double* A, int lda, const double* B, int ldb, double beta,
                             double* C, int ldc) {
-  CheckDoubleGemmArgs(Order, TransA, TransB, M, N, K, lda, ldb, C, ldc);
+  CheckGemmArgs(Order, TransA, TransB, M, N, K, lda, ldb, C, ldc);
   // Element (i, j) of the row-major view; a column-major call is the same
   // product transposed.
   const bool row = Order == 101;

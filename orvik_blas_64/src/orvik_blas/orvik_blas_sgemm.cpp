@@ -1,6 +1,7 @@
 #include <cmath>
 #include <cstdint>
 
+#include "orvik_blas_64/src/gemm_args.h"
 #include "orvik_blas_64/src/kernel_dispatch.h"
 #include "orvik_blas_64/src/orvik_blas/orvik_blas_memory.h"
 #include "orvik_blas_64/src/orvik_blas/orvik_cblas.h"
@@ -80,9 +81,33 @@ void orvik_sgemm_tt(const blas_arg_t& args, float* sa, float* sb) {
 void (*const sgemm_routines[4])(const blas_arg_t&, float*, float*) = {
     orvik_sgemm_nn, orvik_sgemm_nt, orvik_sgemm_tn, orvik_sgemm_tt};
 
-// The checks shared by the blocked product and its reference form.
+// Plain row-major triple loops of the reference form: C (m x n) with
+// A(i, l) = a_trans ? a[l*lda + i] : a[i*lda + l] and B(l, j) = b_trans ?
+// b[j*ldb + l] : b[l*ldb + j].  Each entry sums into a float from zero in
+// order of depth, then fma(alpha, sum, beta * c).
+template <bool kATrans, bool kBTrans>
+void seq_matrix_mul_f32_c(int m, int n, int k, float alpha, const float* a, int lda, const float* b,
+                          int ldb, float beta, float* c, int ldc) {
+  for (int i = 0; i < m; ++i) {
+    for (int j = 0; j < n; ++j) {
+      float sum = 0.0f;
+      for (int l = 0; l < k; ++l) {
+        const float av =
+            kATrans ? a[static_cast<long>(l) * lda + i] : a[static_cast<long>(i) * lda + l];
+        const float bv =
+            kBTrans ? b[static_cast<long>(j) * ldb + l] : b[static_cast<long>(l) * ldb + j];
+        sum += av * bv;
+      }
+      float& out = c[static_cast<long>(i) * ldc + j];
+      out = std::fma(alpha, sum, beta * out);
+    }
+  }
+}
+
+}  // namespace
+
 void CheckGemmArgs(int Order, int TransA, int TransB, int M, int N, int K, int lda, int ldb,
-                   float* C, int ldc) {
+                   const void* C, int ldc) {
   CHECK(C);
   CHECK(Order == 101 || Order == 102);
   CHECK(TransA == 111 || TransA == 112);
@@ -113,31 +138,6 @@ void CheckGemmArgs(int Order, int TransA, int TransB, int M, int N, int K, int l
     CHECK_EQ(ldc, M);
   }
 }
-
-// Plain row-major triple loops of the reference form: C (m x n) with
-// A(i, l) = a_trans ? a[l*lda + i] : a[i*lda + l] and B(l, j) = b_trans ?
-// b[j*ldb + l] : b[l*ldb + j].  Each entry sums into a float from zero in
-// order of depth, then fma(alpha, sum, beta * c).
-template <bool kATrans, bool kBTrans>
-void seq_matrix_mul_f32_c(int m, int n, int k, float alpha, const float* a, int lda, const float* b,
-                          int ldb, float beta, float* c, int ldc) {
-  for (int i = 0; i < m; ++i) {
-    for (int j = 0; j < n; ++j) {
-      float sum = 0.0f;
-      for (int l = 0; l < k; ++l) {
-        const float av =
-            kATrans ? a[static_cast<long>(l) * lda + i] : a[static_cast<long>(i) * lda + l];
-        const float bv =
-            kBTrans ? b[static_cast<long>(j) * ldb + l] : b[static_cast<long>(l) * ldb + j];
-        sum += av * bv;
-      }
-      float& out = c[static_cast<long>(i) * ldc + j];
-      out = std::fma(alpha, sum, beta * out);
-    }
-  }
-}
-
-}  // namespace
 
 // The four loops by name.  A column-major call runs them on the transposed
 // problem, with the operands swapped.

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "orvik_blas_64/src/gemm_args.h"
 #include "orvik_blas_64/src/kernel_dispatch.h"
 #include "orviklog/src/checks.h"
 
@@ -228,35 +229,7 @@ extern "C" void orvik_i8_i32_gemm(int Order, int TransA, int TransB, int M, int 
   // the contract.
   const int a = alpha;
   CHECK_EQ(a, 1);
-  CHECK(C);
-  CHECK(Order == 101 || Order == 102);
-  CHECK(TransA == 111 || TransA == 112);
-  CHECK(TransB == 111 || TransB == 112);
-  if (Order == 101) {
-    if (TransA == 111) {
-      CHECK_EQ(lda, K);
-    } else {
-      CHECK_EQ(lda, M);
-    }
-    if (TransB == 111) {
-      CHECK_EQ(ldb, N);
-    } else {
-      CHECK_EQ(ldb, K);
-    }
-    CHECK_EQ(ldc, N);
-  } else {
-    if (TransA == 111) {
-      CHECK_EQ(lda, M);
-    } else {
-      CHECK_EQ(lda, K);
-    }
-    if (TransB == 111) {
-      CHECK_EQ(ldb, K);
-    } else {
-      CHECK_EQ(ldb, N);
-    }
-    CHECK_EQ(ldc, M);
-  }
+  CheckGemmArgs(Order, TransA, TransB, M, N, K, lda, ldb, C, ldc);
   const int ta = TransA == 112, tb = TransB == 112;
   if (Order == 101) {
     func_gemm_i8_i32[2 * ta + tb](M, N, K, alpha, A, B, beta, C);
