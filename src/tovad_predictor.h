@@ -56,7 +56,7 @@ class Tovad_predictor {
   bool is_mxnet_model = false;
   float* feature_buff = nullptr;
   int8_t* int8_feature_buff = nullptr;
-  int32_t delta_type = 0;
+  [[maybe_unused]] int32_t delta_type = 0;  // kept in the record; nothing reads it
   uint32_t n_batch = 0;
   uint32_t n_height = 0;
   uint32_t n_chan = 0;

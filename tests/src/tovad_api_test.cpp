@@ -6,6 +6,7 @@
 #include "tovadmod/tovad_api.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdint>
@@ -76,11 +77,22 @@ std::string BaseConf() {
 // Writes `text` as a conf file next to the copied-in model, so the model
 // paths resolve through the prefix rule.
 std::string WriteConf(const std::string& name, const std::string& text) {
-  const std::string dir = testing::TempDir() + "/toolkit_" + name;
+  // Per process: CTest runs the cases in parallel, also from other builds.
+  const std::string dir = testing::TempDir() + "/toolkit_" + std::to_string(getpid()) + "_" + name;
   EXPECT_EQ(system(("mkdir -p " + dir + " && cp " + kDataDir + "/tone_* " + dir).c_str()), 0);
   std::ofstream(dir + "/vad.conf") << text;
   return dir;
 }
+
+// Removes this process's conf folders when the cases are done.
+class ConfFolders : public testing::Environment {
+ public:
+  void TearDown() override {
+    const std::string pattern = testing::TempDir() + "/toolkit_" + std::to_string(getpid()) + "_*";
+    if (system(("rm -rf " + pattern).c_str()) != 0) ADD_FAILURE() << "could not remove " << pattern;
+  }
+};
+testing::Environment* const conf_folders = testing::AddGlobalTestEnvironment(new ConfFolders);
 
 class Handle {
  public:

@@ -12,7 +12,8 @@ namespace {
 
 // Writes `text` to a fresh file in the test's temporary directory.
 std::string WriteFile(const std::string& name, const std::string& text) {
-  const std::string path = testing::TempDir() + "/" + name;
+  // Per process: CTest runs the cases of this file in parallel.
+  const std::string path = testing::TempDir() + "/" + std::to_string(getpid()) + "_" + name;
   std::ofstream(path, std::ios::binary) << text;
   return path;
 }
@@ -87,7 +88,7 @@ TEST(ConfigConversionTest, UncheckedConversions) {
 }
 
 TEST(LoadConfWithPrefixTest, PrefixesOnlyModelPathsAndAlwaysAddsASlash) {
-  const std::string dir = testing::TempDir() + "/prefix_case";
+  const std::string dir = testing::TempDir() + "/prefix_case_" + std::to_string(getpid());
   ASSERT_EQ(system(("mkdir -p " + dir).c_str()), 0);
   std::ofstream(dir + "/vad.conf") << "path_to_json=m.json\npath_to_param=/abs/m.params\n"
                                       "path_to_meanvar=\nrt_log_path=log.txt\n";
