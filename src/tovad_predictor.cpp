@@ -1,5 +1,7 @@
 #include "src/tovad_predictor.h"
 
+#include <sys/stat.h>
+
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -21,16 +23,15 @@ const char kSource[] = "src/tovad_predictor";
 // the engine's own failure when it is loaded.
 std::vector<char> read_file(const std::string& path, bool nul_terminated) {
   std::vector<char> bytes;
-  FILE* fp = fopen(path.c_str(), "rb");
-  if (fp != nullptr) {
-    if (fseek(fp, 0, SEEK_END) == 0) {
-      long size = ftell(fp);
-      if (size > 0 && fseek(fp, 0, SEEK_SET) == 0) {
-        bytes.resize(static_cast<size_t>(size));
-        bytes.resize(fread(bytes.data(), 1, bytes.size(), fp));
-      }
+  struct stat st;
+  // A folder (an empty path behind a prefix names one) reads as empty.
+  if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) {
+    FILE* fp = fopen(path.c_str(), "rb");
+    if (fp != nullptr) {
+      bytes.resize(static_cast<size_t>(st.st_size));
+      bytes.resize(fread(bytes.data(), 1, bytes.size(), fp));
+      fclose(fp);
     }
-    fclose(fp);
   }
   if (nul_terminated) bytes.push_back('\0');
   return bytes;

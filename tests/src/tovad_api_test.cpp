@@ -457,6 +457,11 @@ INSTANTIATE_TEST_SUITE_P(
                     "src/tovad_predictor:[0-9]+ ERROR: meanvar file is broken"},
         InitFailure{"ObmPathSet", WithKey("path_to_obm", "model.obm"), "",
                     "致命错误: OBM模型支持已关闭，请关闭DISABLE_K2_PREDICTOR后重新编译解码器"},
+        // An empty value behind a prefix names the model folder itself,
+        // which is no model.
+        InitFailure{"EmptyModelPathBehindPrefix",
+                    "path_to_json=\n" + BaseConf().substr(BaseConf().find("path_to_param")), "",
+                    "# Check failed: cJSON_HasObjectItem\\(symbol_str, \"nodes\"\\) == 1"},
         InitFailure{"FeatureTypeFbank", WithKey("feature_type", "fbank"), "",
                     "错误: fbank的特征维度只能为40或者80, 输入的维度为0"},
         InitFailure{"FeatureTypeCapitalised", WithKey("feature_type", "Fbank"), "", ""},
