@@ -120,6 +120,13 @@ TEST(SgemmTest, BlockBoundariesMatchReference) {
       {CblasRowMajor, CblasNoTrans, CblasTrans, 45, 1, 67, 1.0f, 0.0f},
       {CblasColMajor, CblasTrans, CblasNoTrans, 45, 1, 67, 1.0f, 2.0f},
       {CblasRowMajor, CblasNoTrans, CblasNoTrans, 16, 256, 120, 1.0f, 0.0f},
+      // Few columns read in place, with a partial row panel and split depth.
+      {CblasRowMajor, CblasNoTrans, CblasNoTrans, 16, 250, 120, 1.0f, 0.0f},
+      {CblasColMajor, CblasNoTrans, CblasTrans, 101, 27, 500, -0.5f, 1.0f},
+      // One or two outputs of a long dot product.
+      {CblasRowMajor, CblasNoTrans, CblasNoTrans, 1, 2, 256, 1.0f, 0.0f},
+      {CblasRowMajor, CblasNoTrans, CblasTrans, 1, 2, 256, 1.0f, 0.0f},
+      {CblasColMajor, CblasNoTrans, CblasNoTrans, 3, 1, 257, 0.5f, 1.0f},
   };
   std::mt19937 rng(99);
   ForEachKernelVariant([&](const std::string& variant) {

@@ -140,10 +140,12 @@ void PackB(int b_trans, const float* b, int ldb, int j0, int nj, int l0, int ml,
   }
 }
 
-// c[0..mr) x [0..nr) += alpha * (packed a panel) * (packed b panel).  Alpha
-// is applied once, at write-back.
-inline void MicroKernel(int k, float alpha, const float* pa, const float* pb, float* c, int ldc,
-                        int mr, int nr) {
+// c[0..mr) x [0..nr) += alpha * (a panel) * (packed b panel).  Alpha is
+// applied once, at write-back.  Depth step l of the a panel starts at
+// pa + l * a_step: kMR for a packed panel, the leading dimension for kMR
+// rows read in place.
+inline void MicroKernel(int k, float alpha, const float* pa, long a_step, const float* pb, float* c,
+                        int ldc, int mr, int nr) {
   Vf acc[kMV][kNR];
 #pragma GCC unroll 16
   for (int v = 0; v < kMV; ++v) {
@@ -154,7 +156,7 @@ inline void MicroKernel(int k, float alpha, const float* pa, const float* pb, fl
   for (int l = 0; l < k; ++l) {
     Vf av[kMV];
 #pragma GCC unroll 16
-    for (int v = 0; v < kMV; ++v) av[v] = Load(pa + l * kMR + v * kLanes);
+    for (int v = 0; v < kMV; ++v) av[v] = Load(pa + l * a_step + v * kLanes);
 #pragma GCC unroll 16
     for (int j = 0; j < kNR; ++j) {
       const Vf bj = Splat(pb[l * kNR + j]);
@@ -188,7 +190,7 @@ void Kernel(int m, int n, int k, float alpha, const float* sa, const float* sb, 
   for (int j = 0; j < n; j += kNR) {
     const int nr = Min(kNR, n - j);
     for (int i = 0; i < m; i += kMR) {
-      MicroKernel(k, alpha, sa + static_cast<long>(i) * k, sb + static_cast<long>(j) * k,
+      MicroKernel(k, alpha, sa + static_cast<long>(i) * k, kMR, sb + static_cast<long>(j) * k,
                   c + i + static_cast<long>(j) * ldc, ldc, Min(kMR, m - i), nr);
     }
   }
@@ -281,12 +283,94 @@ void FewColumnsBlock(int m, int n, int k, float alpha, const float* a, int lda, 
   }
 }
 
+// Few columns with a read as stored (columns of a contiguous).  Packing a
+// would copy all of it for a handful of uses, so whole kMR-row panels of a
+// are read in place, straight from its columns; only op(b), small, is
+// packed, and the last partial panel of rows, which needs zero padding.
+void FewColumnsInPlace(int m, int n, int k, float alpha, const float* a, int lda, int b_trans,
+                       const float* b, int ldb, float* c, int ldc, float* sa, float* sb) {
+  const int body = m - m % kMR;
+  int ml = 0;
+  for (int ls = 0; ls < k; ls += ml) {
+    ml = BlockDepth(k - ls);
+    PackB(b_trans, b, ldb, 0, n, ls, ml, sb);
+    const float* a_at = a + static_cast<long>(ls) * lda;
+    // Each panel of a serves every column panel while it is in L1.
+    for (int i = 0; i < body; i += kMR) {
+      for (int j = 0; j < n; j += kNR) {
+        MicroKernel(ml, alpha, a_at + i, lda, sb + static_cast<long>(j) * ml,
+                    c + i + static_cast<long>(j) * ldc, ldc, kMR, Min(kNR, n - j));
+      }
+    }
+    if (body < m) {
+      PackA(0, a, lda, body, m - body, ls, ml, sa);
+      for (int j = 0; j < n; j += kNR) {
+        MicroKernel(ml, alpha, sa, kMR, sb + static_cast<long>(j) * ml,
+                    c + body + static_cast<long>(j) * ldc, ldc, m - body, Min(kNR, n - j));
+      }
+    }
+  }
+}
+
+// The even and the odd lanes of two vectors side by side.
+#if defined(__AVX512F__)
+#define ORVIK_EVEN_LANES 0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30
+#define ORVIK_ODD_LANES 1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31
+#elif defined(__AVX2__)
+#define ORVIK_EVEN_LANES 0, 2, 4, 6, 8, 10, 12, 14
+#define ORVIK_ODD_LANES 1, 3, 5, 7, 9, 11, 13, 15
+#else
+#define ORVIK_EVEN_LANES 0, 2, 4, 6
+#define ORVIK_ODD_LANES 1, 3, 5, 7
+#endif
+
+// y[0..2) += alpha * a * x for a dense matrix of two rows (lda 2): the rows
+// are interleaved in memory, so each pair of vectors is split into its even
+// (row 0) and odd (row 1) lanes against one vector of x.  Done one element
+// at a time, the product would wait on the latency of every add.
+void GemvTwoRows(int cols, float alpha, const float* a, const float* x, float* y) {
+  Vf even[2] = {}, odd[2] = {};
+  int j = 0;
+  for (; j + 2 * kLanes <= cols; j += 2 * kLanes) {
+#pragma GCC unroll 2
+    for (int u = 0; u < 2; ++u) {
+      const float* at = a + 2 * static_cast<long>(j + u * kLanes);
+      const Vf lo = Load(at), hi = Load(at + kLanes);
+      const Vf xv = Load(x + j + u * kLanes);
+      even[u] += __builtin_shufflevector(lo, hi, ORVIK_EVEN_LANES) * xv;
+      odd[u] += __builtin_shufflevector(lo, hi, ORVIK_ODD_LANES) * xv;
+    }
+  }
+  for (; j + kLanes <= cols; j += kLanes) {
+    const float* at = a + 2 * static_cast<long>(j);
+    const Vf lo = Load(at), hi = Load(at + kLanes);
+    const Vf xv = Load(x + j);
+    even[0] += __builtin_shufflevector(lo, hi, ORVIK_EVEN_LANES) * xv;
+    odd[0] += __builtin_shufflevector(lo, hi, ORVIK_ODD_LANES) * xv;
+  }
+  float s0 = FoldSum(even[0] + even[1]);
+  float s1 = FoldSum(odd[0] + odd[1]);
+  for (; j < cols; ++j) {
+    s0 += x[j] * a[2 * static_cast<long>(j)];
+    s1 += x[j] * a[2 * static_cast<long>(j) + 1];
+  }
+  y[0] += alpha * s0;
+  y[1] += alpha * s1;
+}
+
+#undef ORVIK_EVEN_LANES
+#undef ORVIK_ODD_LANES
+
 }  // namespace
 
 void sgemm_blocked(int a_trans, int b_trans, int m, int n, int k, float alpha, const float* a,
                    int lda, const float* b, int ldb, float* c, int ldc, float* sa, float* sb) {
   if (a_trans && n <= kFewColumns) {
     FewColumnsBlock(m, n, k, alpha, a, lda, b_trans, b, ldb, c, ldc, sb);
+    return;
+  }
+  if (!a_trans && n <= kFewColumns) {
+    FewColumnsInPlace(m, n, k, alpha, a, lda, b_trans, b, ldb, c, ldc, sa, sb);
     return;
   }
   for (int js = 0; js < n; js += GEMM_R) {
@@ -326,6 +410,10 @@ void sgemm_blocked(int a_trans, int b_trans, int m, int n, int k, float alpha, c
 }
 
 void sgemv_n(int rows, int cols, float alpha, const float* a, int lda, const float* x, float* y) {
+  if (rows == 2 && lda == 2) {
+    GemvTwoRows(cols, alpha, a, x, y);
+    return;
+  }
   // A chunk of y stays in registers while every column streams past it.
   constexpr int kChunk = 8;
   int i = 0;
@@ -346,10 +434,18 @@ void sgemv_n(int rows, int cols, float alpha, const float* a, int lda, const flo
       acc += Splat(alpha * x[j]) * Load(a + i + static_cast<long>(j) * lda);
     Store(y + i, acc);
   }
+  // The last rows one at a time, four partial sums each so that the adds
+  // do not wait on one another (a product with only a row or two spends
+  // all its time here).
   for (; i < rows; ++i) {
-    float s = y[i];
-    for (int j = 0; j < cols; ++j) s += (alpha * x[j]) * a[i + static_cast<long>(j) * lda];
-    y[i] = s;
+    const float* row = a + i;
+    float s[4] = {0.0f, 0.0f, 0.0f, 0.0f};
+    int j = 0;
+    for (; j + 4 <= cols; j += 4) {
+      for (int u = 0; u < 4; ++u) s[u] += x[j + u] * row[static_cast<long>(j + u) * lda];
+    }
+    for (; j < cols; ++j) s[0] += x[j] * row[static_cast<long>(j) * lda];
+    y[i] += alpha * ((s[0] + s[1]) + (s[2] + s[3]));
   }
 }
 
@@ -375,10 +471,16 @@ void sgemv_t(int rows, int cols, float alpha, const float* a, int lda, const flo
     for (int c = 0; c < kCols; ++c) y[j + c] += alpha * sums[c];
   }
   for (; j < cols; ++j) {
+    // Four partial sums, so that the adds do not wait on one another.
     const float* col = a + static_cast<long>(j) * lda;
-    Vf acc = {};
-    for (int i = 0; i < body; i += kLanes) acc += Load(col + i) * Load(x + i);
-    float sum = FoldSum(acc);
+    Vf acc[4] = {};
+    int i = 0;
+    for (; i + 4 * kLanes <= body; i += 4 * kLanes) {
+#pragma GCC unroll 4
+      for (int v = 0; v < 4; ++v) acc[v] += Load(col + i + v * kLanes) * Load(x + i + v * kLanes);
+    }
+    for (; i < body; i += kLanes) acc[0] += Load(col + i) * Load(x + i);
+    float sum = FoldSum((acc[0] + acc[1]) + (acc[2] + acc[3]));
     const float* tail = col + body;
     DotTail<1>(rows - body, x + body, &tail, &sum);
     y[j] += alpha * sum;
