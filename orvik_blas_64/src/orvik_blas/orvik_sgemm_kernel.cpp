@@ -206,6 +206,26 @@ inline float FoldSum(Vf v) {
   for (int i = 1; i < kLanes / 4; ++i) s += parts[i];
   return (s[0] + s[1]) + (s[2] + s[3]);
 }
+// Lane c of the result is the sum of the lanes of acc[c], c < 8: eight
+// reductions share their shuffles, halving the vectors at each step.
+typedef float V8 __attribute__((vector_size(32)));
+inline V8 PairSums(V8 a, V8 b) {
+  return __builtin_shufflevector(a, b, 0, 2, 4, 6, 8, 10, 12, 14) +
+         __builtin_shufflevector(a, b, 1, 3, 5, 7, 9, 11, 13, 15);
+}
+inline V8 SumEight(const Vf* acc) {
+  V8 h[8];
+  for (int c = 0; c < 8; ++c) {
+    V8 parts[kLanes / 8];
+    memcpy(parts, &acc[c], sizeof(Vf));
+    h[c] = parts[0];
+    for (int i = 1; i < kLanes / 8; ++i) h[c] += parts[i];
+  }
+  // [a01 a23 a45 a67 b01 ..], then [a0..3 a4..7 b0..3 ..], then [a b c ..].
+  const V8 q0 = PairSums(PairSums(h[0], h[1]), PairSums(h[2], h[3]));
+  const V8 q1 = PairSums(PairSums(h[4], h[5]), PairSums(h[6], h[7]));
+  return PairSums(q0, q1);
+}
 #else
 inline float FoldSum(Vf v) { return HSum(v); }
 #endif
@@ -464,7 +484,13 @@ void sgemv_t(int rows, int cols, float alpha, const float* a, int lda, const flo
       for (int c = 0; c < kCols; ++c) acc[c] += Load(col[c] + i) * xv;
     }
     float sums[kCols];
+#if defined(__AVX512F__) || defined(__AVX2__)
+    static_assert(kCols == 8, "one lane per column");
+    const V8 folded = SumEight(acc);
+    memcpy(sums, &folded, sizeof(sums));
+#else
     for (int c = 0; c < kCols; ++c) sums[c] = FoldSum(acc[c]);
+#endif
     const float* tails[kCols];
     for (int c = 0; c < kCols; ++c) tails[c] = col[c] + body;
     DotTail<kCols>(rows - body, x + body, tails, sums);
