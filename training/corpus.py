@@ -109,11 +109,11 @@ def close_gaps(lab, max_gap):
 
 def colored_noise(rng, n, exponent):
     """Noise with power spectral density 1/f^exponent (0 white, 1 pink, 2 brown)."""
-    spec = np.fft.rfft(rng.standard_normal(n))
+    spectrum = np.fft.rfft(rng.standard_normal(n))
     f = np.fft.rfftfreq(n, 1.0 / RATE)
     f[0] = f[1]
-    spec *= f ** (-exponent / 2.0)
-    y = np.fft.irfft(spec, n)
+    spectrum *= f ** (-exponent / 2.0)
+    y = np.fft.irfft(spectrum, n)
     return y / np.std(y)
 
 
