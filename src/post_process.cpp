@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "src/debuger.h"
+
 namespace Tovad_toolkit {
 
 std::string Post_process::get_config(const ConfigMap& user, std::string key) {
@@ -198,8 +200,11 @@ void Post_process::apply_post_process(const float* prior, const float* energy,
   if (force_cutoff != nullptr) apply_force_cutoff();
 
   if (debuger != nullptr) {
-    // Recording of flags and scores is wired in together with the debug
-    // recorder; until then a non-null recorder is never attached.
+    // A segment that opened in this call reaches back to vad_start: mark
+    // the frames already recorded.
+    if (is_first_vad_frame) debuger->dump_change_vad_status(vad_start, 1);
+    debuger->dump_add_vad_data(vad_label_swap_arry, static_cast<int32_t>(n_batch));
+    debuger->dump_add_prior_data(output_prior, static_cast<int32_t>(n_batch));
   }
 }
 

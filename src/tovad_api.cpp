@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "src/debuger.h"
 #include "src/internal_init_wav.h"
 #include "src/post_process.h"
 #include "src/tovad_api.h"
@@ -41,8 +42,15 @@ void run_frame(Tovad_handle* h, int* vad_start, int* vad_end) {
     frame[j] = static_cast<int16_t>(h->pcm_buff[j] + (internal_init_wav[j] >> 3));
   }
 
+  Debuger* debuger = h->debuger;
+  if (debuger != nullptr) {
+    debuger->dump_add_pcm_data(frame, kFrameSamples);
+    debuger->rt_record_start_time(h->n_batch);
+  }
+
   float posteriors[kMaxClasses];
   h->predictor->predict(frame, posteriors, h->frame_energy);
+  if (debuger != nullptr) debuger->rt_record_predict_time();
   h->post_process->apply_post_process(posteriors, h->frame_energy, vad_start, vad_end);
   h->vad_start = *vad_start;
 
@@ -61,6 +69,12 @@ void run_frame(Tovad_handle* h, int* vad_start, int* vad_end) {
         h->suspected_post_process->reset(false);
       }
     }
+  }
+
+  if (debuger != nullptr) {
+    debuger->rt_record_post_process_time();
+    debuger->rt_record_total_time();
+    debuger->rt_save_debug_info();
   }
 }
 
@@ -107,9 +121,12 @@ void* Tovad_toolkit_init(const char* config_file, const char* config_path) {
   h->pcm_history = new int16_t[static_cast<size_t>(h->n_max_history_frame) * kFrameSamples];
   h->n_curr_history_frame = 0;
 
-  // The debug recorder is not part of this build: use_debug_function is
-  // read (and logged) like every key, and the handle keeps no recorder.
-  config_to_int(get_config(user, h->default_config, "use_debug_function"));
+  // The suspected path is not recorded.
+  if (config_to_int(get_config(user, h->default_config, "use_debug_function")) == 1) {
+    h->debuger = new Debuger(user);
+    h->predictor->attach_debuger(h->debuger);
+    h->post_process->attach_debuger(h->debuger);
+  }
   return h;
 }
 
@@ -128,6 +145,10 @@ int Tovad_toolkit_predict(void* handle, int n_samples, const short* pcm, int* va
 
 int Tovad_toolkit_reset(void* handle, bool full) {
   Tovad_handle* h = as_handle(handle);
+  if (h->debuger != nullptr) {
+    h->debuger->dump_save_debug_info();
+    h->debuger->log_reset();
+  }
   if (full) h->predictor->reset();
   h->post_process->reset(full);
   if (h->suspected_post_process != nullptr) {
@@ -145,6 +166,8 @@ int Tovad_toolkit_reset(void* handle, bool full) {
 int Tovad_toolkit_destory(void* handle) {
   Tovad_handle* h = as_handle(handle);
   delete h->predictor;
+  // Reports what is pending, flushes and closes its files.
+  delete h->debuger;
   delete h->post_process;
   delete h->suspected_post_process;
   delete[] h->frame_energy;

@@ -8,10 +8,9 @@
 
 #include "src/tovad_config.h"
 
-class Debuger;
-
 namespace Tovad_toolkit {
 
+class Debuger;
 class Tovad_predictor;
 class Post_process;
 

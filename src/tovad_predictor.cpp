@@ -8,6 +8,7 @@
 #include <cstring>
 #include <vector>
 
+#include "src/debuger.h"
 #include "src/fbank_feature_exactor.h"
 #include "src/feature_extractor.h"
 #include "src/pcen_feature_extractor.h"
@@ -209,6 +210,7 @@ void Tovad_predictor::predict(const int16_t* pcm, float* prior, float* energy) {
   } else {
     push_int8_frame(frame_feats);
   }
+  if (debuger != nullptr) debuger->rt_record_compute_feats_time();
 
   // A period of 0 (key -1) lets only a counter of 0 through.
   const bool run_net =
@@ -244,6 +246,7 @@ void Tovad_predictor::predict(const int16_t* pcm, float* prior, float* energy) {
     memcpy(prior, last_score, n_classes * sizeof(float));
     ++am_skip_num_counter;
   }
+  if (debuger != nullptr) debuger->softmax_save_debug_info(prior, static_cast<int32_t>(n_classes));
 }
 
 void Tovad_predictor::pre_set_filter(const int16_t* pcm, int32_t n_frames) {

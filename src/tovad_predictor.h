@@ -6,14 +6,13 @@
 
 #include "src/tovad_config.h"
 
-class Debuger;
-
 namespace UniversalPredictor {
 class UniversalPredictorHandle;
 }
 
 namespace Tovad_toolkit {
 
+class Debuger;
 class FeatureExtractor;
 
 // Turns one 160-sample frame into class posteriors: features from the

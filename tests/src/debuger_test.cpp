@@ -1,0 +1,230 @@
+// The debug recorder through the exported interface: the tone model of
+// tests/data/toolkit/gen_toolkit_model.py on synthesised tone bursts, with
+// the logs, the dump and the segment files read back.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tovadmod/tovad_api.h"
+
+namespace {
+
+constexpr int kFrame = 160, kFrames = 480;
+
+// Noise of deviation 30; tone bursts with four harmonics over frames
+// 100-180 and 280-330.
+std::vector<short> MakeAudio() {
+  std::vector<short> pcm(static_cast<size_t>(kFrames) * kFrame);
+  uint64_t state = 7;
+  auto uniform = [&state]() {
+    state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+    return ((state >> 11) + 0.5) / 9007199254740992.0;
+  };
+  for (size_t i = 0; i < pcm.size(); ++i) {
+    const size_t f = i / kFrame;
+    double v = 30.0 * std::sqrt(-2.0 * std::log(uniform())) * std::cos(2 * M_PI * uniform());
+    if ((f >= 100 && f < 180) || (f >= 280 && f < 330)) {
+      const double w = 2 * M_PI * 180.0 * i / 16000.0;
+      v += 3000.0 * (std::sin(w) + 0.6 * std::sin(2 * w) + 0.4 * std::sin(3 * w));
+    }
+    pcm[i] = static_cast<short>(std::lround(v));
+  }
+  return pcm;
+}
+
+// A per-process folder with the model and a conf, removed afterwards.
+struct Folder {
+  explicit Folder(const std::string& name)
+      : dir(testing::TempDir() + "/debuger_" + std::to_string(getpid()) + "_" + name) {
+    const std::string cmd = "rm -rf " + dir + " && mkdir -p " + dir + "/seg && cp " +
+                            TOVAD_TEST_DATA_DIR + "/toolkit/tone_* " + dir;
+    EXPECT_EQ(system(cmd.c_str()), 0);
+  }
+  ~Folder() { EXPECT_EQ(system(("rm -rf " + dir).c_str()), 0); }
+  // Logs other than the standard streams carry the creating thread's id.
+  std::string log(const std::string& name) const {
+    return dir + "/" + name + "-" + std::to_string(getpid());
+  }
+  std::string dir;
+};
+
+// Each flush of the recorder: its frames and the segment reported in them.
+struct Flush {
+  int offset, frames, start = -1, end = -1;
+};
+
+// The caller's loop (reset after each end) with the recorder keys added
+// to the conf; returns the flushes, the last one made by destroy.
+std::vector<Flush> RunHandle(const Folder& f, const std::string& keys, const std::vector<short>& pcm,
+                       bool quiet = true) {
+  std::ofstream(f.dir + "/vad.conf")
+      << "path_to_json=tone_model.json\npath_to_param=tone_model.params\n"
+         "path_to_meanvar=tone_meanvar.txt\nfeature_type=pcen\nn_batch=1\nn_chan=3\n"
+         "n_height=5\nn_width=40\nn_classes=2\ntarget_class=1\nwakeup_threshold=0.5\n"
+         "sil_to_voice_hangover=5\nvoice_to_sil_hangover=30\nextra_leading_sil=10\n"
+         "cutoff_n_frame_max_vad_length=0\nrt_log_path="
+      << f.dir << "/rt.log\nsoftmax_log_path=" << f.dir << "/softmax.log\ndump_file_path="
+      << f.dir << "/dump\nsave_vad_segment_dir=" << f.dir << "/seg\n"
+      << keys;
+  if (quiet) testing::internal::CaptureStderr();
+  void* h = Tovad_toolkit_init("vad.conf", f.dir.c_str());
+  if (quiet) testing::internal::GetCapturedStderr();
+  std::vector<Flush> flushes(1, Flush{0, 0});
+  for (int at = 0; at < kFrames; ++at) {
+    Flush& cur = flushes.back();
+    Tovad_toolkit_predict(h, kFrame, pcm.data() + at * kFrame, &cur.start, &cur.end);
+    cur.frames += 1;
+    if (cur.end >= 0) {
+      Tovad_toolkit_reset(h, false);
+      flushes.push_back(Flush{at + 1, 0});
+    }
+  }
+  Tovad_toolkit_destory(h);
+  return flushes;
+}
+
+std::vector<std::string> Lines(const std::string& path, const std::string& having) {
+  std::ifstream in(path);
+  std::vector<std::string> out;
+  for (std::string line; std::getline(in, line);) {
+    if (line.find(having) != std::string::npos) out.push_back(line);
+  }
+  return out;
+}
+
+std::vector<int16_t> ReadRaw(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::vector<int16_t> out(bytes.size() / 2);
+  memcpy(out.data(), bytes.data(), out.size() * 2);
+  return out;
+}
+
+TEST(DebugerTest, RecordsWhatTheHandleSawAndDecided) {
+  const std::vector<short> pcm = MakeAudio();
+  Folder f("wav");
+  const std::vector<Flush> flushes =
+      RunHandle(f,
+          "use_debug_function=1\nrt_rate_calculation_interval=50\n"
+          "extra_vad_segment_prefix=20\nextra_vad_segment_suffix=15\n",
+          pcm);
+  ASSERT_EQ(flushes.size(), 3u);  // two segments, then the rest
+  ASSERT_EQ(flushes[2].start, -1);
+
+  // Track 1: the input plus one fixed small pattern per frame position.
+  const std::vector<int16_t> dump = ReadRaw(f.log("dump"));
+  ASSERT_EQ(dump.size(), 3u * pcm.size());
+  std::vector<int16_t> seen(pcm.size());
+  for (size_t i = 0; i < pcm.size(); ++i) {
+    seen[i] = dump[3 * i];
+    const int pattern = dump[3 * (i % kFrame)] - pcm[i % kFrame];
+    ASSERT_LE(std::abs(pattern), 14);
+    ASSERT_EQ(seen[i], static_cast<int16_t>(pcm[i] + pattern)) << "sample " << i;
+  }
+
+  // Track 2: the median of 7 of the logged class 1 posteriors (the window
+  // starts as zeros and runs on across the cheap resets).
+  const std::vector<std::string> softmax = Lines(f.log("softmax.log"), "all priors:");
+  ASSERT_EQ(softmax.size(), static_cast<size_t>(kFrames));
+  std::vector<float> window(7, 0.0f);
+  for (int t = 0; t < kFrames; ++t) {
+    float p0, p1;
+    std::istringstream(softmax[t].substr(softmax[t].find("priors:") + 7)) >> p0 >> p1;
+    EXPECT_NE(softmax[t].find(p1 > p0 ? "class is: 1" : "class is: 0"), std::string::npos);
+    window[t % 7] = p1;
+    std::vector<float> sorted = window;
+    std::sort(sorted.begin(), sorted.end());
+    // The log keeps six decimals: up to one step of the truncated track.
+    EXPECT_NEAR(dump[3 * t * kFrame + 1], std::trunc(std::min(sorted[3], 1.0f) * 32767.0), 1.0);
+  }
+
+  // Track 3 flags exactly the reported segment; each segment file holds the
+  // frames from its start less the prefix on, and the next flush's first
+  // frames up to the suffix, but not past the next voice.
+  for (size_t k = 0; k < flushes.size(); ++k) {
+    const Flush& fl = flushes[k];
+    for (int t = 0; t < fl.frames; ++t) {
+      const bool voice = fl.start >= 0 && t >= fl.start && t <= fl.end;
+      EXPECT_EQ(dump[3 * (fl.offset + t) * kFrame + 2], voice ? 30000 : 0) << "frame " << t;
+    }
+    if (fl.start < 0) continue;
+    std::vector<int16_t> want(seen.begin() + (fl.offset + std::max(fl.start - 20, 0)) * kFrame,
+                              seen.begin() + (fl.offset + fl.frames) * kFrame);
+    const Flush& next = flushes[k + 1];
+    if (next.start >= 0) {
+      want.insert(want.end(), seen.begin() + next.offset * kFrame,
+                  seen.begin() + (next.offset + std::min(15, next.start)) * kFrame);
+    }
+    EXPECT_EQ(ReadRaw(f.dir + "/seg/" + std::to_string(k) + ".pcm"), want) << "segment " << k;
+  }
+  EXPECT_FALSE(std::ifstream(f.dir + "/seg/2.pcm").good());
+
+  // A report every 50 frames, none left for destroy; resets are marked.
+  EXPECT_EQ(Lines(f.log("rt.log"), "RT of last 50 frames: compute feats = ").size(), 9u);
+  EXPECT_EQ(Lines(f.log("rt.log"), "realtime cost of last 50 frames").size(), 9u);
+  EXPECT_EQ(Lines(f.log("rt.log"), "]: RESET").size(), 2u);
+  EXPECT_EQ(Lines(f.log("softmax.log"), "]: RESET").size(), 2u);
+}
+
+TEST(DebugerTest, TextDumpAgreesWithTheTrackDump) {
+  const std::vector<short> pcm = MakeAudio();
+  Folder wav("wav_again"), text("text");
+  RunHandle(wav, "use_debug_function=1\n", pcm);
+  RunHandle(text, "use_debug_function=1\ndump_file_type=text\n", pcm);
+  const std::vector<int16_t> dump = ReadRaw(wav.log("dump"));
+  const std::vector<std::string> lines = Lines(text.log("dump"), "]: ");
+  ASSERT_EQ(lines.size(), static_cast<size_t>(kFrames) + 3 + 2);  // 3 flushes, 2 resets
+  int t = 0;
+  for (const std::string& line : lines) {
+    if (line.find(": prior = ") == std::string::npos) continue;
+    float prior;
+    int vad;
+    ASSERT_EQ(sscanf(line.c_str(), "INFO[thread:%*d]: prior = %f vad = %d", &prior, &vad), 2);
+    EXPECT_NEAR(std::trunc(prior * 32767.0), dump[3 * t * kFrame + 1], 1.0) << "frame " << t;
+    EXPECT_EQ(vad * 30000, dump[3 * t * kFrame + 2]) << "frame " << t;
+    ++t;
+  }
+  EXPECT_EQ(t, kFrames);
+}
+
+// Off (anything but exactly 1) the recorder leaves no trace; on, with
+// paths that can't be opened, it is silent.  Decisions never change.
+TEST(DebugerTest, OffOrUnwritableLeavesNoFilesAndTheSameSegments) {
+  const std::vector<short> pcm = MakeAudio();
+  Folder on("on");
+  const std::vector<Flush> want = RunHandle(on, "use_debug_function=1\n", pcm);
+  for (const char* keys : {"use_debug_function=0\n", "use_debug_function=2\n",
+                           "use_debug_function=1\nrt_log_path=/nowhere/rt.log\n"
+                           "softmax_log_path=/nowhere/s\ndump_file_path=/nowhere/d\n"
+                           "save_vad_segment_dir=/nowhere\n"}) {
+    Folder f("off");
+    const std::vector<Flush> got = RunHandle(f, keys, pcm);
+    ASSERT_EQ(got.size(), want.size()) << keys;
+    for (size_t k = 0; k < got.size(); ++k) {
+      EXPECT_EQ(got[k].start, want[k].start) << keys;
+      EXPECT_EQ(got[k].end, want[k].end) << keys;
+    }
+    EXPECT_EQ(system(("test -z \"$(ls " + f.dir + "/seg; ls " + f.dir + " | grep -v '^tone_' | " +
+                      "grep -v -x -e vad.conf -e seg)\"").c_str()),
+              0)
+        << keys;
+  }
+}
+
+TEST(DebugerDeathTest, UnknownDumpTypeAborts) {
+  Folder f("bad_type");
+  EXPECT_DEATH(RunHandle(f, "use_debug_function=1\ndump_file_type=mp3\n", {}, false),
+               "src/debuger:[0-9]+ : ERROR: dump_file_type must be one of 'wav' and 'text'");
+}
+
+}  // namespace
