@@ -157,8 +157,7 @@ void Debuger::rt_save_debug_info() {
     fprintf(rt_out,
             "INFO[%s%09ld thread:%d]: realtime cost of last %d frames: compute feats = %.6f; "
             "predict = %.6f; post_process = %.6f; total = %.6f\n",
-            s.local, s.nsec, s.pid, n_frame,
-            static_cast<float>(nsec_compute_feats_realtime) / 1e9f,
+            s.local, s.nsec, s.pid, n_frame, static_cast<float>(nsec_compute_feats_realtime) / 1e9f,
             static_cast<float>(nsec_predict_realtime - nsec_compute_feats_realtime) / 1e9f,
             static_cast<float>(nsec_post_process_realtime - nsec_predict_realtime) / 1e9f,
             static_cast<float>(nsec_total_realtime) / 1e9f);
@@ -278,8 +277,9 @@ void Debuger::softmax_save_debug_info(const float* prior, int32_t n_classes) {
     }
   }
   const LogStamp s = log_stamp();
-  fprintf(softmax_out, "INFO[%s%09ld thread:%d]: class is: %d at prior = %.6f, all priors:", s.local,
-          s.nsec, s.pid, best, best_prior);
+  fprintf(softmax_out,
+          "INFO[%s%09ld thread:%d]: class is: %d at prior = %.6f, all priors:", s.local, s.nsec,
+          s.pid, best, best_prior);
   for (int32_t k = 0; k < n_classes; ++k) fprintf(softmax_out, " %.6f", prior[k]);
   fputc('\n', softmax_out);
 }

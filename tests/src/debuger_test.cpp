@@ -65,16 +65,16 @@ struct Flush {
 
 // The caller's loop (reset after each end) with the recorder keys added
 // to the conf; returns the flushes, the last one made by destroy.
-std::vector<Flush> RunHandle(const Folder& f, const std::string& keys, const std::vector<short>& pcm,
-                       bool quiet = true) {
+std::vector<Flush> RunHandle(const Folder& f, const std::string& keys,
+                             const std::vector<short>& pcm, bool quiet = true) {
   std::ofstream(f.dir + "/vad.conf")
       << "path_to_json=tone_model.json\npath_to_param=tone_model.params\n"
          "path_to_meanvar=tone_meanvar.txt\nfeature_type=pcen\nn_batch=1\nn_chan=3\n"
          "n_height=5\nn_width=40\nn_classes=2\ntarget_class=1\nwakeup_threshold=0.5\n"
          "sil_to_voice_hangover=5\nvoice_to_sil_hangover=30\nextra_leading_sil=10\n"
          "cutoff_n_frame_max_vad_length=0\nrt_log_path="
-      << f.dir << "/rt.log\nsoftmax_log_path=" << f.dir << "/softmax.log\ndump_file_path="
-      << f.dir << "/dump\nsave_vad_segment_dir=" << f.dir << "/seg\n"
+      << f.dir << "/rt.log\nsoftmax_log_path=" << f.dir << "/softmax.log\ndump_file_path=" << f.dir
+      << "/dump\nsave_vad_segment_dir=" << f.dir << "/seg\n"
       << keys;
   if (quiet) testing::internal::CaptureStderr();
   void* h = Tovad_toolkit_init("vad.conf", f.dir.c_str());
@@ -115,15 +115,18 @@ TEST(DebugerTest, RecordsWhatTheHandleSawAndDecided) {
   Folder f("wav");
   const std::vector<Flush> flushes =
       RunHandle(f,
-          "use_debug_function=1\nrt_rate_calculation_interval=50\n"
-          "extra_vad_segment_prefix=20\nextra_vad_segment_suffix=15\n",
-          pcm);
+                "use_debug_function=1\nrt_rate_calculation_interval=50\n"
+                "extra_vad_segment_prefix=20\nextra_vad_segment_suffix=15\n",
+                pcm);
   ASSERT_EQ(flushes.size(), 3u);  // two segments, then the rest
   ASSERT_EQ(flushes[2].start, -1);
 
-  // Track 1: the input plus one fixed small pattern per frame position.
+  // Track 1: the input plus one fixed small pattern per frame position,
+  // the noise table's values shifted down by 3.
   const std::vector<int16_t> dump = ReadRaw(f.log("dump"));
   ASSERT_EQ(dump.size(), 3u * pcm.size());
+  const int table[] = {-18, -18, 0, 34, 51, 60, 25, 43};
+  for (int j = 0; j < 8; ++j) EXPECT_EQ(dump[3 * j] - pcm[j], table[j] >> 3) << "sample " << j;
   std::vector<int16_t> seen(pcm.size());
   for (size_t i = 0; i < pcm.size(); ++i) {
     seen[i] = dump[3 * i];
@@ -215,7 +218,8 @@ TEST(DebugerTest, OffOrUnwritableLeavesNoFilesAndTheSameSegments) {
       EXPECT_EQ(got[k].end, want[k].end) << keys;
     }
     EXPECT_EQ(system(("test -z \"$(ls " + f.dir + "/seg; ls " + f.dir + " | grep -v '^tone_' | " +
-                      "grep -v -x -e vad.conf -e seg)\"").c_str()),
+                      "grep -v -x -e vad.conf -e seg)\"")
+                         .c_str()),
               0)
         << keys;
   }
