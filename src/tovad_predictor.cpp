@@ -12,6 +12,7 @@
 #include "src/fbank_feature_exactor.h"
 #include "src/feature_extractor.h"
 #include "src/pcen_feature_extractor.h"
+#include "src/tovad_feature_extractor.h"
 #include "universal_predictor/include/universal_predictor.h"
 
 namespace Tovad_toolkit {
@@ -163,10 +164,17 @@ void Tovad_predictor::init_feature_extractor(const ConfigMap& config) {
     feature_extractor = new PcenFeatureExtractor(n_width, table);
   } else if (feature_type == "fbank") {
     feature_extractor = new FbankFeatureExtractor(n_width, table);
+  } else if (feature_type == "vad") {
+    const int capacity = static_cast<int>(dynamic_mean_capacity);
+    const float* mfcc_mean = nullptr;
+    // The seeding key matters only with a running mean, and is read only then.
+    if (capacity != 0 && config_to_int(get_config(config, "init_mfcc_mean_by_meanvar")) != 0) {
+      mfcc_mean = table;
+    }
+    feature_extractor =
+        new Tovad_feature_extractor(table, static_cast<int>(block), capacity, mfcc_mean);
   } else {
-    // "vad" needs the composite extractor, which this build does not have
-    // yet; like an unknown type it ends here without a message.
-    abort();
+    abort();  // an unknown type ends here without a message
   }
   delete[] table;
 }
