@@ -269,7 +269,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const testing::TestParamInfo<InputCase>& info) { return info.param.name; });
 
 TEST_F(TovadCliTest, QuietSilencesTheLibraryStartUp) {
-  ToolRun loud = RunTool({"--conf", conf_, wav_});
+  ToolRun loud = RunTool({"--conf", conf_, "-v", wav_});
   EXPECT_NE(loud.err.find("INFO: fake toolkit starting"), std::string::npos) << loud.err;
   ToolRun quiet = RunTool({"--conf", conf_, "--quiet", wav_});
   EXPECT_EQ(quiet.code, 0);

@@ -3,12 +3,16 @@
 #include <sndfile.h>
 #include <soxr.h>
 
+#include <unistd.h>
+
 #include <cmath>
 
 namespace tovad_cli {
 namespace {
 
 constexpr sf_count_t kChunkFrames = 8192;
+// 50 ms at 16 kHz: a pipe read waits for a whole block.
+constexpr sf_count_t kLiveChunkFrames = 800;
 
 SNDFILE* AsFile(void* p) { return static_cast<SNDFILE*>(p); }
 soxr_t AsSoxr(void* p) { return static_cast<soxr_t>(p); }
@@ -35,33 +39,59 @@ void AudioReader::Close() {
 bool AudioReader::Open(const std::string& path, std::string* error) {
   Close();
   path_ = path;
-  frames_read_ = 0;
-  input_done_ = false;
-  flushed_ = false;
   SF_INFO sfi = {};
   SNDFILE* f = sf_open(path.c_str(), SFM_READ, &sfi);
   if (f == nullptr) {
     *error = "cannot read '" + path + "': " + sf_strerror(nullptr);
     return false;
   }
-  file_ = f;
-  if (sfi.channels < 1 || sfi.samplerate < 1) {
-    *error = "cannot read '" + path + "': no audio channels or no sample rate";
+  chunk_frames_ = kChunkFrames;
+  return Attach(f, sfi.samplerate, sfi.channels, sfi.frames, error);
+}
+
+bool AudioReader::OpenStdin(const RawFormat* raw, std::string* error) {
+  Close();
+  path_ = "-";
+  SF_INFO sfi = {};
+  if (raw != nullptr) {
+    sfi.format = SF_FORMAT_RAW | SF_FORMAT_PCM_16 | SF_ENDIAN_LITTLE;
+    sfi.samplerate = raw->sample_rate;
+    sfi.channels = raw->channels;
+  }
+  SNDFILE* f = sf_open_fd(STDIN_FILENO, SFM_READ, &sfi, SF_FALSE);
+  if (f == nullptr) {
+    *error = std::string("cannot read standard input: ") + sf_strerror(nullptr) +
+             (raw == nullptr ? " (for headerless PCM give --raw-input)" : "");
+    return false;
+  }
+  chunk_frames_ = kLiveChunkFrames;
+  // A stream's header cannot know its length.
+  return Attach(f, sfi.samplerate, sfi.channels, 0, error);
+}
+
+bool AudioReader::Attach(void* file, int sample_rate, int channels, int64_t frames,
+                         std::string* error) {
+  file_ = file;
+  frames_read_ = 0;
+  input_done_ = false;
+  flushed_ = false;
+  if (channels < 1 || sample_rate < 1) {
+    *error = "cannot read '" + path_ + "': no audio channels or no sample rate";
     Close();
     return false;
   }
-  info_.sample_rate = sfi.samplerate;
-  info_.channels = sfi.channels;
-  info_.frames = sfi.frames > 0 ? sfi.frames : 0;
-  if (sfi.samplerate != kTargetRate) {
+  info_.sample_rate = sample_rate;
+  info_.channels = channels;
+  info_.frames = frames > 0 ? frames : 0;
+  if (sample_rate != kTargetRate) {
     soxr_error_t err = nullptr;
     const soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, SOXR_FLOAT32_I);
     const soxr_quality_spec_t q = soxr_quality_spec(SOXR_HQ, 0);
     // One thread: the tool runs beside other work and the resampler is cheap.
     const soxr_runtime_spec_t rt = soxr_runtime_spec(1);
-    soxr_t s = soxr_create(sfi.samplerate, kTargetRate, 1, &err, &io, &q, &rt);
+    soxr_t s = soxr_create(sample_rate, kTargetRate, 1, &err, &io, &q, &rt);
     if (s == nullptr || err != nullptr) {
-      *error = "cannot resample '" + path + "' from " + std::to_string(sfi.samplerate) +
+      *error = "cannot resample '" + path_ + "' from " + std::to_string(sample_rate) +
                " Hz: " + (err != nullptr ? err : "resampler failed");
       Close();
       return false;
@@ -104,9 +134,9 @@ bool AudioReader::Read(std::vector<int16_t>* out, std::string* error) {
       return true;
     }
     const int ch = info_.channels;
-    interleaved_.resize(static_cast<size_t>(kChunkFrames) * ch);
-    const sf_count_t got = sf_readf_float(AsFile(file_), interleaved_.data(), kChunkFrames);
-    if (got < kChunkFrames) {
+    interleaved_.resize(static_cast<size_t>(chunk_frames_) * ch);
+    const sf_count_t got = sf_readf_float(AsFile(file_), interleaved_.data(), chunk_frames_);
+    if (got < chunk_frames_) {
       input_done_ = true;
       if (sf_error(AsFile(file_)) != SF_ERR_NO_ERROR) {
         *error = "cannot decode '" + path_ + "': " + sf_strerror(AsFile(file_));

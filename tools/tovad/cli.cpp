@@ -6,17 +6,25 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <functional>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tools/tovad/audio_reader.h"
 #include "tools/tovad/model_conf.h"
 #include "tools/tovad/output.h"
 #include "tools/tovad/segmenter.h"
+#include "tools/tovad/startup_log.h"
 #include "tovadmod/tovad_api.h"
 
 #ifndef TOVAD_VERSION
@@ -30,6 +38,8 @@ constexpr const char* kUsage =
     "Usage: tovad [OPTIONS] FILE...\n"
     "Finds the voice segments of audio files (WAV, FLAC, OGG; any rate and\n"
     "channel count) and prints one line per segment: start and end in seconds.\n"
+    "FILE '-' reads standard input (a WAV stream, or headerless PCM with\n"
+    "--raw-input) and prints each segment as soon as it closes.\n"
     "\n"
     "Options:\n"
     "  -c, --conf FILE            model conf to use (default: the bundled model)\n"
@@ -37,64 +47,17 @@ constexpr const char* kUsage =
     "  -w, --write-segments DIR   write each segment as a 16 kHz WAV into DIR\n"
     "      --raw                  print the library's own positions (with its\n"
     "                             leading silence and hangover tail)\n"
-    "  -q, --quiet                silence the library's start-up lines\n"
+    "  -j, --jobs N               run N files at a time (output stays in order)\n"
+    "      --raw-input            standard input is 16-bit little-endian PCM\n"
+    "      --rate HZ              its sample rate (default 16000)\n"
+    "      --channels N           its channel count (default 1)\n"
+    "  -v, --verbose              show the library's start-up lines\n"
+    "  -q, --quiet                keep them hidden (the default)\n"
     "  -h, --help                 show this help\n"
     "  -V, --version              show the version\n"
     "\n"
     "Exit status: 0 on success, 2 on bad usage, unreadable input or a missing\n"
     "or broken model.\n";
-
-// Progress bar on stderr, only when it is a terminal and the input is long.
-class Progress {
- public:
-  Progress(const std::string& name, double seconds)
-      : name_(name), on_(isatty(STDERR_FILENO) == 1 && seconds >= 30.0) {}
-  ~Progress() {
-    if (on_ && shown_ >= 0) std::fprintf(stderr, "\r\033[K");
-  }
-  void Update(double fraction) {
-    if (!on_) return;
-    const int pct = static_cast<int>(fraction * 100.0);
-    if (pct == shown_) return;
-    shown_ = pct;
-    constexpr int kWidth = 30;
-    const int fill = pct * kWidth / 100;
-    std::fprintf(stderr, "\r[%s%s] %3d%% %s", std::string(fill, '#').c_str(),
-                 std::string(kWidth - fill, '.').c_str(), pct, name_.c_str());
-    std::fflush(stderr);
-  }
-
- private:
-  std::string name_;
-  bool on_;
-  int shown_ = -1;
-};
-
-// Sends fd 2 to /dev/null for as long as it lives, when asked to.
-class StderrSilencer {
- public:
-  explicit StderrSilencer(bool on) {
-    if (!on) return;
-    std::fflush(stderr);
-    saved_ = dup(STDERR_FILENO);
-    const int null_fd = open("/dev/null", O_WRONLY);
-    if (saved_ < 0 || null_fd < 0) {
-      if (null_fd >= 0) close(null_fd);
-      return;
-    }
-    dup2(null_fd, STDERR_FILENO);
-    close(null_fd);
-  }
-  ~StderrSilencer() {
-    if (saved_ < 0) return;
-    std::fflush(stderr);
-    dup2(saved_, STDERR_FILENO);
-    close(saved_);
-  }
-
- private:
-  int saved_ = -1;
-};
 
 int Fail(const std::string& msg) {
   std::fprintf(stderr, "tovad: %s\n", msg.c_str());
@@ -105,26 +68,43 @@ struct Options {
   std::string conf;
   Format format = Format::kDefault;
   std::string segment_dir;
-  bool quiet = false;
+  bool verbose = false;
   bool raw = false;
+  int jobs = 1;
+  bool raw_input = false;
+  RawFormat raw_format;
   std::vector<std::string> files;
 };
 
+bool ParseCount(const char* text, int lo, int hi, int* out) {
+  char* end = nullptr;
+  errno = 0;
+  const long v = std::strtol(text, &end, 10);
+  if (errno != 0 || end == text || *end != '\0' || v < lo || v > hi) return false;
+  *out = static_cast<int>(v);
+  return true;
+}
+
 // Returns -1 to go on, or the exit code.
 int ParseArgs(int argc, char** argv, Options* o) {
-  enum { kRawOpt = 1000 };
+  enum { kRawOpt = 1000, kRawInputOpt, kRateOpt, kChannelsOpt };
   static const option kLong[] = {{"conf", required_argument, nullptr, 'c'},
                                  {"format", required_argument, nullptr, 'f'},
                                  {"write-segments", required_argument, nullptr, 'w'},
                                  {"raw", no_argument, nullptr, kRawOpt},
                                  {"quiet", no_argument, nullptr, 'q'},
+                                 {"verbose", no_argument, nullptr, 'v'},
+                                 {"jobs", required_argument, nullptr, 'j'},
+                                 {"raw-input", no_argument, nullptr, kRawInputOpt},
+                                 {"rate", required_argument, nullptr, kRateOpt},
+                                 {"channels", required_argument, nullptr, kChannelsOpt},
                                  {"help", no_argument, nullptr, 'h'},
                                  {"version", no_argument, nullptr, 'V'},
                                  {nullptr, 0, nullptr, 0}};
   optind = 0;  // getopt state is global; start afresh on every run
   opterr = 0;
   int c;
-  while ((c = getopt_long(argc, argv, ":c:f:w:qhV", kLong, nullptr)) != -1) {
+  while ((c = getopt_long(argc, argv, ":c:f:w:qvj:hV", kLong, nullptr)) != -1) {
     switch (c) {
       case 'c':
         o->conf = optarg;
@@ -141,7 +121,25 @@ int ParseArgs(int argc, char** argv, Options* o) {
         o->raw = true;
         break;
       case 'q':
-        o->quiet = true;
+        o->verbose = false;
+        break;
+      case 'v':
+        o->verbose = true;
+        break;
+      case 'j':
+        if (!ParseCount(optarg, 1, 256, &o->jobs))
+          return Fail(std::string("bad job count '") + optarg + "' (1 to 256)");
+        break;
+      case kRawInputOpt:
+        o->raw_input = true;
+        break;
+      case kRateOpt:
+        if (!ParseCount(optarg, 1000, 768000, &o->raw_format.sample_rate))
+          return Fail(std::string("bad rate '") + optarg + "' (1000 to 768000 Hz)");
+        break;
+      case kChannelsOpt:
+        if (!ParseCount(optarg, 1, 64, &o->raw_format.channels))
+          return Fail(std::string("bad channel count '") + optarg + "' (1 to 64)");
         break;
       case 'h':
         std::fputs(kUsage, stdout);
@@ -157,6 +155,11 @@ int ParseArgs(int argc, char** argv, Options* o) {
   }
   for (int i = optind; i < argc; ++i) o->files.push_back(argv[i]);
   if (o->files.empty()) return Fail("no input file; see tovad --help");
+  int stdin_count = 0;
+  for (const std::string& f : o->files) stdin_count += f == "-" ? 1 : 0;
+  if (stdin_count > 1) return Fail("standard input ('-') can be read only once");
+  if (o->raw_input && stdin_count == 0)
+    return Fail("--raw-input applies to standard input; name it as '-'");
   return -1;
 }
 
@@ -207,6 +210,179 @@ bool WriteWav(const std::string& path, const int16_t* pcm, size_t n, std::string
   return true;
 }
 
+// The progress line on stderr: files done, audio done and speed against
+// real time.  Shown only on a terminal, redrawn at most ten times a second,
+// wiped before anything goes to stdout so the two never share a line.
+class Progress {
+ public:
+  Progress(size_t files, bool on) : files_(files), on_(on), begin_(Clock::now()) {}
+  ~Progress() { Wipe(); }
+
+  void AddSamples(size_t n) {
+    std::lock_guard<std::mutex> lock(mu_);
+    samples_ += static_cast<int64_t>(n);
+    Draw(false);
+  }
+  void FileDone() {
+    std::lock_guard<std::mutex> lock(mu_);
+    ++done_;
+    Draw(true);
+  }
+  // Text to stdout, flushed at once: a reader of a pipe sees each segment
+  // as it closes.
+  void Print(const std::string& text) {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (text.empty()) return;
+    WipeLocked();
+    std::fputs(text.c_str(), stdout);
+    std::fflush(stdout);
+    Draw(true);
+  }
+  void Error(const std::string& msg) {
+    std::lock_guard<std::mutex> lock(mu_);
+    WipeLocked();
+    Fail(msg);
+    Draw(true);
+  }
+  void Wipe() {
+    std::lock_guard<std::mutex> lock(mu_);
+    WipeLocked();
+  }
+  // Runs `f` while no output of ours can start: the library's start-up
+  // log is held back by redirecting fd 2 for the whole process.
+  template <typename F>
+  void Exclusive(F f) {
+    std::lock_guard<std::mutex> lock(mu_);
+    WipeLocked();
+    f();
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void WipeLocked() {
+    if (!shown_) return;
+    std::fputs("\r\033[K", stderr);
+    std::fflush(stderr);
+    shown_ = false;
+  }
+  void Draw(bool force) {
+    if (!on_) return;
+    const Clock::time_point now = Clock::now();
+    if (!force && now - last_ < std::chrono::milliseconds(100)) return;
+    last_ = now;
+    const double audio = static_cast<double>(samples_) / kTargetRate;
+    const double wall = std::chrono::duration<double>(now - begin_).count();
+    std::fprintf(stderr, "\r\033[K%zu/%zu files, %.1f s of audio, %.1fx real time", done_, files_,
+                 audio, wall > 0.0 ? audio / wall : 0.0);
+    std::fflush(stderr);
+    shown_ = true;
+  }
+
+  std::mutex mu_;
+  size_t files_;
+  bool on_;
+  Clock::time_point begin_;
+  Clock::time_point last_{};
+  size_t done_ = 0;
+  int64_t samples_ = 0;
+  bool shown_ = false;
+};
+
+struct FileRun {
+  FileResult result;
+  std::string error;  // one line, empty on success
+};
+
+// Starts and ends the toolkit handles of a run.  Each file gets a fresh
+// one: a reset keeps some state of the last file, and output must not
+// depend on which file ran before on the same thread.
+class Handles {
+ public:
+  Handles(const ModelConf& model, bool verbose, Progress* progress)
+      : model_(model),
+        verbose_(verbose),
+        progress_(progress),
+        abort_line_("tovad: the library could not start with '" + model.conf_path +
+                    "' (its report is above)\n") {}
+
+  void* Start() {
+    void* handle = nullptr;
+    progress_->Exclusive([&] {
+      StartupLog log(abort_line_.c_str(), kExitInputError);
+      handle = Tovad_toolkit_init(model_.init_file.c_str(),
+                                  model_.init_dir.empty() ? nullptr : model_.init_dir.c_str());
+      log.Release(verbose_);
+    });
+    return handle;
+  }
+  void End(void* handle) {
+    progress_->Exclusive([&] {
+      StartupLog log(abort_line_.c_str(), kExitInputError);
+      Tovad_toolkit_destory(handle);
+      log.Release(verbose_);
+    });
+  }
+
+ private:
+  const ModelConf& model_;
+  bool verbose_;
+  Progress* progress_;
+  std::string abort_line_;  // outlives every StartupLog that points at it
+};
+
+// Runs one file (or standard input) through a fresh handle.  `emit`, when set,
+// receives the result each time new segments have closed, with the index
+// of the first new one.
+void RunFile(Handles* handles, const Options& o, const ModelConf& model, const std::string& path,
+             Progress* progress, const std::function<void(const FileResult&, size_t)>& emit,
+             FileRun* run) {
+  FileResult& r = run->result;
+  r.path = path;
+  AudioReader reader;
+  const bool ok = path == "-" ? reader.OpenStdin(o.raw_input ? &o.raw_format : nullptr, &run->error)
+                             : reader.Open(path, &run->error);
+  if (!ok) return;
+  r.info = reader.info();
+  size_t n_written = 0;
+  std::string write_error;
+  Segmenter::AudioSink sink;
+  if (!o.segment_dir.empty()) {
+    sink = [&](const Segment&, const int16_t* pcm, size_t n) {
+      char name[32];
+      std::snprintf(name, sizeof(name), "_%03zu.wav", ++n_written);
+      if (write_error.empty())
+        WriteWav(o.segment_dir + "/" + FileStem(path) + name, pcm, n, &write_error);
+    };
+  }
+  void* handle = handles->Start();
+  Segmenter seg(handle, model.score_delay_frames, sink);
+  seg.Start();
+  size_t emitted = 0;
+  auto emit_new = [&] {
+    if (!emit || seg.segments().size() == emitted) return;
+    r.segments = seg.segments();
+    emit(r, emitted);
+    emitted = r.segments.size();
+  };
+  std::vector<int16_t> block;
+  while (reader.Read(&block, &run->error)) {
+    seg.Feed(block.data(), block.size());
+    progress->AddSamples(block.size());
+    emit_new();
+  }
+  if (!run->error.empty()) {
+    handles->End(handle);
+    return;
+  }
+  seg.Finish();
+  r.duration = static_cast<double>(seg.samples_fed()) / kTargetRate;
+  r.segments = seg.segments();
+  emit_new();
+  handles->End(handle);
+  run->error = write_error;
+}
+
 }  // namespace
 
 int RunTovad(int argc, char** argv) {
@@ -217,6 +393,7 @@ int RunTovad(int argc, char** argv) {
   // Everything the library would abort on is checked before it is asked.
   std::string error;
   for (const std::string& f : o.files) {
+    if (f == "-") continue;  // a stream can be opened only once
     AudioReader probe;
     if (!probe.Open(f, &error)) return Fail(error);
   }
@@ -224,67 +401,78 @@ int RunTovad(int argc, char** argv) {
   if (!FindModel(o, &model, &error)) return Fail(error);
   if (!o.segment_dir.empty() && !PrepareSegmentDir(o.segment_dir, &error)) return Fail(error);
 
-  void* handle;
-  {
-    StderrSilencer quiet(o.quiet);
-    handle = Tovad_toolkit_init(model.init_file.c_str(),
-                                model.init_dir.empty() ? nullptr : model.init_dir.c_str());
-  }
-
+  bool reads_stdin = false;
+  for (const std::string& f : o.files) reads_stdin = reads_stdin || f == "-";
+  Progress progress(o.files.size(), isatty(STDERR_FILENO) == 1 && !reads_stdin);
+  Handles handles(model, o.verbose, &progress);
+  const size_t n_files = o.files.size();
+  const size_t n_workers = std::min<size_t>(static_cast<size_t>(o.jobs), n_files);
+  const bool with_name = n_files > 1;
+  const bool json = o.format == Format::kJson;
   int status = kExitOk;
-  std::vector<FileResult> results;
-  std::vector<int16_t> block;
-  for (const std::string& path : o.files) {
-    FileResult r;
-    r.path = path;
-    AudioReader reader;
-    if (!reader.Open(path, &error)) {
-      status = Fail(error);
-      continue;
-    }
-    r.info = reader.info();
-    size_t n_written = 0;
-    std::string write_error;
-    Segmenter::AudioSink sink;
-    if (!o.segment_dir.empty()) {
-      sink = [&](const Segment&, const int16_t* pcm, size_t n) {
-        char name[32];
-        std::snprintf(name, sizeof(name), "_%03zu.wav", ++n_written);
-        if (write_error.empty())
-          WriteWav(o.segment_dir + "/" + FileStem(path) + name, pcm, n, &write_error);
+  std::vector<FileRun> runs(n_files);
+
+  if (n_workers == 1) {
+    // Segments go out as they close, so a live stream is heard live.
+    std::function<void(const FileResult&, size_t)> emit;
+    if (!json) {
+      emit = [&](const FileResult& r, size_t from) {
+        FileResult part = r;
+        part.segments.erase(part.segments.begin(),
+                            part.segments.begin() + static_cast<std::ptrdiff_t>(from));
+        progress.Print(FormatLines(o.format, part, with_name, o.raw));
       };
     }
-    Segmenter seg(handle, model.score_delay_frames, sink);
-    seg.Start();
-    {
-      Progress bar(path, static_cast<double>(r.info.frames) / r.info.sample_rate);
-      while (reader.Read(&block, &error)) {
-        seg.Feed(block.data(), block.size());
-        bar.Update(reader.Progress());
+    for (size_t i = 0; i < n_files; ++i) {
+      RunFile(&handles, o, model, o.files[i], &progress, emit, &runs[i]);
+      progress.FileDone();
+      if (!runs[i].error.empty()) {
+        progress.Error(runs[i].error);
+        status = kExitInputError;
       }
     }
-    if (!error.empty()) {
-      status = Fail(error);
-      error.clear();
-      continue;
+  } else {
+    // Workers take files in turn; the main thread prints them in argument
+    // order as soon as each one and all before it are done.
+    std::vector<char> done(n_files, 0);
+    std::mutex mu;
+    std::condition_variable cv;
+    std::atomic<size_t> next{0};
+    std::vector<std::thread> workers;
+    for (size_t w = 0; w < n_workers; ++w) {
+      workers.emplace_back([&] {
+        for (size_t i; (i = next++) < n_files;) {
+          RunFile(&handles, o, model, o.files[i], &progress, nullptr, &runs[i]);
+          progress.FileDone();
+          std::lock_guard<std::mutex> lock(mu);
+          done[i] = 1;
+          cv.notify_all();
+        }
+      });
     }
-    seg.Finish();
-    if (!write_error.empty()) status = Fail(write_error);
-    r.duration = static_cast<double>(seg.samples_fed()) / kTargetRate;
-    r.segments = seg.segments();
-    if (o.format != Format::kJson) {
-      std::fputs(FormatLines(o.format, r, o.files.size() > 1, o.raw).c_str(), stdout);
-      std::fflush(stdout);
+    for (size_t i = 0; i < n_files; ++i) {
+      {
+        std::unique_lock<std::mutex> lock(mu);
+        cv.wait(lock, [&] { return done[i] != 0; });
+      }
+      if (!runs[i].error.empty()) {
+        progress.Error(runs[i].error);
+        status = kExitInputError;
+      } else if (!json) {
+        progress.Print(FormatLines(o.format, runs[i].result, with_name, o.raw));
+      }
     }
-    results.push_back(std::move(r));
+    for (std::thread& t : workers) t.join();
   }
-  if (o.format == Format::kJson) std::fputs(FormatJson(results, o.raw).c_str(), stdout);
-  std::fflush(stdout);
+  progress.Wipe();
 
-  {
-    StderrSilencer quiet(o.quiet);
-    Tovad_toolkit_destory(handle);
+  if (json) {
+    std::vector<FileResult> results;
+    for (FileRun& run : runs)
+      if (run.error.empty()) results.push_back(std::move(run.result));
+    progress.Print(FormatJson(results, o.raw));
   }
+
   return status;
 }
 

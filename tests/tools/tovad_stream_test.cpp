@@ -1,0 +1,232 @@
+// The tovad program as a user drives it: quiet by default, standard input
+// (whole and live), several files on several threads.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sndfile.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "tests/tools/program_runner.h"
+#include "tests/tools/test_audio.h"
+
+namespace {
+
+using tovad_test::ExpectOneLineError;
+using tovad_test::ReadText;
+using tovad_test::RunProgram;
+using tovad_test::ToolRun;
+
+const std::string kSample = std::string(TOVAD_TEST_DATA_DIR) + "/tovad_sample.wav";
+const std::string kConf = std::string(TOVAD_MODEL_DIR) + "/tovad.conf";
+
+// Runs `tovad ARGS < input` through the shell.
+ToolRun RunWithInput(const std::string& args, const std::string& input) {
+  const std::string base = testing::TempDir() + "/tovad_stream_" + std::to_string(getpid());
+  const std::string cmd = std::string("'") + TOVAD_PROGRAM + "' " + args + " <'" + input +
+                          "' >'" + base + "_out' 2>'" + base + "_err'";
+  const int status = std::system(cmd.c_str());
+  ToolRun r;
+  if (WIFEXITED(status)) r.code = WEXITSTATUS(status);
+  r.out = ReadText(base + "_out");
+  r.err = ReadText(base + "_err");
+  return r;
+}
+
+void WriteRaw(const std::string& path, const std::vector<int16_t>& pcm) {
+  std::ofstream out(path, std::ios::binary);
+  for (int16_t s : pcm) {  // little-endian whatever the host
+    const char b[2] = {static_cast<char>(s & 0xff), static_cast<char>((s >> 8) & 0xff)};
+    out.write(b, 2);
+  }
+}
+
+std::vector<int16_t> Sample() {
+  int rate = 0, channels = 0;
+  std::vector<int16_t> pcm;
+  EXPECT_TRUE(tovad_test::ReadAudio(kSample, &rate, &channels, &pcm));
+  EXPECT_EQ(rate, 16000);
+  EXPECT_EQ(channels, 1);
+  return pcm;
+}
+
+TEST(TovadStreamTest, LibraryStartUpShowsOnlyWhenVerbose) {
+  ToolRun quiet = RunProgram({"--conf", kConf, kSample});
+  ASSERT_EQ(quiet.code, 0) << quiet.err;
+  EXPECT_EQ(quiet.err, "");
+  EXPECT_NE(quiet.out, "");
+  ToolRun loud = RunProgram({"-v", "--conf", kConf, kSample});
+  ASSERT_EQ(loud.code, 0);
+  EXPECT_NE(loud.err.find("INFO"), std::string::npos) << loud.err;
+  EXPECT_EQ(loud.out, quiet.out);
+}
+
+TEST(TovadStreamTest, LibraryAbortAtStartUpShowsItsReportAndOneLineOfOurs) {
+  const std::string dir = tovad_test::FreshDir("abort");
+  for (const char* name : {"tovad.conf", "tovad.params", "tovad.meanvar"}) {
+    std::ofstream(dir + "/" + name, std::ios::binary)
+        << ReadText(std::string(TOVAD_MODEL_DIR) + "/" + name);
+  }
+  std::ofstream(dir + "/tovad.json") << "{\"nodes\": [";  // the tool does not parse the graph
+  ToolRun r = RunProgram({"--conf", dir + "/tovad.conf", kSample});
+  EXPECT_EQ(r.code, 2);
+  EXPECT_EQ(r.out, "");
+  EXPECT_NE(r.err.find("Check failed"), std::string::npos) << r.err;
+  const std::string last = "tovad: the library could not start with '" + dir +
+                           "/tovad.conf' (its report is above)\n";
+  ASSERT_GE(r.err.size(), last.size());
+  EXPECT_EQ(r.err.substr(r.err.size() - last.size()), last) << r.err;
+}
+
+struct StdinCase {
+  const char* name;
+  int rate;
+  int channels;
+  bool raw;
+};
+
+class TovadStdinTest : public testing::TestWithParam<StdinCase> {};
+
+// Standard input gives what the same audio gives as a file.
+TEST_P(TovadStdinTest, MatchesTheFile) {
+  const StdinCase& c = GetParam();
+  const std::string dir = tovad_test::FreshDir(std::string("stdin_") + c.name);
+  const std::vector<int16_t> pcm =
+      c.channels == 1 ? Sample() : tovad_test::ToStereoAtRate(Sample(), c.rate);
+  const std::string wav = dir + "/in.wav";
+  ASSERT_TRUE(tovad_test::WriteAudio(wav, SF_FORMAT_WAV, c.rate, c.channels, pcm));
+  ToolRun file = RunProgram({"--conf", kConf, wav});
+  ASSERT_EQ(file.code, 0) << file.err;
+  ASSERT_NE(file.out, "");
+  std::string input = wav, args = "--conf '" + kConf + "'";
+  if (c.raw) {
+    input = dir + "/in.raw";
+    WriteRaw(input, pcm);
+    args += " --raw-input --rate " + std::to_string(c.rate) + " --channels " +
+            std::to_string(c.channels);
+  }
+  ToolRun piped = RunWithInput(args + " -", input);
+  EXPECT_EQ(piped.code, 0) << piped.err;
+  EXPECT_EQ(piped.err, "");
+  EXPECT_EQ(piped.out, file.out);
+}
+
+INSTANTIATE_TEST_SUITE_P(Inputs, TovadStdinTest,
+                         testing::Values(StdinCase{"Wav16kMono", 16000, 1, false},
+                                         StdinCase{"Wav44kStereo", 44100, 2, false},
+                                         StdinCase{"Raw16kMono", 16000, 1, true},
+                                         StdinCase{"Raw8kStereo", 8000, 2, true}),
+                         [](const testing::TestParamInfo<StdinCase>& info) {
+                           return info.param.name;
+                         });
+
+// A segment is printed as soon as it closes, while the input is still open;
+// the end of input closes one that is still open.
+TEST(TovadStreamTest, LiveInputPrintsEachSegmentWhenItCloses) {
+  std::vector<int16_t> pcm = Sample();
+  const size_t first_part = 5 * 16000;  // past the first segment's close
+  ASSERT_GT(pcm.size(), first_part);
+  const size_t open_end = 8 * 16000;    // inside the last segment
+  ASSERT_GT(pcm.size(), open_end);
+  pcm.resize(open_end);
+  int in[2], out[2];
+  ASSERT_EQ(pipe(in), 0);
+  ASSERT_EQ(pipe(out), 0);
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    dup2(in[0], STDIN_FILENO);
+    dup2(out[1], STDOUT_FILENO);
+    close(in[0]), close(in[1]), close(out[0]), close(out[1]);
+    execl(TOVAD_PROGRAM, TOVAD_PROGRAM, "--conf", kConf.c_str(), "--raw-input", "-",
+          static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(in[0]);
+  close(out[1]);
+  signal(SIGPIPE, SIG_IGN);
+  auto send = [&](size_t from, size_t to) {
+    const char* p = reinterpret_cast<const char*>(pcm.data() + from);
+    size_t left = (to - from) * 2;
+    while (left > 0) {
+      const ssize_t n = write(in[1], p, left);
+      ASSERT_GT(n, 0);
+      p += n, left -= static_cast<size_t>(n);
+    }
+  };
+  auto read_some = [&](int timeout_ms) {
+    std::string text;
+    pollfd pfd = {out[0], POLLIN, 0};
+    char buf[256];
+    while (poll(&pfd, 1, timeout_ms) > 0) {
+      const ssize_t n = read(out[0], buf, sizeof(buf));
+      if (n <= 0) break;
+      text.append(buf, static_cast<size_t>(n));
+      if (text.back() == '\n') break;
+    }
+    return text;
+  };
+  send(0, first_part);
+  const std::string early = read_some(20000);
+  send(first_part, pcm.size());
+  close(in[1]);
+  std::string rest, more;
+  while (!(more = read_some(20000)).empty()) rest += more;
+  close(out[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(early, "0.820\t3.290\n") << "before the input ended";
+  EXPECT_EQ(rest, "4.580\t6.280\n7.640\t8.000\n") << "the last one cut by the end of input";
+}
+
+TEST(TovadStreamTest, JobsKeepArgumentOrderAndResults) {
+  const std::string dir = tovad_test::FreshDir("jobs");
+  const std::vector<int16_t> pcm = Sample();
+  std::vector<std::string> files = {kSample};
+  const std::vector<int16_t> tail(pcm.begin() + static_cast<std::ptrdiff_t>(pcm.size() / 2),
+                                  pcm.end());
+  files.push_back(dir + "/tail.wav");
+  ASSERT_TRUE(tovad_test::WriteAudio(files.back(), SF_FORMAT_WAV, 16000, 1, tail));
+  files.push_back(dir + "/stereo.flac");
+  ASSERT_TRUE(tovad_test::WriteAudio(files.back(), SF_FORMAT_FLAC, 22050, 2,
+                                     tovad_test::ToStereoAtRate(pcm, 22050)));
+  files.push_back(dir + "/silence.wav");
+  ASSERT_TRUE(tovad_test::WriteAudio(files.back(), SF_FORMAT_WAV, 16000, 1,
+                                     std::vector<int16_t>(16000, 0)));
+  files.push_back(kSample);
+  std::vector<std::string> one = {"--conf", kConf}, three = {"--conf", kConf, "-j", "3"};
+  one.insert(one.end(), files.begin(), files.end());
+  three.insert(three.end(), files.begin(), files.end());
+  ToolRun a = RunProgram(one), b = RunProgram(three);
+  ASSERT_EQ(a.code, 0) << a.err;
+  EXPECT_EQ(b.code, 0) << b.err;
+  EXPECT_EQ(b.err, "") << "no progress line off a terminal";
+  EXPECT_EQ(b.out, a.out);
+  EXPECT_EQ(a.out.rfind(kSample + "\t0.820\t3.290\n", 0), 0u) << a.out;
+  EXPECT_NE(a.out.find(dir + "/tail.wav\t"), std::string::npos) << a.out;
+}
+
+TEST(TovadStreamTest, BadStreamOptionsFailInOneLine) {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"-j", "0", kSample}, "bad job count '0'"},
+      {{"--jobs", "2x", kSample}, "bad job count '2x'"},
+      {{"--raw-input", "--rate", "fast", "-"}, "bad rate 'fast'"},
+      {{"--raw-input", "--channels", "0", "-"}, "bad channel count '0'"},
+      {{"-", "-"}, "can be read only once"},
+      {{"--raw-input", kSample}, "--raw-input applies to standard input"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.second);
+    std::vector<std::string> args = {"--conf", kConf};
+    args.insert(args.end(), c.first.begin(), c.first.end());
+    ExpectOneLineError(RunProgram(args), c.second);
+  }
+}
+
+}  // namespace
