@@ -219,20 +219,18 @@ class Detector:
             s, e = self._start.value, self._end.value
             if s >= 0 and self._open < 0:
                 self._open = index
+            if self.on_frame is not None:
+                self.on_frame(self._base + index, s >= 0)
             if s < 0 or e < 0:
                 continue
             # A hangover close keeps the hangover tail; a forced cut has none.
             tail = self._lib.voice_to_sil(self._h) if e == index - 1 else 0
             out.append(self._close(e - tail, False))
-            if self.on_frame is not None:
-                self.on_frame(self._base + index, True)
             self._lib.reset(self._h, False)
             self._base += index + 1
             self._clock = 0
             self._open = -1
             self._start.value = self._end.value = -1
-            if self.on_frame is not None:
-                self.on_frame(self._base + index, self._start.value >= 0)
         self._pending = pcm[n_frames * FRAME:].copy()
         return out
 
