@@ -7,7 +7,7 @@ packages=(
   cmake make g++ clang pkg-config
   libcjson-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  python3 python3-numpy python3-scipy python3-matplotlib
+  python3 python3-numpy python3-scipy python3-matplotlib python3-torch
   libfftw3-dev libopenblas-dev
   libsndfile1-dev libsoxr-dev
 )
