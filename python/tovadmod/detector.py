@@ -3,6 +3,7 @@ import ctypes
 import math
 import os
 import sys
+import tempfile
 from fractions import Fraction
 from typing import Iterator, List, NamedTuple, Optional
 
@@ -40,6 +41,27 @@ def default_conf() -> str:
         if os.path.exists(path):
             return path
     raise FileNotFoundError("no bundled model found; pass a conf path")
+
+
+def _conf_with(conf: str, extra: dict, folder: str) -> str:
+    """A copy of `conf` in `folder` with its model paths made absolute and
+    the keys of `extra` set; returns its path."""
+    base = os.path.dirname(conf)
+    lines = []
+    with open(conf, encoding="utf-8") as f:
+        for line in f:
+            key, eq, value = line.split("#", 1)[0].partition("=")
+            key, value = key.strip(), value.strip()
+            if not eq or key in extra:
+                continue
+            if key.startswith("path_to_") and value and not os.path.isabs(value):
+                value = os.path.join(base, value)
+            lines.append(f"{key} = {value}")
+    lines += [f"{k} = {v}" for k, v in extra.items()]
+    path = os.path.join(folder, os.path.basename(conf))
+    with open(path, "w", encoding="utf-8") as f:
+        f.write("\n".join(lines) + "\n")
+    return path
 
 
 def _conf_value(conf: str, key: str, fallback: int) -> int:
@@ -148,26 +170,36 @@ class Detector:
     _h = None
 
     def __init__(self, conf: Optional[str] = None, library: Optional[str] = None,
-                 verbose: bool = False):
+                 verbose: bool = False, extra_conf: Optional[dict] = None):
         conf = os.path.abspath(conf or default_conf())
         if not os.path.exists(conf):
             raise FileNotFoundError(conf)  # the library would abort
         self._lib = _load(library)
         self._delay = _conf_value(conf, "score_delay_frames", 7)
-        self._conf, self._verbose = conf, verbose
+        self._verbose = verbose
+        self._tmp = None
+        if extra_conf:
+            self._tmp = tempfile.TemporaryDirectory(prefix="tovadmod_")
+            self._init_args = (_conf_with(conf, extra_conf, self._tmp.name).encode(), None)
+        else:
+            self._init_args = (os.path.basename(conf).encode(), os.path.dirname(conf).encode())
         # Called as on_frame(frame_index, segment_open) after every frame.
         self.on_frame = None
         self._start = ctypes.c_int(-1)
         self._end = ctypes.c_int(-1)
         self.reset()
+        self._start_handle()
 
     def close(self) -> None:
+        """Ends the handle (the next push starts a fresh one)."""
         if self._h:
             self._lib.destroy(self._h)
             self._h = None
 
     def __del__(self):
         self.close()
+        if self._tmp is not None:
+            self._tmp.cleanup()
 
     def __enter__(self):
         return self
@@ -175,16 +207,18 @@ class Detector:
     def __exit__(self, *exc):
         self.close()
 
-    def reset(self) -> None:
-        """Starts a new input on a fresh handle: a reset handle keeps some
-        state of the last input, and results must not depend on it."""
-        self.close()
+    def _start_handle(self) -> None:
         with _QuietStderr(self._verbose):
-            handle = self._lib.init(os.path.basename(self._conf).encode(),
-                                    os.path.dirname(self._conf).encode())
+            handle = self._lib.init(*self._init_args)
         if not handle:
-            raise RuntimeError("libtovadmod could not start with " + self._conf)
+            raise RuntimeError("libtovadmod could not start")
         self._h = ctypes.c_void_p(handle)
+
+    def reset(self) -> None:
+        """Starts a new input.  The next push gets a fresh handle: a reset
+        handle keeps some state of the last input, and results must not
+        depend on it."""
+        self.close()
         self._pending = np.zeros(0, dtype=np.int16)
         self._fed = 0          # samples pushed
         self._base = 0         # frames before the last reset
@@ -204,6 +238,8 @@ class Detector:
 
     def push(self, chunk) -> List[Segment]:
         """Feeds 16 kHz samples (any count); returns the segments that closed."""
+        if self._h is None:
+            self._start_handle()
         pcm = np.concatenate([self._pending, to_pcm16(chunk)])
         n_frames = len(pcm) // FRAME
         out = []

@@ -103,5 +103,25 @@ class PlotTest(unittest.TestCase):
             self.assertAlmostEqual(b, x0 + e / duration * (x1 - x0), delta=3)
 
 
+class PosteriorLogTest(unittest.TestCase):
+    LOG = ("INFO[20261123-101010-000000001 thread:12]: class is: 1 at prior = 0.900000,"
+           " all priors: 0.100000 0.900000\n"
+           "INFO[20261123-101010-000000002 thread:12]: RESET\n"
+           "INFO[20261123-101010-000000003 thread:12]: class is: 0 at prior = 0.700000,"
+           " all priors: 0.700000 0.300000\n")
+
+    def test_scores_follow_target_class(self):
+        from tovadmod.plot import parse_target_class, read_posterior_log
+        with tempfile.NamedTemporaryFile("w", suffix=".log") as f:
+            f.write(self.LOG)
+            f.flush()
+            # A bare class takes the factor of the entry before it.
+            for target, want in {"1": [0.9, 0.3], "0": [0.1, 0.7],
+                                 "1v0.5,0": [0.5, 0.5], "0v2": [0.2, 1.4]}.items():
+                with self.subTest(target):
+                    got = read_posterior_log(f.name, parse_target_class(target))
+                    np.testing.assert_allclose(got, want, rtol=1e-6)
+
+
 if __name__ == "__main__":
     unittest.main()
