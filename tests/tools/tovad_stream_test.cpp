@@ -130,59 +130,49 @@ INSTANTIATE_TEST_SUITE_P(Inputs, TovadStdinTest,
 TEST(TovadStreamTest, LiveInputPrintsEachSegmentWhenItCloses) {
   std::vector<int16_t> pcm = Sample();
   const size_t first_part = 5 * 16000;  // past the first segment's close
-  ASSERT_GT(pcm.size(), first_part);
-  const size_t open_end = 8 * 16000;    // inside the last segment
-  ASSERT_GT(pcm.size(), open_end);
-  pcm.resize(open_end);
+  pcm.resize(8 * 16000);                // ends inside the last segment
   int in[2], out[2];
-  ASSERT_EQ(pipe(in), 0);
-  ASSERT_EQ(pipe(out), 0);
+  ASSERT_EQ(pipe(in) | pipe(out), 0);
   const pid_t pid = fork();
   ASSERT_GE(pid, 0);
   if (pid == 0) {
-    dup2(in[0], STDIN_FILENO);
-    dup2(out[1], STDOUT_FILENO);
+    dup2(in[0], STDIN_FILENO), dup2(out[1], STDOUT_FILENO);
     close(in[0]), close(in[1]), close(out[0]), close(out[1]);
     execl(TOVAD_PROGRAM, TOVAD_PROGRAM, "--conf", kConf.c_str(), "--raw-input", "-",
           static_cast<char*>(nullptr));
     _exit(127);
   }
-  close(in[0]);
-  close(out[1]);
+  close(in[0]), close(out[1]);
   signal(SIGPIPE, SIG_IGN);
-  auto send = [&](size_t from, size_t to) {
-    const char* p = reinterpret_cast<const char*>(pcm.data() + from);
-    size_t left = (to - from) * 2;
-    while (left > 0) {
-      const ssize_t n = write(in[1], p, left);
+  auto send = [&](size_t from, size_t to) {  // a pipe takes it whole or fails
+    const size_t bytes = (to - from) * 2;
+    for (size_t done = 0; done < bytes;) {
+      const ssize_t n = write(in[1], reinterpret_cast<const char*>(pcm.data() + from) + done,
+                              bytes - done);
       ASSERT_GT(n, 0);
-      p += n, left -= static_cast<size_t>(n);
+      done += static_cast<size_t>(n);
     }
   };
-  auto read_some = [&](int timeout_ms) {
+  auto read_line = [&] {  // up to a newline, or nothing after 20 s
     std::string text;
     pollfd pfd = {out[0], POLLIN, 0};
-    char buf[256];
-    while (poll(&pfd, 1, timeout_ms) > 0) {
-      const ssize_t n = read(out[0], buf, sizeof(buf));
-      if (n <= 0) break;
-      text.append(buf, static_cast<size_t>(n));
-      if (text.back() == '\n') break;
+    char c;
+    while (poll(&pfd, 1, 20000) > 0 && read(out[0], &c, 1) == 1 && (text += c, c != '\n')) {
     }
     return text;
   };
   send(0, first_part);
-  const std::string early = read_some(20000);
+  const std::string early = read_line();
   send(first_part, pcm.size());
   close(in[1]);
-  std::string rest, more;
-  while (!(more = read_some(20000)).empty()) rest += more;
+  const std::string second = read_line(), last = read_line();
   close(out[0]);
   int status = 0;
   waitpid(pid, &status, 0);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   EXPECT_EQ(early, "0.820\t3.290\n") << "before the input ended";
-  EXPECT_EQ(rest, "4.580\t6.280\n7.640\t8.000\n") << "the last one cut by the end of input";
+  EXPECT_EQ(second, "4.580\t6.280\n");
+  EXPECT_EQ(last, "7.640\t8.000\n") << "cut by the end of input";
 }
 
 TEST(TovadStreamTest, JobsKeepArgumentOrderAndResults) {
@@ -209,7 +199,6 @@ TEST(TovadStreamTest, JobsKeepArgumentOrderAndResults) {
   EXPECT_EQ(b.err, "") << "no progress line off a terminal";
   EXPECT_EQ(b.out, a.out);
   EXPECT_EQ(a.out.rfind(kSample + "\t0.820\t3.290\n", 0), 0u) << a.out;
-  EXPECT_NE(a.out.find(dir + "/tail.wav\t"), std::string::npos) << a.out;
 }
 
 TEST(TovadStreamTest, BadStreamOptionsFailInOneLine) {
