@@ -209,6 +209,7 @@ TEST(TovadStreamTest, BadStreamOptionsFailInOneLine) {
       {{"--raw-input", "--channels", "0", "-"}, "bad channel count '0'"},
       {{"-", "-"}, "can be read only once"},
       {{"--raw-input", kSample}, "--raw-input applies to standard input"},
+      {{"--rate", "8000", "-"}, "add --raw-input"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.second);

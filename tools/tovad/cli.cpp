@@ -72,6 +72,7 @@ struct Options {
   bool raw = false;
   int jobs = 1;
   bool raw_input = false;
+  bool raw_layout_given = false;  // --rate or --channels
   RawFormat raw_format;
   std::vector<std::string> files;
 };
@@ -136,10 +137,12 @@ int ParseArgs(int argc, char** argv, Options* o) {
       case kRateOpt:
         if (!ParseCount(optarg, 1000, 768000, &o->raw_format.sample_rate))
           return Fail(std::string("bad rate '") + optarg + "' (1000 to 768000 Hz)");
+        o->raw_layout_given = true;
         break;
       case kChannelsOpt:
         if (!ParseCount(optarg, 1, 64, &o->raw_format.channels))
           return Fail(std::string("bad channel count '") + optarg + "' (1 to 64)");
+        o->raw_layout_given = true;
         break;
       case 'h':
         std::fputs(kUsage, stdout);
@@ -160,6 +163,8 @@ int ParseArgs(int argc, char** argv, Options* o) {
   if (stdin_count > 1) return Fail("standard input ('-') can be read only once");
   if (o->raw_input && stdin_count == 0)
     return Fail("--raw-input applies to standard input; name it as '-'");
+  if (o->raw_layout_given && !o->raw_input)
+    return Fail("--rate and --channels describe headerless input; add --raw-input");
   return -1;
 }
 
