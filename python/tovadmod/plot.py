@@ -106,7 +106,8 @@ def main(argv=None):
     with tempfile.TemporaryDirectory(prefix="tovadmod_plot_") as tmp:
         log = os.path.join(tmp, "posteriors.log")
         det = Detector(conf, extra_conf={"use_debug_function": "1", "softmax_log_path": log,
-                                         "rt_log_path": "/dev/null"})
+                                         "rt_log_path": "/dev/null",
+                                         "save_vad_segment_dir": tmp})
         det.on_frame = lambda i, is_open: state.append(1 if is_open else 0)
         segs = det.segments(pcm, RATE)
         det.close()  # flushes and closes the log
