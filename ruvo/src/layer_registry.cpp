@@ -10,9 +10,12 @@
 #include "orviklog/src/logging.h"
 #include "ruvo/layer.h"
 #include "ruvo/src/layer/activation.h"
+#include "ruvo/src/layer/alphaconvolution.h"
 #include "ruvo/src/layer/concat.h"
+#include "ruvo/src/layer/convolution.h"
 #include "ruvo/src/layer/flatten.h"
 #include "ruvo/src/layer/fullyconnected.h"
+#include "ruvo/src/layer/quanti_layers.h"
 #include "ruvo/src/layer/reshape.h"
 #include "ruvo/src/layer/slice.h"
 #include "ruvo/src/layer/slice_axis.h"
@@ -41,15 +44,15 @@ const LayerRegistryEntry layer_registry[] = {
     {"Concat",                    Concat_layer_creator},  // 5  Concat
     {"_Plus",                     nullptr},  // 6  ElementWiseBinary_Plus
     {"elemwise_add",              nullptr},  // 7  ElementWiseBinary_Plus
-    {"Convolution",               nullptr},  // 8  Convolution
+    {"Convolution",               Convolution_layer_creator},  // 8  Convolution
     {"Flatten",                   Flatten_layer_creator},  // 9  Flatten
     {"BatchNorm",                 nullptr},  // 10 BatchNorm
-    {"QuantiInput",               nullptr},  // 11 QuantiInput
+    {"QuantiInput",               QuantiInput_layer_creator},  // 11 QuantiInput
     {"AlphaPooling",              nullptr},  // 12 AlphaPooling
-    {"QuantiFlatten",             nullptr},  // 13 QuantiFlatten
-    {"QuantiActivation",          nullptr},  // 14 QuantiActivation
-    {"NHCW2Conv",                 nullptr},  // 15 NHCW2Conv
-    {"AlphaConvolution",          nullptr},  // 16 AlphaConvolution
+    {"QuantiFlatten",             QuantiFlatten_layer_creator},  // 13 QuantiFlatten
+    {"QuantiActivation",          QuantiActivation_layer_creator},  // 14 QuantiActivation
+    {"NHCW2Conv",                 NHCW2Conv_layer_creator},  // 15 NHCW2Conv
+    {"AlphaConvolution",          AlphaConvolution_layer_creator},  // 16 AlphaConvolution
     {"AlphaUpscale",              nullptr},  // 17 AlphaUpscale
     {"QuantiFullyConnected",      nullptr},  // 18 QuantiFullyConnected
     {"SoftmaxOutput",             SoftmaxOutput_layer_creator},  // 19 SoftmaxOutput

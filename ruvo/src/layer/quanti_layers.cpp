@@ -1,0 +1,148 @@
+#include "ruvo/src/layer/quanti_layers.h"
+
+#include <cmath>
+
+#include "orvik_blas_64/src/math_functions.h"
+#include "orviklog/src/logging.h"
+#include "ruvo/src/layer/layer_util.h"
+#include "ruvo/src/layer/quanti_util.h"
+
+namespace orvik {
+namespace ruvo {
+
+namespace quanti_input {
+const std::unordered_map<std::string, TruncateType> truncate_map = {
+    {"floor", kFloor}, {"naive", kNaive}, {"ceil", kCeil}};
+}  // namespace quanti_input
+
+namespace {
+
+// float to int32 with saturation at both ends; NaN gives 0, so that every
+// machine agrees.
+inline int32_t SaturateToInt32(float f) {
+  if (f != f) return 0;
+  if (f >= 2147483648.0f) return INT32_MAX;
+  if (f < -2147483648.0f) return INT32_MIN;
+  return static_cast<int32_t>(f);
+}
+
+}  // namespace
+
+void QuantiInput::Init(const LayerAttrs& attrs) {
+  fixed_output_shift_ = -128;
+  if (attrs.count("fixed_output_shift")) {
+    ReadAttrValue(attrs.at("fixed_output_shift"), &fixed_output_shift_);
+  }
+  const std::string trun_type_symbol = AttrText(attrs, "truncate", "floor");
+  CHECK(quanti_input::truncate_map.count(trun_type_symbol));
+  truncate_ = quanti_input::truncate_map.at(trun_type_symbol);
+  inited_ = true;
+}
+
+bool QuantiInput::InferShape(std::vector<TShape>& in_shape, std::vector<TShape>& out_shape,
+                             std::vector<TShape>& aux_shape) {
+  CHECK_EQ(in_shape.size(), 1) << "Input:[data]";
+  out_shape.assign(1, in_shape[0]);
+  aux_shape.assign(1, TShape{1});
+  return in_shape[0].ndim() != 0;
+}
+
+bool QuantiInput::InferType(std::vector<int>& in_type, std::vector<int>& out_type,
+                            std::vector<int>& aux_type) {
+  CHECK_EQ(in_type.size(), 1);
+  const int dtype = in_type[0];
+  CHECK(dtype != -1) << "First input must have specified type";
+  out_type.assign(1, kInt8);
+  aux_type.assign(1, kInt8);
+  return true;
+}
+
+int QuantiInput::Forward(const std::vector<NDArray*>& bottom_blobs,
+                         std::vector<NDArray*>& top_blobs, std::vector<NDArray*>& aux_blobs) {
+  CHECK(inited_) << "Init first!";
+  CHECK_EQ(bottom_blobs.size(), 1);
+  CHECK_EQ(top_blobs.size(), 1);
+  const NDArray data = bottom_blobs[0]->Reshape(bottom_blobs[0]->shape());
+  NDArray out = top_blobs[0]->Reshape(top_blobs[0]->shape());
+  CHECK_EQ(data.Size(), out.Size());
+  int32_t s = fixed_output_shift_;
+  if (s == -128) {
+    CHECK_EQ(aux_blobs.size(), 1);
+    s = quanti::ReadShift(*aux_blobs[0], "input_shift_history");
+  }
+  const float scale = static_cast<float>(quanti::ShiftLeft(1, s));
+  const float* x = data.dptr<float>();
+  signed char* q = out.dptr<signed char>();
+  const index_t n = data.Size();
+  switch (truncate_) {
+    case quanti_input::kFloor:
+      for (index_t i = 0; i < n; ++i) q[i] = quanti::SaturateInt8(SaturateToInt32(floorf(scale * x[i])));
+      break;
+    case quanti_input::kNaive:
+      for (index_t i = 0; i < n; ++i) q[i] = quanti::SaturateInt8(SaturateToInt32(scale * x[i]));
+      break;
+    case quanti_input::kCeil:
+      CHECK(false) << "Not support ceil!";
+      break;
+    default:
+      CHECK(false) << "Invalid truncate type: only support: \"floor\", \"naive\"";
+  }
+  top_blobs[0]->shift_ = s;
+  return 0;
+}
+
+int QuantiFlatten::Forward(const std::vector<NDArray*>& bottom_blobs,
+                           std::vector<NDArray*>& top_blobs, std::vector<NDArray*>& aux_blobs) {
+  Flatten::Forward(bottom_blobs, top_blobs, aux_blobs);
+  top_blobs[0]->shift_ = bottom_blobs[0]->shift_;
+  return 0;
+}
+
+int QuantiActivation::Forward(const std::vector<NDArray*>& bottom_blobs,
+                              std::vector<NDArray*>& top_blobs, std::vector<NDArray*>& aux_blobs) {
+  Activation::Forward(bottom_blobs, top_blobs, aux_blobs);
+  top_blobs[0]->shift_ = bottom_blobs[0]->shift_;
+  return 0;
+}
+
+bool NHCW2Conv::InferShape(std::vector<TShape>& in_shape, std::vector<TShape>& out_shape,
+                           std::vector<TShape>& /*aux_shape*/) {
+  CHECK_EQ(in_shape.size(), 1) << "Input:[data]";
+  const TShape shape0 = in_shape[0];
+  CHECK_EQ(shape0.ndim(), 4);
+  out_shape.assign(1, TShape{shape0[0], shape0[1], shape0[3], shape0[2]});
+  return true;
+}
+
+int NHCW2Conv::Forward(const std::vector<NDArray*>& bottom_blobs, std::vector<NDArray*>& top_blobs,
+                       std::vector<NDArray*>& /*aux_blobs*/) {
+  CHECK(inited_) << "Init first!";
+  CHECK_EQ(bottom_blobs.size(), 1);
+  CHECK_EQ(top_blobs.size(), 1);
+  const NDArray* data = bottom_blobs[0];
+  NDArray* out = top_blobs[0];
+  CHECK_EQ(data->ndim(), 4) << "NHCW2Conv only support 4 dimensions";
+  CHECK_EQ(data->Size(), out->Size());
+  const TShape& s = data->shape();
+  const int dims[5] = {static_cast<int>(s[0] * s[1]), static_cast<int>(s[2]), 1,
+                       static_cast<int>(s[3]), 1};
+  switch (data->dtype()) {
+    case kFloat32:
+      math::SwapAxis1VS3<float>(data->dptr<float>(), out->dptr<float>(), dims);
+      break;
+    case kInt8:
+      math::SwapAxis1VS3<signed char>(data->dptr<signed char>(), out->dptr<signed char>(), dims);
+      break;
+    default:
+      RTC_LOG(LS_ENGINE) << "Unknown type enum " << data->dtype();
+  }
+  return 0;
+}
+
+Layer* QuantiInput_layer_creator() { return new QuantiInput(); }
+Layer* QuantiFlatten_layer_creator() { return new QuantiFlatten(); }
+Layer* QuantiActivation_layer_creator() { return new QuantiActivation(); }
+Layer* NHCW2Conv_layer_creator() { return new NHCW2Conv(); }
+
+}  // namespace ruvo
+}  // namespace orvik

@@ -1,0 +1,126 @@
+#include "ruvo/src/layer/quanti_util.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "orvik_blas_64/src/math_functions.h"
+#include "orviklog/src/checks.h"
+#include "orviklog/src/logging.h"
+
+namespace orvik {
+namespace ruvo {
+namespace quanti {
+
+int32_t ReadShift(const NDArray& history, const char* what) {
+  CHECK(!history.is_none()) << what << " is not loaded";
+  CHECK_GE(history.Size(), 1) << what << " is empty";
+  return history.dptr<signed char>()[0];
+}
+
+void CheckShiftTable(const NDArray& table, index_t n, const char* what) {
+  CHECK(!table.is_none()) << what << " is not loaded";
+  CHECK(table.Size() == n) << what << " must hold one entry per output channel";
+}
+
+int32_t OutputStage::EdataAlignment() const {
+  if (edata == nullptr) return 0;
+  int32_t m = 0;
+  for (int32_t c = 0; c < channels; ++c) m = std::min(m, w[c] + in_shift - edata_shift);
+  return m;
+}
+
+void OutputStage::Run(int32_t* acc, index_t positions, signed char* out8, float* outf) const {
+  const size_t nc = static_cast<size_t>(channels);
+  if (bias != nullptr) {
+    for (index_t p = 0; p < positions; ++p) {
+      int32_t* row = acc + p * nc;
+      for (size_t c = 0; c < nc; ++c) row[c] = WrapAdd(row[c], bias[c]);
+    }
+  }
+  if (bn_weight != nullptr) {
+    for (size_t c = 0; c < nc; ++c) {
+      if (bn_right_shift[c] < 0) abort();
+    }
+    for (index_t p = 0; p < positions; ++p) {
+      int32_t* row = acc + p * nc;
+      for (size_t c = 0; c < nc; ++c) {
+        row[c] = WrapMul(SaturateInt16(ShiftRight(row[c], bn_right_shift[c])), bn_weight[c]);
+      }
+    }
+  }
+  const int32_t m = EdataAlignment();
+  if (edata != nullptr) {
+    if (m == 0) {
+      for (index_t p = 0; p < positions; ++p) {
+        int32_t* row = acc + p * nc;
+        const signed char* e = edata + p * nc;
+        for (size_t c = 0; c < nc; ++c) {
+          row[c] = WrapAdd(row[c], ShiftLeft(e[c], w[c] + in_shift - edata_shift));
+        }
+      }
+    } else {
+      RTC_LOG(LS_ENGINE) << "edata's shift is greater than the shift of conv's output!";
+    }
+  }
+
+  if (disable_output_quantization) {
+    for (index_t p = 0; p < positions; ++p) {
+      const int32_t* row = acc + p * nc;
+      float* o = outf + p * nc;
+      for (size_t c = 0; c < nc; ++c) {
+        const int32_t v = use_activation && row[c] < 0 ? 0 : row[c];
+        o[c] = ScaleDown(v, w[c] + in_shift - m);
+      }
+    }
+    return;
+  }
+  for (index_t p = 0; p < positions; ++p) {
+    const int32_t* row = acc + p * nc;
+    signed char* o = out8 + p * nc;
+    if (use_activation) {
+      for (size_t c = 0; c < nc; ++c) {
+        const int32_t s = w[c] + in_shift - out_shift - m;
+        o[c] = row[c] < 0 ? 0 : static_cast<signed char>(std::min(ShiftRight(row[c], s), 127));
+      }
+    } else {
+      for (size_t c = 0; c < nc; ++c) {
+        o[c] = SaturateInt8(ShiftRight(row[c], w[c] + in_shift - out_shift - m));
+      }
+    }
+  }
+}
+
+void BuildWeightShiftTable(const NDArray& scalar_or_vec, bool vector_quanti, bool use_batchnorm,
+                           const NDArray* bn_weight_shift, const NDArray* bn_right_shift,
+                           int32_t channels, NDArray* table) {
+  const index_t n = static_cast<index_t>(channels);
+  if (vector_quanti) {
+    CheckShiftTable(scalar_or_vec, n, "weight_vec_shift_history");
+    if (!use_batchnorm) {
+      // Nothing to fold: the loaded table serves as it is.
+      *table = scalar_or_vec;
+      return;
+    }
+    *table = NDArray(TShape{n}, kInt8);
+    std::memcpy(table->dptr<signed char>(), scalar_or_vec.dptr<signed char>(), n);
+  } else {
+    *table = NDArray(TShape{n}, kInt8);
+    math::orvik_set<signed char>(
+        channels, static_cast<signed char>(ReadShift(scalar_or_vec, "weight_shift_history")),
+        table->dptr<signed char>());
+  }
+  if (!use_batchnorm) return;
+  CheckShiftTable(*bn_weight_shift, n, "bn_weight_shift");
+  CheckShiftTable(*bn_right_shift, n, "bn_right_shift");
+  signed char* w = table->dptr<signed char>();
+  const signed char* ws = bn_weight_shift->dptr<signed char>();
+  const signed char* rs = bn_right_shift->dptr<signed char>();
+  for (index_t c = 0; c < n; ++c) {
+    w[c] = static_cast<signed char>(static_cast<uint8_t>(w[c] + ws[c] - rs[c]));
+  }
+}
+
+}  // namespace quanti
+}  // namespace ruvo
+}  // namespace orvik

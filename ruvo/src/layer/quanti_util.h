@@ -1,0 +1,110 @@
+#ifndef RUVO_SRC_LAYER_QUANTI_UTIL_H_
+#define RUVO_SRC_LAYER_QUANTI_UTIL_H_
+
+// The fixed-point rules every 8-bit layer shares.  An 8-bit tensor q with
+// shift s stands for q / 2^s; a 32-bit accumulator of a product carries the
+// sum of its factors' shifts.  Right shifts are arithmetic (toward minus
+// infinity) and take their count modulo 32; there is no rounding step
+// anywhere, and narrowing saturates.  Shifts travel along the graph in
+// NDArray::shift_, written by each layer as the last step of Forward.
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "ruvo/ndarray.h"
+
+namespace orvik {
+namespace ruvo {
+namespace quanti {
+
+// v >> (s mod 32), arithmetic.
+inline int32_t ShiftRight(int32_t v, int32_t s) { return v >> (s & 31); }
+
+// Sign-extended v << (s mod 32), wrapping.
+inline int32_t ShiftLeft(int32_t v, int32_t s) {
+  return static_cast<int32_t>(static_cast<uint32_t>(v) << (s & 31));
+}
+
+// Two's complement wrapping add and multiply.
+inline int32_t WrapAdd(int32_t a, int32_t b) {
+  return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+}
+inline int32_t WrapMul(int32_t a, int32_t b) {
+  return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
+}
+
+inline signed char SaturateInt8(int32_t v) {
+  return static_cast<signed char>(v > 127 ? 127 : (v < -128 ? -128 : v));
+}
+
+inline int32_t SaturateInt16(int32_t v) { return v > 32767 ? 32767 : (v < -32768 ? -32768 : v); }
+
+// acc / 2^e as float: the exponent field of float(acc) is lowered by e.
+// Zero stays zero; an exponent that runs out of range is not guarded.
+inline float ScaleDown(int32_t acc, int32_t e) {
+  if (acc == 0) return 0.0f;
+  const float f = static_cast<float>(acc);
+  uint32_t bits;
+  static_assert(sizeof(bits) == sizeof(f), "float is 32 bits");
+  __builtin_memcpy(&bits, &f, sizeof(bits));
+  bits -= static_cast<uint32_t>(e) << 23;
+  float r;
+  __builtin_memcpy(&r, &bits, sizeof(r));
+  return r;
+}
+
+// Element 0 of a one-element shift table (an auxiliary state), sign-extended.
+// Fatal unless the blob is 8-bit and holds at least one element.
+int32_t ReadShift(const NDArray& history, const char* what);
+
+// Checks that `table` is an 8-bit table of exactly `n` entries; `what`
+// names it in the message.
+void CheckShiftTable(const NDArray& table, index_t n, const char* what);
+
+// The fused stage behind every 8-bit matrix product, over `positions` rows of
+// `channels` 32-bit accumulators.  Steps, in this order, each optional:
+// bias (wrapping add), batch normalisation (right shift, 16-bit saturation,
+// multiply), one further 8-bit tensor aligned to the accumulator's scale,
+// then the narrowing to 8 bits at out_shift (or to float).  The caller
+// fills the fields that apply and leaves the others null.
+struct OutputStage {
+  int32_t channels = 0;
+  // Weight shift of each channel; the accumulator of channel c has
+  // w[c] + in_shift fractional bits.
+  const signed char* w = nullptr;
+  int32_t in_shift = 0;
+  int32_t out_shift = 0;
+  const int32_t* bias = nullptr;  // per channel, at the accumulator's scale
+  const int32_t* bn_weight = nullptr;
+  const signed char* bn_right_shift = nullptr;
+  const signed char* edata = nullptr;  // same layout as the output
+  int32_t edata_shift = 0;
+  bool use_activation = false;
+  bool disable_output_quantization = false;
+
+  // Alignment exponent m: 0 when the further tensor can be shifted up to
+  // every channel's scale, else the most negative alignment (the tensor is
+  // then skipped and m lowers the output's right shift).
+  int32_t EdataAlignment() const;
+
+  // Runs bias, batch normalisation and the further tensor in place on acc
+  // (positions x channels, row-major), then writes the narrowed result to
+  // out8 (or outf with disable_output_quantization).
+  void Run(int32_t* acc, index_t positions, signed char* out8, float* outf) const;
+};
+
+// Builds the per-channel weight shift table w of a matrix layer: the
+// scalar of `weight_shift_history` replicated, or the per-channel table of
+// `weight_vec_shift_history`, with a fused batch normalisation's
+// bn_weight_shift - bn_right_shift folded in (8-bit wrapping).  `table`
+// becomes a new array of `channels` entries unless it may share `vec`.
+void BuildWeightShiftTable(const NDArray& scalar_or_vec, bool vector_quanti, bool use_batchnorm,
+                           const NDArray* bn_weight_shift, const NDArray* bn_right_shift,
+                           int32_t channels, NDArray* table);
+
+}  // namespace quanti
+}  // namespace ruvo
+}  // namespace orvik
+
+#endif  // RUVO_SRC_LAYER_QUANTI_UTIL_H_

@@ -1,0 +1,317 @@
+#!/usr/bin/python3
+"""Writes the convolution and 8-bit nets of the layer tests, with their
+expected outputs computed here in numpy, independently of the engine.
+
+    /usr/bin/python3 tests/ruvo/gen_quant_fixtures.py           (write)
+    /usr/bin/python3 tests/ruvo/gen_quant_fixtures.py --check   (compare)
+
+Files go to tests/data/net/ in the .io form of gen_net_fixtures.py.  Float
+convolutions are computed in float64; the 8-bit layers in integer
+arithmetic, so their outputs (and the shift written beside each, under
+KEY.shift) are exact.  Everything is seeded.
+"""
+
+import os
+import sys
+import tempfile
+
+import numpy as np
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(os.path.dirname(HERE))
+sys.path.insert(0, os.path.join(ROOT, "tools"))
+sys.path.insert(0, HERE)
+
+from model_writer import SymbolGraph, write_params  # noqa: E402
+from gen_net_fixtures import IoFile  # noqa: E402
+
+F32 = np.float32
+
+
+def conv_sum(x, w, stride, pad, dilate, groups, pad_value=0, dtype=np.float64):
+    """Direct convolution of channel-last x (N, H, W, C) with w (F, kh, kw,
+    C / groups), summed in `dtype`, one kernel tap at a time."""
+    n, h, wd, c = x.shape
+    f, kh, kw, cg = w.shape
+    (sh, sw), (ph, pw), (dh, dw) = stride, pad, dilate
+    xp = np.full((n, h + 2 * ph, wd + 2 * pw, c), pad_value, dtype=dtype)
+    xp[:, ph:ph + h, pw:pw + wd, :] = x
+    oh = (h + 2 * ph - (dh * (kh - 1) + 1)) // sh + 1
+    ow = (wd + 2 * pw - (dw * (kw - 1) + 1)) // sw + 1
+    out = np.zeros((n, oh, ow, f), dtype=dtype)
+    oc = f // groups
+    for g in range(groups):
+        for ky in range(kh):
+            for kx in range(kw):
+                patch = xp[:, ky * dh:ky * dh + sh * (oh - 1) + 1:sh,
+                           kx * dw:kx * dw + sw * (ow - 1) + 1:sw, g * cg:(g + 1) * cg]
+                out[..., g * oc:(g + 1) * oc] += patch @ w[g * oc:(g + 1) * oc, ky, kx, :].astype(dtype).T
+    return out
+
+
+def conv_attrs(k, stride=(1, 1), pad=(0, 0), dilate=(1, 1), nf=1, groups=1, **flags):
+    a = {"kernel": "(%d,%d)" % k, "stride": "(%d,%d)" % stride, "pad": "(%d,%d)" % pad,
+         "dilate": "(%d,%d)" % dilate, "num_filter": str(nf), "num_group": str(groups)}
+    a.update({key: ("True" if v else "False") for key, v in flags.items()})
+    return a
+
+
+def save(name, graph, params, io, out_dir, params_name=None):
+    graph.write(os.path.join(out_dir, name + "-symbol.json"))
+    write_params(os.path.join(out_dir, (params_name or name) + ".params"), params)
+    if io is not None:
+        io.write(os.path.join(out_dir, name + ".io"))
+
+
+# ------------------------------------------------------------ float conv
+
+# name, kernel, stride, pad, dilate, filters, groups, bias, transpose_weight
+CONVS = [
+    ("c_basic", (3, 3), (1, 1), (0, 0), (1, 1), 4, 1, True, True),
+    ("c_stride_pad", (3, 2), (2, 2), (2, 1), (1, 1), 3, 1, False, True),
+    ("c_dilate", (2, 3), (1, 2), (1, 0), (2, 2), 5, 1, True, False),
+    ("c_group", (3, 3), (1, 1), (1, 1), (1, 1), 4, 2, True, True),
+    ("c_group_1x1", (1, 1), (1, 1), (0, 0), (1, 1), 9, 3, False, False),
+    ("c_1x1", (1, 1), (1, 1), (0, 0), (2, 2), 7, 1, True, True),
+    ("c_1x1_stride", (1, 1), (2, 2), (0, 0), (1, 1), 3, 1, True, True),
+]
+
+
+def conv_net(rng, out_dir):
+    """Every float convolution above, and its online 8-bit twin (name
+    suffix _q), side by side on one (2, 7, 9, 6) input."""
+    g = SymbolGraph()
+    x = g.variable("data")
+    params, heads, weights = [], [], {}
+    for name, k, s, p, d, nf, groups, bias, tw in CONVS:
+        w = rng.uniform(-1.0, 1.0, (nf,) + k + (6 // groups,)).astype(F32)
+        b = rng.uniform(-0.5, 0.5, (nf,)).astype(F32) if bias else None
+        weights[name] = (w, b, s, p, d, groups)
+        for suffix, quanti in (("", False), ("_q", True)):
+            inputs = [x, g.variable(name + suffix + "_weight")]
+            params.append(("arg:%s%s_weight" % (name, suffix), w))
+            if bias:
+                inputs.append(g.variable(name + suffix + "_bias"))
+                params.append(("arg:%s%s_bias" % (name, suffix), b))
+            heads.append(g.node("Convolution", name + suffix, inputs,
+                                param=conv_attrs(k, s, p, d, nf, groups, no_bias=not bias,
+                                                 online_quanti=quanti, transpose_weight=tw)))
+    g.heads = heads
+
+    io = IoFile()
+    mixed = rng.uniform(-2.0, 3.0, (2, 7, 9, 6)).astype(F32)
+    for case, data in (("mixed", mixed), ("all_equal", np.full((2, 7, 9, 6), 0.75, F32))):
+        io.case(case)
+        io.input("data", data)
+        x64 = data.astype(np.float64)
+        dx = (x64.max() - x64.min()) / 254.0
+        if dx < 1e-6 / 254.0:
+            dx = 0.0001 / 254.0
+        # Padding holds the quantised image of 0.0 clamped to 8 bits, which
+        # is 0.0 only to within dx when 0.0 lies inside the data's range.
+        lo, hi = F32(data.min()), F32(data.max())
+        rng32 = F32(hi - lo)
+        if rng32 < 1e-6:
+            rng32 = F32(F32(lo + F32(0.0001)) - lo)
+        a = F32(254.0) / rng32
+        b = F32(F32(lo / rng32) + F32(0.5)) * F32(-254.0)
+        pad_err = abs(np.clip(np.trunc(b), -127, 127) - float(b)) / float(a) + dx
+        for name, (w, b_, s, p, d, groups) in weights.items():
+            y = conv_sum(x64, w, s, p, d, groups)
+            if b_ is not None:
+                y = y + b_
+            io.output(name, y.astype(F32))
+            io.output(name + "_q", y.astype(F32))
+            # Each input is off by less than dx, each padded value by
+            # pad_err, each weight by less than dw; plus the float rounding
+            # of the rescale.
+            dw = np.abs(w).max() / 127.0
+            aw = np.abs(w.astype(np.float64))
+            err = (conv_sum(np.abs(x64), np.full(w.shape, dw), s, p, d, groups)
+                   + conv_sum(np.ones_like(x64), aw + dw, s, p, d, groups) * dx
+                   + conv_sum(np.zeros_like(x64), aw + dw, s, p, d, groups, pad_value=1.0) * pad_err)
+            io.bound(name + "_q", err + 1e-5 * (1.0 + np.abs(y)))
+    save("conv", g, params, io, out_dir)
+
+
+# --------------------------------------------------------------- 8-bit
+
+
+def wrap32(v):
+    return ((np.asarray(v, dtype=np.int64) + 2**31) % 2**32) - 2**31
+
+
+def quanti_input(x, s, floor):
+    scaled = F32(2.0**s) * x
+    t = np.floor(scaled) if floor else np.trunc(scaled)
+    return np.clip(t, -128, 127).astype(np.int8)
+
+
+def alpha_conv(xq, in_shift, w, k, s, p, d, groups, bias=None, wshift=None, out_shift=0,
+               bn=None, edata=None, act=False, float_out=False):
+    """The 8-bit convolution and its output stage in integer arithmetic.
+    wshift: per-channel weight shifts; bn: (weight, right shift, weight
+    shift); edata: (tensor, shift).  Returns (output, shift)."""
+    acc = wrap32(conv_sum(xq.astype(np.int64), w.astype(np.int64), s, p, d, groups,
+                          dtype=np.int64))
+    wt = wshift.astype(np.int64)
+    if bias is not None:
+        acc = wrap32(acc + bias)
+    if bn is not None:
+        bw, rs, ws = (a.astype(np.int64) for a in bn)
+        acc = wrap32(np.clip(acc >> rs, -32768, 32767) * bw)
+        wt = ((wt + ws - rs + 128) % 256) - 128
+    m = 0
+    if edata is not None:
+        e, eshift = edata
+        align = wt + in_shift - eshift
+        m = min(0, int(align.min()))
+        if m == 0:
+            acc = wrap32(acc + (e.astype(np.int64) << (align % 32)))
+    if float_out:
+        v = np.where(act & (acc < 0), 0, acc)
+        return (v.astype(F32) * (2.0 ** -(wt + in_shift - m))).astype(F32), out_shift
+    r = acc >> ((wt + in_shift - out_shift - m) % 32)
+    if act:
+        q = np.where(acc < 0, 0, np.minimum(r, 127))
+    else:
+        q = np.clip(r, -128, 127)
+    return q.astype(np.int8), out_shift
+
+
+def quant_net(rng, out_dir):
+    """float (2, 7, 9, 6) -> QuantiInput (both scale modes) -> eight-bit
+    convolutions in every form, the small layers on top."""
+    g = SymbolGraph()
+    x = g.variable("data")
+    params = []
+    I8, I32 = np.int8, np.int32
+
+    def aux(name, values, dtype):
+        params.append(("aux:" + name, np.asarray(values, dtype=dtype)))
+        return g.variable(name)
+
+    qin = g.node("QuantiInput", "qin", [x, aux("qin_input_shift_history", [4], I8)],
+                 attr={"truncate": "floor"})
+    qin5 = g.node("QuantiInput", "qin5", [x, aux("qin5_input_shift_history", [3], I8)],
+                  attr={"truncate": "naive", "fixed_output_shift": "5"})
+
+    specs = {}
+
+    def alpha(name, src, k, nf, groups=1, s=(1, 1), p=(0, 0), d=(1, 1), bias=True, vec=False,
+              bn=False, edata=None, act=False, float_out=False, tw=True, out_shift=3,
+              src_channels=6, scalar_shift=7):
+        w = rng.integers(-128, 128, (nf,) + k + (src_channels // groups,)).astype(I8)
+        inputs = [src, g.variable(name + "_weight")]
+        params.append(("arg:%s_weight" % name, w))
+        b = None
+        if bias:
+            b = rng.integers(-3000, 3000, (nf,)).astype(I32)
+            inputs.append(g.variable(name + "_bias"))
+            params.append(("arg:%s_bias" % name, b))
+        if edata is not None:
+            inputs.append(edata)
+        wshift = (rng.integers(5, 9, (nf,)) if vec else np.full(nf, scalar_shift)).astype(I8)
+        auxes = [aux(name + "_output_shift_history", [out_shift], I8)]
+        key = "vec_" if vec else ""
+        auxes.append(aux("%s_weight_%sshift_history" % (name, key), wshift if vec else wshift[:1], I8))
+        if bias:
+            auxes.append(aux("%s_bias_%sshift_history" % (name, key), np.zeros(nf if vec else 1), I8))
+        bnp = None
+        if bn:
+            bnp = (rng.integers(-300, 300, (nf,)).astype(I32), rng.integers(0, 4, (nf,)).astype(I8),
+                   rng.integers(6, 10, (nf,)).astype(I8))
+            auxes += [aux(name + "_bn_weight", bnp[0], I32), aux(name + "_bn_right_shift", bnp[1], I8),
+                      aux(name + "_bn_weight_shift", bnp[2], I8)]
+        node = g.node("AlphaConvolution", name, inputs + auxes,
+                      attr=conv_attrs(k, s, p, d, nf, groups, no_bias=not bias, vector_quanti=vec,
+                                      use_batchnorm=bn, elementwise_input=edata is not None,
+                                      use_activation=act, disable_output_quantization=float_out,
+                                      transpose_weight=tw))
+        specs[name] = dict(w=w, k=k, s=s, p=p, d=d, groups=groups, bias=b,
+                           wshift=wshift, out_shift=out_shift, bn=bnp, act=act,
+                           float_out=float_out)
+        return node
+
+    a1 = alpha("a1", qin, (3, 3), 5, p=(1, 2))
+    alpha("a2", qin, (2, 3), 4, s=(2, 2), d=(2, 1), bias=False, vec=True, act=True, tw=False)
+    alpha("a3", qin, (3, 3), 6, groups=3, p=(1, 1), vec=True, bn=True, out_shift=2)
+    alpha("a4", qin5, (1, 1), 6, edata=qin, out_shift=4)
+    # edata finer than the accumulator: it is skipped, and the output's
+    # right shift grows by the gap.
+    alpha("a5", qin, (1, 1), 6, bias=False, edata=qin5, out_shift=2, scalar_shift=-2)
+    alpha("a6", a1, (3, 3), 3, p=(1, 1), act=True, float_out=True, src_channels=5)
+    alpha("a7", qin, (1, 1), 4, groups=2, float_out=True, vec=True)
+    alpha("a8", qin, (1, 1), 3, bn=True, act=True, out_shift=1)
+    qflat = g.node("QuantiFlatten", "qflat", [a1])
+    qact = g.node("QuantiActivation", "qact", [a1], attr={"act_type": "relu"})
+    nhcw_f = g.node("NHCW2Conv", "nhcw_f", [x])
+    nhcw_q = g.node("NHCW2Conv", "nhcw_q", [qin])
+    names = ["qin", "qin5", "a1", "a2", "a3", "a4", "a5", "a6", "a7", "a8"]
+    g.heads = [i for i, n in enumerate(g.nodes) if n["name"] in names and n["op"] != "null"]
+    g.heads += [qflat, qact, nhcw_f, nhcw_q]
+
+    io = IoFile()
+    calm = rng.uniform(-2.0, 2.0, (2, 7, 9, 6)).astype(F32)
+    wild = rng.normal(0, 6.0, (2, 7, 9, 6)).astype(F32)
+    wild[0, 0, 0, :4] = [1e10, -1e10, -0.01, -1.5 / 16]
+    for case, data in (("calm", calm), ("wild", wild)):
+        io.case(case)
+        io.input("data", data)
+        q = {"qin": (quanti_input(data, 4, True), 4), "qin5": (quanti_input(data, 5, False), 5)}
+        src = {"a1": "qin", "a2": "qin", "a3": "qin", "a4": "qin5", "a5": "qin", "a6": "a1",
+               "a7": "qin", "a8": "qin"}
+        edatas = {"a4": "qin", "a5": "qin5"}
+        for name in ["a1", "a2", "a3", "a4", "a5", "a6", "a7", "a8"]:
+            sp = specs[name]
+            xq, shift = q[src[name]]
+            e = q[edatas[name]] if name in edatas else None
+            q[name] = alpha_conv(xq, shift, sp["w"], sp["k"], sp["s"], sp["p"], sp["d"],
+                                 sp["groups"], bias=sp["bias"], wshift=sp["wshift"],
+                                 out_shift=sp["out_shift"], bn=sp["bn"], edata=e, act=sp["act"],
+                                 float_out=sp["float_out"])
+        a1q, a1s = q["a1"]
+        q["qflat"] = (a1q.transpose(0, 3, 2, 1).reshape(2, -1), a1s)
+        q["qact"] = (np.maximum(a1q, 0).astype(np.int8), a1s)
+        q["nhcw_q"] = (q["qin"][0].transpose(0, 1, 3, 2), 255)
+        io.output("nhcw_f", data.transpose(0, 1, 3, 2))
+        for key, (values, shift) in q.items():
+            io.output(key, values)
+            io.output(key + ".shift", np.array([shift]))
+    save("quant", g, params, io, out_dir)
+
+    # File errors: a per-channel shift table one entry short, and a weight
+    # stored with a filter too few.
+    bad = [(n, a[:-1] if n == "aux:a2_weight_vec_shift_history" else a) for n, a in params]
+    write_params(os.path.join(out_dir, "quant_short_table.params"), bad)
+    bad = [(n, a[:-1] if n == "arg:a1_weight" else a) for n, a in params]
+    write_params(os.path.join(out_dir, "quant_short_weight.params"), bad)
+
+
+def generate(out_dir):
+    rng = np.random.default_rng(20261123)
+    conv_net(rng, out_dir)
+    quant_net(rng, out_dir)
+
+
+NAMES = ["conv-symbol.json", "conv.params", "conv.io", "quant-symbol.json", "quant.params",
+         "quant.io", "quant_short_table.params", "quant_short_weight.params"]
+
+
+def main(argv):
+    out_dir = os.path.join(ROOT, "tests", "data", "net")
+    if argv[1:] != ["--check"]:
+        generate(out_dir)
+        return 0
+    with tempfile.TemporaryDirectory() as tmp:
+        generate(tmp)
+        stale = [n for n in NAMES
+                 if open(os.path.join(tmp, n), "rb").read() != open(os.path.join(out_dir, n), "rb").read()]
+    if stale:
+        print("stale test data, run tests/ruvo/gen_quant_fixtures.py: " + ", ".join(stale))
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv))

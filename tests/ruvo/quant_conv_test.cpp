@@ -1,0 +1,288 @@
+// Convolution (float and online 8-bit) and the 8-bit layers, run through the
+// prediction interface on nets written by gen_quant_fixtures.py: float
+// results against numpy within rounding, online 8-bit results within their
+// computed quantisation error, and 8-bit layers bit for bit with their
+// shifts.  Then the fatal checks on bad attributes, shapes and files.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ruvo/layer.h"
+#include "ruvo/src/layer/alphaconvolution.h"
+#include "ruvo/src/net.h"
+#include "tests/ruvo/death_text.h"
+#include "tests/ruvo/net_fixture.h"
+
+namespace {
+
+using net_test::GetOutput;
+using net_test::LoadModel;
+using net_test::Model;
+using net_test::Tensor;
+using orvik::ruvo::DefaultNet;
+using orvik::ruvo::Layer;
+using orvik::ruvo::LayerAttrs;
+using orvik::ruvo::NDArray;
+using orvik::ruvo::TShape;
+using ruvo_test::Fatal;
+using ruvo_test::RegexEscape;
+
+// Heads of the "conv" net, in graph order: each float convolution, then its
+// online 8-bit twin.
+const char* const kConvs[] = {"c_basic",     "c_stride_pad", "c_dilate",    "c_group",
+                              "c_group_1x1", "c_1x1",        "c_1x1_stride"};
+
+TEST(ConvolutionTest, FloatMatchesNumpyAndEightBitStaysWithinItsError) {
+  Model m = LoadModel("conv");
+  ASSERT_EQ(m.cases.size(), 2u);
+  for (const auto& c : m.cases) {
+    PredictorHandle h = net_test::Create(m, c);
+    ASSERT_NE(h, nullptr);
+    net_test::SetInputs(h, c);
+    EXPECT_EQ(MXPredForward(h), 0);
+    for (uint32_t i = 0; i < 2 * std::size(kConvs); ++i) {
+      const std::string key = std::string(kConvs[i / 2]) + (i % 2 ? "_q" : "");
+      const std::string what = c.name + "/" + key;
+      Tensor got = GetOutput(h, i);
+      const Tensor& want = c.outputs.at(key);
+      if (i % 2 == 0) {
+        // A few dozen float products per element, summed in another order.
+        net_test::ExpectNear(got, want, 1e-5f, 1e-5f, what);
+        continue;
+      }
+      ASSERT_EQ(got.shape, want.shape) << what;
+      const Tensor& bound = c.bounds.at(key);
+      double max_err = 0;
+      for (size_t j = 0; j < want.values.size(); ++j) {
+        const double err = std::fabs(got.values[j] - want.values[j]);
+        ASSERT_LE(err, bound.values[j]) << what << " element " << j;
+        max_err = std::max(max_err, err);
+      }
+      if (c.name == "mixed") {
+        EXPECT_GT(max_err, 0.0) << what << ": not the 8-bit path";
+      }
+    }
+    // Weights are prepared once; a second run gives the same.
+    Tensor first = GetOutput(h, 1);
+    MXPredForward(h);
+    EXPECT_EQ(GetOutput(h, 1).values, first.values);
+    MXPredFree(h);
+  }
+}
+
+// Heads of the "quant" net, in graph order; float ones are compared bit for
+// bit like the 8-bit ones.
+struct Head {
+  const char* key;
+  bool is_float;
+};
+const Head kQuantHeads[] = {{"qin", false},  {"qin5", false},  {"a1", false},    {"a2", false},
+                            {"a3", false},   {"a4", false},    {"a5", false},    {"a6", true},
+                            {"a7", true},    {"a8", false},    {"qflat", false}, {"qact", false},
+                            {"nhcw_f", true}, {"nhcw_q", false}};
+
+// An 8-bit output: GetOutput copies it at one byte an element.
+std::vector<signed char> GetBytes(PredictorHandle h, uint32_t index, size_t count) {
+  std::vector<float> raw((count + 3) / 4);
+  MXPredGetOutput(h, index, raw.data(), static_cast<uint32_t>(count));
+  const auto* p = reinterpret_cast<const signed char*>(raw.data());
+  return std::vector<signed char>(p, p + count);
+}
+
+TEST(QuantisedNetTest, OutputsAndShiftsAreExact) {
+  Model m = LoadModel("quant");
+  ASSERT_EQ(m.cases.size(), 2u);
+  for (const auto& c : m.cases) {
+    PredictorHandle h = net_test::Create(m, c);
+    ASSERT_NE(h, nullptr);
+    net_test::SetInputs(h, c);
+    EXPECT_EQ(MXPredForward(h), 0);
+    // The shifts are not visible through the prediction interface: the same
+    // net, built directly, shows them.
+    DefaultNet net;
+    net_test::InputSpec s = net_test::SpecOf(c);
+    ASSERT_EQ(net.Config(m.json.c_str(), m.params.data(), m.params.size(), 1, s.keys.data(),
+                         s.indptr.data(), s.data.data(), 0, nullptr),
+              0);
+    net.SetInput("data", c.inputs[0].second.values.data(),
+                 static_cast<uint32_t>(c.inputs[0].second.values.size()));
+    net.Forward();
+    for (uint32_t i = 0; i < std::size(kQuantHeads); ++i) {
+      const std::string key = kQuantHeads[i].key;
+      const std::string what = c.name + "/" + key;
+      const Tensor& want = c.outputs.at(key);
+      Tensor got = GetOutput(h, i);
+      ASSERT_EQ(got.shape, want.shape) << what;
+      if (kQuantHeads[i].is_float) {
+        for (size_t j = 0; j < want.values.size(); ++j) {
+          ASSERT_EQ(got.values[j], want.values[j]) << what << " element " << j;
+        }
+        continue;
+      }
+      std::vector<signed char> bytes = GetBytes(h, i, want.values.size());
+      for (size_t j = 0; j < want.values.size(); ++j) {
+        ASSERT_EQ(bytes[j], static_cast<signed char>(want.values[j])) << what << " element " << j;
+      }
+      const NDArray& blob = net.blobs()[net.outs_blobs_index()[i]];
+      EXPECT_EQ(blob.shift_, static_cast<int>(c.outputs.at(key + ".shift").values[0])) << what;
+    }
+    MXPredFree(h);
+  }
+}
+
+// ------------------------------------------------------ single layers
+
+std::unique_ptr<Layer> MakeLayer(const std::string& op, const LayerAttrs& attrs) {
+  std::unique_ptr<Layer> layer(orvik::ruvo::create_layer(orvik::ruvo::layer_to_index(op.c_str())));
+  EXPECT_NE(layer, nullptr) << op;
+  if (layer) layer->Init(attrs);
+  return layer;
+}
+
+TEST(AlphaConvolutionTest, InputsAndStatesFollowTheFlags) {
+  auto full = MakeLayer("AlphaConvolution", {{"kernel", "(3,3)"},
+                                             {"num_filter", "8"},
+                                             {"elementwise_input", "True"},
+                                             {"use_batchnorm", "True"},
+                                             {"vector_quanti", "True"}});
+  EXPECT_EQ(full->ListArguments(), (std::vector<std::string>{"data", "weight", "bias", "edata"}));
+  EXPECT_EQ(full->ListAuxiliaryStates(),
+            (std::vector<std::string>{"output_shift_history", "weight_vec_shift_history",
+                                      "bias_vec_shift_history", "bn_weight", "bn_right_shift",
+                                      "bn_weight_shift"}));
+  EXPECT_EQ(full->GetInputBatchBlobs(), (std::vector<uint32_t>{0, 3}));
+  std::vector<TShape> in = {TShape{2, 5, 6, 4}, TShape(), TShape(), TShape{2, 3, 4, 8}};
+  std::vector<TShape> out(1);
+  std::vector<TShape> aux(6);
+  EXPECT_TRUE(full->InferShape(in, out, aux));
+  EXPECT_EQ(in[1], (TShape{8, 3, 3, 4}));
+  EXPECT_EQ(out[0], (TShape{2, 3, 4, 8}));
+  EXPECT_EQ(aux, (std::vector<TShape>{TShape{1}, TShape{8}, TShape{8}, TShape{8}, TShape{8},
+                                      TShape{8}}));
+  std::vector<int> types = {5, -1, -1, -1};
+  std::vector<int> otype(1);
+  std::vector<int> atype;
+  full->InferType(types, otype, atype);
+  EXPECT_EQ(types, (std::vector<int>{5, 5, 4, 5}));
+  EXPECT_EQ(atype, (std::vector<int>{5, 5, 5, 4, 5, 5}));
+
+  auto bare = MakeLayer("AlphaConvolution",
+                        {{"kernel", "(1,1)"}, {"no_bias", "True"}, {"elementwise_input", "True"},
+                         {"use_batchnorm", "True"}, {"disable_output_quantization", "True"}});
+  auto* alpha = static_cast<orvik::ruvo::AlphaConvolution*>(bare.get());
+  EXPECT_EQ(alpha->edata_index(), 2u);
+  EXPECT_EQ(alpha->bn_index(3), 2u);
+  EXPECT_EQ(bare->ListAuxiliaryStates().size(), 5u);
+  std::vector<int> t2 = {5, -1, -1};
+  bare->InferType(t2, otype, atype);
+  EXPECT_EQ(otype, (std::vector<int>{0}));
+}
+
+// Bad attributes and shapes are fatal at build time, bad files at the first
+// run, with the layers' own words.
+struct FatalCase {
+  const char* name;
+  const char* op;
+  LayerAttrs attrs;
+  std::vector<TShape> in;  // empty: the failure is in Init
+  std::string expected;
+};
+
+class ConvDeathTest : public testing::TestWithParam<FatalCase> {};
+
+TEST_P(ConvDeathTest, Aborts) {
+  const FatalCase& fc = GetParam();
+  EXPECT_DEATH(
+      {
+        auto layer = MakeLayer(fc.op, fc.attrs);
+        std::vector<TShape> in = fc.in;
+        std::vector<TShape> out(1);
+        std::vector<TShape> aux;
+        layer->InferShape(in, out, aux);
+      },
+      fc.expected);
+}
+
+const LayerAttrs k3x3 = {{"kernel", "(3,3)"}, {"num_filter", "4"}};
+
+INSTANTIATE_TEST_SUITE_P(
+    Layers, ConvDeathTest,
+    testing::Values(
+        FatalCase{"NoKernel", "Convolution", {{"num_filter", "2"}}, {},
+                  Fatal("kernel_.ndim() == 2 (0 vs. 2)", "")},
+        FatalCase{"TooManyFilters", "AlphaConvolution",
+                  {{"kernel", "(1,1)"}, {"num_filter", "100001"}}, {},
+                  RegexEscape("Check failed: num_filter_ >= 1 && num_filter_ <= 100000")},
+        FatalCase{"ZeroStride", "Convolution",
+                  {{"kernel", "(1,1)"}, {"num_filter", "1"}, {"stride", "(0,1)"}}, {},
+                  RegexEscape("kernel, stride and dilate must be positive")},
+        FatalCase{"BadBool", "AlphaConvolution", {{"kernel", "(1,1)"}, {"vector_quanti", "true"}},
+                  {},
+                  RegexEscape("Check failed: ((vector_quanti_symbol) == \"True\" || "
+                              "(vector_quanti_symbol) == \"False\")")},
+        FatalCase{"DataNot4d", "Convolution", k3x3, {TShape{5, 5, 2}, TShape(), TShape()},
+                  Fatal("dshape.ndim() == 4 (3 vs. 4)",
+                        "Input data should be 4D in batch-y-x-num_filter")},
+        FatalCase{"GroupsSplitChannels", "Convolution",
+                  {{"kernel", "(1,1)"}, {"num_filter", "4"}, {"num_group", "2"}},
+                  {TShape{1, 3, 3, 7}, TShape(), TShape()},
+                  // The report is a printf format, so "% n" of the check text
+                  // does not survive printing; the message line does.
+                  RegexEscape("\n# input num_filter must divide group size")},
+        FatalCase{"WeightShape", "AlphaConvolution", k3x3,
+                  {TShape{1, 5, 5, 2}, TShape{4, 3, 3, 3}, TShape()},
+                  Fatal("out == Shape4(num_filter_, kernel_[0], kernel_[1], dshape[3] / "
+                        "num_group_)",
+                        "Shape inconsistent, Provided (4,3,3,3) inferrend shape=(4,3,3,2)")},
+        FatalCase{"KernelExceedsInput", "Convolution",
+                  {{"kernel", "(3,3)"}, {"num_filter", "1"}, {"dilate", "(3,1)"}},
+                  {TShape{1, 6, 6, 1}, TShape(), TShape()},
+                  RegexEscape("kernel size exceed input")},
+        FatalCase{"EdataShape", "AlphaConvolution",
+                  {{"kernel", "(1,1)"}, {"num_filter", "2"}, {"elementwise_input", "True"}},
+                  {TShape{1, 3, 3, 2}, TShape(), TShape(), TShape{1, 3, 3, 3}},
+                  Fatal("out_shape[0] == in_shape[3]", "mismatch shape for elementwise_data ")},
+        FatalCase{"UnknownTruncate", "QuantiInput", {{"truncate", "round"}}, {},
+                  RegexEscape("Check failed: quanti_input::truncate_map.count(trun_type_symbol)")},
+        FatalCase{"NhcwNot4d", "NHCW2Conv", {}, {TShape{2, 3, 4}},
+                  Fatal("shape0.ndim() == 4 (3 vs. 4)", "")}),
+    [](const testing::TestParamInfo<FatalCase>& info) { return std::string(info.param.name); });
+
+// "ceil" is a known word that no run accepts.
+TEST(QuantiInputDeathTest, CeilIsRefusedAtRun) {
+  auto layer = MakeLayer("QuantiInput", {{"truncate", "ceil"}, {"fixed_output_shift", "2"}});
+  NDArray in(TShape{1, 4}, orvik::ruvo::kFloat32);
+  NDArray out(TShape{1, 4}, orvik::ruvo::kInt8);
+  std::vector<NDArray*> bottoms = {&in};
+  std::vector<NDArray*> tops = {&out};
+  std::vector<NDArray*> auxes;
+  EXPECT_DEATH(layer->Forward(bottoms, tops, auxes), Fatal("false", "Not support ceil!"));
+}
+
+// Parameter files whose arrays do not fit the graph fail at the first run.
+TEST(QuantisedNetDeathTest, FileErrorsAreFatal) {
+  const struct {
+    const char* params;
+    const char* expected;
+  } files[] = {
+      {"quant_short_table", "weight_vec_shift_history must hold one entry per output channel"},
+      {"quant_short_weight", "weight does not match the convolution"},
+  };
+  for (const auto& f : files) {
+    Model m = LoadModel("quant", f.params);
+    EXPECT_DEATH(
+        {
+          PredictorHandle h = net_test::Create(m, m.cases.at(0));
+          net_test::SetInputs(h, m.cases.at(0));
+          MXPredForward(h);
+        },
+        RegexEscape(f.expected))
+        << f.params;
+  }
+}
+
+}  // namespace
