@@ -236,7 +236,7 @@ def quant_net(rng, out_dir):
     a1 = alpha("a1", qin, (3, 3), 5, p=(1, 2))
     alpha("a2", qin, (2, 3), 4, s=(2, 2), d=(2, 1), bias=False, vec=True, act=True, tw=False)
     alpha("a3", qin, (3, 3), 6, groups=3, p=(1, 1), vec=True, bn=True, out_shift=2)
-    alpha("a4", qin5, (1, 1), 6, edata=qin, out_shift=4)
+    alpha("a4", qin5, (1, 1), 6, edata=qin, out_shift=4, act=True)
     # edata finer than the accumulator: it is skipped, and the output's
     # right shift grows by the gap.
     alpha("a5", qin, (1, 1), 6, bias=False, edata=qin5, out_shift=2, scalar_shift=-2)

@@ -17,6 +17,11 @@
 #include "tests/ruvo/death_text.h"
 #include "tests/ruvo/net_fixture.h"
 
+// Allocations made so far by this binary through operator new (replaced in
+// alloc_counter.cpp).  Tensor storage is made with make_shared, so a new
+// tensor or a grown scratch buffer is counted too.
+long AllocCount();
+
 namespace {
 
 using net_test::GetOutput;
@@ -130,6 +135,29 @@ TEST(QuantisedNetTest, OutputsAndShiftsAreExact) {
       const NDArray& blob = net.blobs()[net.outs_blobs_index()[i]];
       EXPECT_EQ(blob.shift_, static_cast<int>(c.outputs.at(key + ".shift").values[0])) << what;
     }
+    MXPredFree(h);
+  }
+}
+
+// After the first run, which prepares weights and grows the scratch, a run
+// allocates nothing.
+TEST(ConvAllocTest, SteadyStateRunsAllocateNothing) {
+  const long start = AllocCount();
+  Model probe = LoadModel("conv");
+  ASSERT_GT(AllocCount(), start) << "the counter sees allocations";
+  for (const char* name : {"conv", "quant"}) {
+    Model m = LoadModel(name);
+    const auto& c = m.cases.at(0);
+    PredictorHandle h = net_test::Create(m, c);
+    ASSERT_NE(h, nullptr) << name;
+    net_test::SetInputs(h, c);
+    MXPredForward(h);
+    const long before = AllocCount();
+    for (int i = 0; i < 3; ++i) {
+      net_test::SetInputs(h, c);
+      MXPredForward(h);
+    }
+    EXPECT_EQ(AllocCount() - before, 0) << name;
     MXPredFree(h);
   }
 }

@@ -75,18 +75,28 @@ void OutputStage::Run(int32_t* acc, index_t positions, signed char* out8, float*
     }
     return;
   }
+  // With one right shift for all channels (a per-layer weight shift) the
+  // narrowing is a plain clamp over the whole block, which vectorises; the
+  // rectified form is the clamp to [0, 127], as a negative sum shifts to a
+  // negative value.
+  const int32_t lo = use_activation ? 0 : -128;
+  const int32_t s0 = (w[0] + in_shift - out_shift - m) & 31;
+  bool uniform = true;
+  for (size_t c = 1; c < nc; ++c) uniform = uniform && ((w[c] + in_shift - out_shift - m) & 31) == s0;
+  if (uniform) {
+    const size_t total = static_cast<size_t>(positions) * nc;
+    for (size_t i = 0; i < total; ++i) {
+      const int32_t v = acc[i] >> s0;
+      out8[i] = static_cast<signed char>(v < lo ? lo : (v > 127 ? 127 : v));
+    }
+    return;
+  }
   for (index_t p = 0; p < positions; ++p) {
     const int32_t* row = acc + p * nc;
     signed char* o = out8 + p * nc;
-    if (use_activation) {
-      for (size_t c = 0; c < nc; ++c) {
-        const int32_t s = w[c] + in_shift - out_shift - m;
-        o[c] = row[c] < 0 ? 0 : static_cast<signed char>(std::min(ShiftRight(row[c], s), 127));
-      }
-    } else {
-      for (size_t c = 0; c < nc; ++c) {
-        o[c] = SaturateInt8(ShiftRight(row[c], w[c] + in_shift - out_shift - m));
-      }
+    for (size_t c = 0; c < nc; ++c) {
+      const int32_t v = ShiftRight(row[c], w[c] + in_shift - out_shift - m);
+      o[c] = static_cast<signed char>(v < lo ? lo : (v > 127 ? 127 : v));
     }
   }
 }
