@@ -56,11 +56,10 @@ def conv_attrs(k, stride=(1, 1), pad=(0, 0), dilate=(1, 1), nf=1, groups=1, **fl
     return a
 
 
-def save(name, graph, params, io, out_dir, params_name=None):
+def save(name, graph, params, io, out_dir):
     graph.write(os.path.join(out_dir, name + "-symbol.json"))
-    write_params(os.path.join(out_dir, (params_name or name) + ".params"), params)
-    if io is not None:
-        io.write(os.path.join(out_dir, name + ".io"))
+    write_params(os.path.join(out_dir, name + ".params"), params)
+    io.write(os.path.join(out_dir, name + ".io"))
 
 
 # ------------------------------------------------------------ float conv
@@ -196,60 +195,57 @@ def quant_net(rng, out_dir):
     qin5 = g.node("QuantiInput", "qin5", [x, aux("qin5_input_shift_history", [3], I8)],
                   attr={"truncate": "naive", "fixed_output_shift": "5"})
 
-    specs = {}
+    nodes = {"qin": qin, "qin5": qin5}
+    refs = []  # (name, expected output from the tensors computed so far)
 
     def alpha(name, src, k, nf, groups=1, s=(1, 1), p=(0, 0), d=(1, 1), bias=True, vec=False,
               bn=False, edata=None, act=False, float_out=False, tw=True, out_shift=3,
               src_channels=6, scalar_shift=7):
         w = rng.integers(-128, 128, (nf,) + k + (src_channels // groups,)).astype(I8)
-        inputs = [src, g.variable(name + "_weight")]
         params.append(("arg:%s_weight" % name, w))
-        b = None
+        inputs = [nodes[src], g.variable(name + "_weight")]
+        b = rng.integers(-3000, 3000, (nf,)).astype(I32) if bias else None
         if bias:
-            b = rng.integers(-3000, 3000, (nf,)).astype(I32)
-            inputs.append(g.variable(name + "_bias"))
             params.append(("arg:%s_bias" % name, b))
+            inputs.append(g.variable(name + "_bias"))
         if edata is not None:
-            inputs.append(edata)
+            inputs.append(nodes[edata])
         wshift = (rng.integers(5, 9, (nf,)) if vec else np.full(nf, scalar_shift)).astype(I8)
-        auxes = [aux(name + "_output_shift_history", [out_shift], I8)]
         key = "vec_" if vec else ""
-        auxes.append(aux("%s_weight_%sshift_history" % (name, key), wshift if vec else wshift[:1], I8))
+        inputs += [aux(name + "_output_shift_history", [out_shift], I8),
+                   aux("%s_weight_%sshift_history" % (name, key), wshift if vec else wshift[:1], I8)]
         if bias:
-            auxes.append(aux("%s_bias_%sshift_history" % (name, key), np.zeros(nf if vec else 1), I8))
+            inputs.append(aux("%s_bias_%sshift_history" % (name, key), np.zeros(nf if vec else 1), I8))
         bnp = None
         if bn:
             bnp = (rng.integers(-300, 300, (nf,)).astype(I32), rng.integers(0, 4, (nf,)).astype(I8),
                    rng.integers(6, 10, (nf,)).astype(I8))
-            auxes += [aux(name + "_bn_weight", bnp[0], I32), aux(name + "_bn_right_shift", bnp[1], I8),
-                      aux(name + "_bn_weight_shift", bnp[2], I8)]
-        node = g.node("AlphaConvolution", name, inputs + auxes,
-                      attr=conv_attrs(k, s, p, d, nf, groups, no_bias=not bias, vector_quanti=vec,
-                                      use_batchnorm=bn, elementwise_input=edata is not None,
-                                      use_activation=act, disable_output_quantization=float_out,
-                                      transpose_weight=tw))
-        specs[name] = dict(w=w, k=k, s=s, p=p, d=d, groups=groups, bias=b,
-                           wshift=wshift, out_shift=out_shift, bn=bnp, act=act,
-                           float_out=float_out)
-        return node
+            inputs += [aux(name + "_bn_" + n, v, v.dtype)
+                       for n, v in zip(["weight", "right_shift", "weight_shift"], bnp)]
+        nodes[name] = g.node(
+            "AlphaConvolution", name, inputs,
+            attr=conv_attrs(k, s, p, d, nf, groups, no_bias=not bias, vector_quanti=vec,
+                            use_batchnorm=bn, elementwise_input=edata is not None,
+                            use_activation=act, disable_output_quantization=float_out,
+                            transpose_weight=tw))
+        refs.append((name, lambda q: alpha_conv(
+            q[src][0], q[src][1], w, k, s, p, d, groups, bias=b, wshift=wshift,
+            out_shift=out_shift, bn=bnp, edata=q.get(edata), act=act, float_out=float_out)))
 
-    a1 = alpha("a1", qin, (3, 3), 5, p=(1, 2))
-    alpha("a2", qin, (2, 3), 4, s=(2, 2), d=(2, 1), bias=False, vec=True, act=True, tw=False)
-    alpha("a3", qin, (3, 3), 6, groups=3, p=(1, 1), vec=True, bn=True, out_shift=2)
-    alpha("a4", qin5, (1, 1), 6, edata=qin, out_shift=4, act=True)
+    alpha("a1", "qin", (3, 3), 5, p=(1, 2))
+    alpha("a2", "qin", (2, 3), 4, s=(2, 2), d=(2, 1), bias=False, vec=True, act=True, tw=False)
+    alpha("a3", "qin", (3, 3), 6, groups=3, p=(1, 1), vec=True, bn=True, out_shift=2)
+    alpha("a4", "qin5", (1, 1), 6, edata="qin", out_shift=4, act=True)
     # edata finer than the accumulator: it is skipped, and the output's
     # right shift grows by the gap.
-    alpha("a5", qin, (1, 1), 6, bias=False, edata=qin5, out_shift=2, scalar_shift=-2)
-    alpha("a6", a1, (3, 3), 3, p=(1, 1), act=True, float_out=True, src_channels=5)
-    alpha("a7", qin, (1, 1), 4, groups=2, float_out=True, vec=True)
-    alpha("a8", qin, (1, 1), 3, bn=True, act=True, out_shift=1)
-    qflat = g.node("QuantiFlatten", "qflat", [a1])
-    qact = g.node("QuantiActivation", "qact", [a1], attr={"act_type": "relu"})
-    nhcw_f = g.node("NHCW2Conv", "nhcw_f", [x])
-    nhcw_q = g.node("NHCW2Conv", "nhcw_q", [qin])
-    names = ["qin", "qin5", "a1", "a2", "a3", "a4", "a5", "a6", "a7", "a8"]
-    g.heads = [i for i, n in enumerate(g.nodes) if n["name"] in names and n["op"] != "null"]
-    g.heads += [qflat, qact, nhcw_f, nhcw_q]
+    alpha("a5", "qin", (1, 1), 6, bias=False, edata="qin5", out_shift=2, scalar_shift=-2)
+    alpha("a6", "a1", (3, 3), 3, p=(1, 1), act=True, float_out=True, src_channels=5)
+    alpha("a7", "qin", (1, 1), 4, groups=2, float_out=True, vec=True)
+    alpha("a8", "qin", (1, 1), 3, bn=True, act=True, out_shift=1)
+    g.heads = [nodes[n] for n in ["qin", "qin5", "a1", "a2", "a3", "a4", "a5", "a6", "a7", "a8"]]
+    g.heads += [g.node("QuantiFlatten", "qflat", [nodes["a1"]]),
+                g.node("QuantiActivation", "qact", [nodes["a1"]], attr={"act_type": "relu"}),
+                g.node("NHCW2Conv", "nhcw_f", [x]), g.node("NHCW2Conv", "nhcw_q", [qin])]
 
     io = IoFile()
     calm = rng.uniform(-2.0, 2.0, (2, 7, 9, 6)).astype(F32)
@@ -259,17 +255,8 @@ def quant_net(rng, out_dir):
         io.case(case)
         io.input("data", data)
         q = {"qin": (quanti_input(data, 4, True), 4), "qin5": (quanti_input(data, 5, False), 5)}
-        src = {"a1": "qin", "a2": "qin", "a3": "qin", "a4": "qin5", "a5": "qin", "a6": "a1",
-               "a7": "qin", "a8": "qin"}
-        edatas = {"a4": "qin", "a5": "qin5"}
-        for name in ["a1", "a2", "a3", "a4", "a5", "a6", "a7", "a8"]:
-            sp = specs[name]
-            xq, shift = q[src[name]]
-            e = q[edatas[name]] if name in edatas else None
-            q[name] = alpha_conv(xq, shift, sp["w"], sp["k"], sp["s"], sp["p"], sp["d"],
-                                 sp["groups"], bias=sp["bias"], wshift=sp["wshift"],
-                                 out_shift=sp["out_shift"], bn=sp["bn"], edata=e, act=sp["act"],
-                                 float_out=sp["float_out"])
+        for name, ref in refs:
+            q[name] = ref(q)
         a1q, a1s = q["a1"]
         q["qflat"] = (a1q.transpose(0, 3, 2, 1).reshape(2, -1), a1s)
         q["qact"] = (np.maximum(a1q, 0).astype(np.int8), a1s)
@@ -282,10 +269,9 @@ def quant_net(rng, out_dir):
 
     # File errors: a per-channel shift table one entry short, and a weight
     # stored with a filter too few.
-    bad = [(n, a[:-1] if n == "aux:a2_weight_vec_shift_history" else a) for n, a in params]
-    write_params(os.path.join(out_dir, "quant_short_table.params"), bad)
-    bad = [(n, a[:-1] if n == "arg:a1_weight" else a) for n, a in params]
-    write_params(os.path.join(out_dir, "quant_short_weight.params"), bad)
+    for file, short in (("table", "aux:a2_weight_vec_shift_history"), ("weight", "arg:a1_weight")):
+        write_params(os.path.join(out_dir, "quant_short_%s.params" % file),
+                     [(n, a[:-1] if n == short else a) for n, a in params])
 
 
 def generate(out_dir):

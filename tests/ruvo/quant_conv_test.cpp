@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "ruvo/layer.h"
-#include "ruvo/src/layer/alphaconvolution.h"
 #include "ruvo/src/net.h"
 #include "tests/ruvo/death_text.h"
 #include "tests/ruvo/net_fixture.h"
@@ -169,45 +168,6 @@ std::unique_ptr<Layer> MakeLayer(const std::string& op, const LayerAttrs& attrs)
   EXPECT_NE(layer, nullptr) << op;
   if (layer) layer->Init(attrs);
   return layer;
-}
-
-TEST(AlphaConvolutionTest, InputsAndStatesFollowTheFlags) {
-  auto full = MakeLayer("AlphaConvolution", {{"kernel", "(3,3)"},
-                                             {"num_filter", "8"},
-                                             {"elementwise_input", "True"},
-                                             {"use_batchnorm", "True"},
-                                             {"vector_quanti", "True"}});
-  EXPECT_EQ(full->ListArguments(), (std::vector<std::string>{"data", "weight", "bias", "edata"}));
-  EXPECT_EQ(full->ListAuxiliaryStates(),
-            (std::vector<std::string>{"output_shift_history", "weight_vec_shift_history",
-                                      "bias_vec_shift_history", "bn_weight", "bn_right_shift",
-                                      "bn_weight_shift"}));
-  EXPECT_EQ(full->GetInputBatchBlobs(), (std::vector<uint32_t>{0, 3}));
-  std::vector<TShape> in = {TShape{2, 5, 6, 4}, TShape(), TShape(), TShape{2, 3, 4, 8}};
-  std::vector<TShape> out(1);
-  std::vector<TShape> aux(6);
-  EXPECT_TRUE(full->InferShape(in, out, aux));
-  EXPECT_EQ(in[1], (TShape{8, 3, 3, 4}));
-  EXPECT_EQ(out[0], (TShape{2, 3, 4, 8}));
-  EXPECT_EQ(aux, (std::vector<TShape>{TShape{1}, TShape{8}, TShape{8}, TShape{8}, TShape{8},
-                                      TShape{8}}));
-  std::vector<int> types = {5, -1, -1, -1};
-  std::vector<int> otype(1);
-  std::vector<int> atype;
-  full->InferType(types, otype, atype);
-  EXPECT_EQ(types, (std::vector<int>{5, 5, 4, 5}));
-  EXPECT_EQ(atype, (std::vector<int>{5, 5, 5, 4, 5, 5}));
-
-  auto bare = MakeLayer("AlphaConvolution",
-                        {{"kernel", "(1,1)"}, {"no_bias", "True"}, {"elementwise_input", "True"},
-                         {"use_batchnorm", "True"}, {"disable_output_quantization", "True"}});
-  auto* alpha = static_cast<orvik::ruvo::AlphaConvolution*>(bare.get());
-  EXPECT_EQ(alpha->edata_index(), 2u);
-  EXPECT_EQ(alpha->bn_index(3), 2u);
-  EXPECT_EQ(bare->ListAuxiliaryStates().size(), 5u);
-  std::vector<int> t2 = {5, -1, -1};
-  bare->InferType(t2, otype, atype);
-  EXPECT_EQ(otype, (std::vector<int>{0}));
 }
 
 // Bad attributes and shapes are fatal at build time, bad files at the first
