@@ -127,11 +127,10 @@ TEST(QuantisedNetTest, OutputsAndShiftsAreExact) {
 // After the first run, which prepares weights and grows the scratch, a run
 // allocates nothing.
 TEST(ConvAllocTest, SteadyStateRunsAllocateNothing) {
-  const long start = AllocCount();
-  Model probe = LoadModel("conv");
-  ASSERT_GT(AllocCount(), start) << "the counter sees allocations";
   for (const char* name : {"conv", "quant"}) {
+    const long start = AllocCount();
     Model m = LoadModel(name);
+    ASSERT_GT(AllocCount(), start) << "the counter sees allocations";
     const auto& c = m.cases.at(0);
     PredictorHandle h = net_test::Create(m, c);
     ASSERT_NE(h, nullptr) << name;
@@ -146,8 +145,6 @@ TEST(ConvAllocTest, SteadyStateRunsAllocateNothing) {
     MXPredFree(h);
   }
 }
-
-// ------------------------------------------------------ single layers
 
 std::unique_ptr<Layer> MakeLayer(const std::string& op, const LayerAttrs& attrs) {
   std::unique_ptr<Layer> layer(orvik::ruvo::create_layer(orvik::ruvo::layer_to_index(op.c_str())));
@@ -170,15 +167,8 @@ class ConvDeathTest : public testing::TestWithParam<FatalCase> {};
 
 TEST_P(ConvDeathTest, Aborts) {
   const FatalCase& fc = GetParam();
-  EXPECT_DEATH(
-      {
-        auto layer = MakeLayer(fc.op, fc.attrs);
-        std::vector<TShape> in = fc.in;
-        std::vector<TShape> out(1);
-        std::vector<TShape> aux;
-        layer->InferShape(in, out, aux);
-      },
-      fc.expected);
+  std::vector<TShape> in = fc.in, out(1), aux;
+  EXPECT_DEATH(MakeLayer(fc.op, fc.attrs)->InferShape(in, out, aux), fc.expected);
 }
 
 const LayerAttrs k3x3 = {{"kernel", "(3,3)"}, {"num_filter", "4"}};
@@ -229,11 +219,8 @@ INSTANTIATE_TEST_SUITE_P(
 // "ceil" is a known word that no run accepts.
 TEST(QuantiInputDeathTest, CeilIsRefusedAtRun) {
   auto layer = MakeLayer("QuantiInput", {{"truncate", "ceil"}, {"fixed_output_shift", "2"}});
-  NDArray in(TShape{1, 4}, orvik::ruvo::kFloat32);
-  NDArray out(TShape{1, 4}, orvik::ruvo::kInt8);
-  std::vector<NDArray*> bottoms = {&in};
-  std::vector<NDArray*> tops = {&out};
-  std::vector<NDArray*> auxes;
+  NDArray in(TShape{1, 4}, orvik::ruvo::kFloat32), out(TShape{1, 4}, orvik::ruvo::kInt8);
+  std::vector<NDArray*> bottoms = {&in}, tops = {&out}, auxes;
   EXPECT_DEATH(layer->Forward(bottoms, tops, auxes), Fatal("false", "Not support ceil!"));
 }
 
