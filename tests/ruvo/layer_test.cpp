@@ -37,43 +37,13 @@ class RegistryTest : public ::testing::Test {
 
 TEST_F(RegistryTest, EveryOperatorNameHasItsIndex) {
   const char* const names[] = {
-      "Input",
-      "FullyConnected",
-      "Activation",
-      "Pooling",
-      "SoftmaxActivation",
-      "Concat",
-      "_Plus",
-      "elemwise_add",
-      "Convolution",
-      "Flatten",
-      "BatchNorm",
-      "QuantiInput",
-      "AlphaPooling",
-      "QuantiFlatten",
-      "QuantiActivation",
-      "NHCW2Conv",
-      "AlphaConvolution",
-      "AlphaUpscale",
-      "QuantiFullyConnected",
-      "SoftmaxOutput",
-      "Reshape",
-      "slice_axis",
-      "_mul_scalar",
-      "_MulScalar",
-      "_plus_scalar",
-      "_PlusScalar",
-      "add_n",
-      "ElementWiseSum",
-      "broadcast_mul",
-      "RNN",
-      "Dropout",
-      "sum",
-      "AlphaPlusConvolution",
-      "UpSampling",
-      "QuantiTemporalConvolution",
-      "slice",
-  };
+      "Input", "FullyConnected", "Activation", "Pooling", "SoftmaxActivation", "Concat", "_Plus",
+      "elemwise_add", "Convolution", "Flatten", "BatchNorm", "QuantiInput", "AlphaPooling",
+      "QuantiFlatten", "QuantiActivation", "NHCW2Conv", "AlphaConvolution", "AlphaUpscale",
+      "QuantiFullyConnected", "SoftmaxOutput", "Reshape", "slice_axis", "_mul_scalar",
+      "_MulScalar", "_plus_scalar", "_PlusScalar", "add_n", "ElementWiseSum", "broadcast_mul",
+      "RNN", "Dropout", "sum", "AlphaPlusConvolution", "UpSampling", "QuantiTemporalConvolution",
+      "slice"};
   ASSERT_EQ(sizeof(names) / sizeof(names[0]), 36u);
   for (int i = 0; i < 36; ++i) EXPECT_EQ(layer_to_index(names[i]), i) << names[i];
   EXPECT_TRUE(sink_.lines.empty());
@@ -95,87 +65,47 @@ TEST_F(RegistryTest, IndicesOutsideTheTableGiveNull) {
   }
 }
 
-TEST_F(RegistryTest, CreatesInputFresh) {
-  std::unique_ptr<Layer> layer(create_layer(0));
-  ASSERT_NE(layer, nullptr);
-  EXPECT_NE(dynamic_cast<Input*>(layer.get()), nullptr);
-  EXPECT_FALSE(layer->inited_);
-  EXPECT_TRUE(layer->bottoms_.empty());
-  EXPECT_TRUE(layer->auxes_.empty());
-  EXPECT_TRUE(layer->tops_.empty());
-  EXPECT_EQ(layer->resource_, nullptr);
-  // Every call makes a new object.
-  std::unique_ptr<Layer> other(create_layer(0));
-  EXPECT_NE(other.get(), layer.get());
-}
-
 // Operators whose classes are not in this build have null creators; the
-// others make fresh objects.
-TEST_F(RegistryTest, DisabledOperatorsGiveNull) {
-  for (int index = 1; index < 36; ++index) {
-    Layer* layer = create_layer(index);
-    if (layer != nullptr) {  // enabled: a fresh object
+// others make a fresh object on every call.
+TEST_F(RegistryTest, CreatesFreshLayersOrNullForDisabledOperators) {
+  std::unique_ptr<Layer> input(create_layer(0)), other(create_layer(0));
+  EXPECT_NE(dynamic_cast<Input*>(input.get()), nullptr);
+  EXPECT_NE(other.get(), input.get());
+  for (int index = 0; index < 36; ++index) {
+    std::unique_ptr<Layer> layer(create_layer(index));
+    if (layer != nullptr) {
       EXPECT_FALSE(layer->inited_) << index;
       EXPECT_TRUE(layer->tops_.empty()) << index;
-      delete layer;
-      continue;
+    } else {
+      EXPECT_TRUE(Logged("layer index " + std::to_string(index) + " not enabled")) << index;
     }
-    EXPECT_TRUE(Logged("layer index " + std::to_string(index) + " not enabled")) << index;
   }
 }
 
-// ------------------------------------------------------------------ Layer
-
-TEST(LayerTest, Defaults) {
+TEST(LayerTest, DefaultsAndTheInputLayer) {
   Layer layer;
   std::vector<NDArray*> b, t, a;
   EXPECT_EQ(layer.Forward(b, t, a), -1);
-  EXPECT_EQ(layer.get_num_inputs(), 1u);
-  EXPECT_EQ(layer.get_num_outputs(), 1u);
-  EXPECT_EQ(layer.ListArguments(), std::vector<std::string>{"data"});
-  EXPECT_EQ(layer.ListOutputs(), std::vector<std::string>{"output"});
-  EXPECT_TRUE(layer.ListAuxiliaryStates().empty());
-  EXPECT_EQ(layer.ResetInterBuff(), 0);
-  EXPECT_EQ(layer.UpdateInterBuff(), 0);
-  EXPECT_TRUE(layer.FInplaceOption().empty());
-
   std::vector<TShape> in{TShape{2, 3}}, out(1), aux;
   EXPECT_TRUE(layer.InferShape(in, out, aux));
-  EXPECT_EQ(in[0], (TShape{2, 3}));
   EXPECT_EQ(out[0], TShape());
-
+  // The first input type goes to the one output; aux types stay.
   std::vector<int> in_type{5, 0}, out_type{0, 0, 0}, aux_type{4};
   EXPECT_TRUE(layer.InferType(in_type, out_type, aux_type));
   EXPECT_EQ(out_type, std::vector<int>{5});
   EXPECT_EQ(aux_type, std::vector<int>{4});
-
-  EXPECT_FALSE(layer.inited_);
   layer.Init({{"anything", "x"}});
   EXPECT_TRUE(layer.inited_);
-
-  layer.SetName("fc1");
-  layer.SetType("FullyConnected");
-  EXPECT_EQ(layer.GetName(), "fc1");
-  EXPECT_EQ(layer.GetType(), "FullyConnected");
   layer.GetBottoms() = {7, 8, 9};
   layer.GetTops() = {10};
-  layer.GetAuxes() = {11};
-  EXPECT_EQ(layer.bottoms_, (std::vector<uint32_t>{7, 8, 9}));
   // The first bottom and the first top carry the batch.
   EXPECT_EQ(layer.GetBatchBlobs(), (std::vector<uint32_t>{7, 10}));
-}
 
-TEST(LayerTest, InputOverrides) {
   std::unique_ptr<Layer> input(Input_layer_creator());
-  std::vector<NDArray*> b, t, a;
   EXPECT_EQ(input->Forward(b, t, a), 0);
   EXPECT_EQ(input->get_num_inputs(), 0u);
-  EXPECT_EQ(input->get_num_outputs(), 1u);
-  EXPECT_TRUE(input->ListArguments().empty());
-  EXPECT_EQ(input->ListOutputs(), std::vector<std::string>{"output"});
-  std::vector<int> none, out, aux;
-  EXPECT_TRUE(input->InferType(none, out, aux));  // no input type needed
-  EXPECT_TRUE(out.empty());
+  std::vector<int> none, types;
+  EXPECT_TRUE(input->InferType(none, types, aux_type));  // no input type needed
   input->GetTops() = {3};
   EXPECT_TRUE(input->GetBatchBlobs().empty());
 }
@@ -190,19 +120,9 @@ TEST(LayerDeathTest, DefaultInferTypeNeedsAKnownFirstType) {
                Fatal("dtype != -1", "First input must have specified type"));
 }
 
-// ---------------------------------------------------------------- Resource
-
-TEST(ResourceTest, StartsWithThreeSmallBuffers) {
-  Resource res;
-  for (const NDArray& buf : res.inter_buf_) {
-    EXPECT_EQ(buf.shape(), TShape{16});
-    EXPECT_EQ(buf.dtype(), default_type_flag);
-  }
-  EXPECT_NE(res.inter_buf_[0].chunk_, res.inter_buf_[1].chunk_);
-}
-
 TEST(ResourceTest, ViewsUntilItMustGrow) {
   Resource res;
+  EXPECT_NE(res.inter_buf_[0].chunk_, res.inter_buf_[1].chunk_);
   auto first = res.inter_buf_[0].chunk_;
   NDArray same = res.GetInterBuf(0, TShape{16}, kFloat32);
   EXPECT_EQ(same.chunk_, first);
@@ -243,8 +163,6 @@ TEST(ResourceDeathTest, OnlyThreeSlots) {
   EXPECT_DEATH(res.GetInterBuf(-1, TShape{1}, kFloat32),
                Fatal("idx >= 0 (-1 vs. 0)", "Only support 3share buffer"));
 }
-
-// ------------------------------------------------------- attribute idiom
 
 struct BoolCase {
   const char* text;  // null: key absent
