@@ -1,27 +1,13 @@
 #!/usr/bin/python3
-"""Writes the small nets of the net and layer tests, with their expected
-outputs computed here in numpy, independently of the engine.
+"""Writes the small nets of the net and layer tests under tests/data/net/
+(NAME-symbol.json, NAME.params, NAME.io), with the expected outputs
+computed here in numpy, independently of the engine.  NAME.io is text:
+"case CASE", then blocks "input|output|bound KEY NDIM D0 D1 ..." each
+followed by a line of values (a bound is the allowed absolute error).
+Output keys are the names of the layers that produce them; 4-d tensors are
+channel-last.  Seeded: running it again writes the same bytes.
 
     /usr/bin/python3 tests/ruvo/gen_net_fixtures.py
-
-For each net NAME it writes, under tests/data/net/:
-
-    NAME-symbol.json   the graph (new style unless told otherwise)
-    NAME.params        the parameters
-    NAME.io            inputs and expected outputs, as text:
-
-        case CASE
-        input KEY NDIM D0 D1 ...
-        v0 v1 ...
-        output KEY NDIM D0 D1 ...
-        v0 v1 ...
-        bound KEY NDIM D0 D1 ...      (allowed absolute error, where given)
-        v0 v1 ...
-
-Output keys are the names of the layers that produce them.  The engine's
-tensors are channel-last, so a 4-d input is (batch, y, x, channel) and the
-expectations are written in that layout.  Everything is seeded: running
-the script again writes the same bytes.
 """
 
 import os
@@ -64,6 +50,10 @@ class IoFile:
     def bound(self, key, array):
         self._block("bound", key, array)
 
+    def outputs(self, pairs):
+        for key, array in pairs:
+            self.output(key, array)
+
     def write(self, path):
         with open(path, "w") as f:
             f.write("\n".join(self.lines) + "\n")
@@ -73,9 +63,6 @@ def save(name, graph, params, io, version=10600):
     graph.write(os.path.join(OUT_DIR, name + "-symbol.json"), version=version)
     write_params(os.path.join(OUT_DIR, name + ".params"), params)
     io.write(os.path.join(OUT_DIR, name + ".io"))
-
-
-# ------------------------------------------------------------ references
 
 
 def fc(x, w, b=None):
@@ -110,9 +97,6 @@ def softmax(x, axis):
 
 def rows_softmax(x):
     return softmax(x.reshape(x.shape[0], -1), 1).reshape(x.shape)
-
-
-# ------------------------------------------------------------------ nets
 
 
 def mlp(rng):
@@ -171,20 +155,15 @@ def activations(rng):
     values -100, -0.0, NaN-free extremes."""
     g = SymbolGraph()
     x = g.variable("data")
-    heads = []
-    for act in ["relu", "sigmoid", "tanh", "softrelu"]:
-        heads.append(g.node("Activation", act, [x], attr={"act_type": act}))
-    g.heads = heads
+    acts = [("relu", relu), ("sigmoid", sigmoid), ("tanh", tanh), ("softrelu", softrelu)]
+    g.heads = [g.node("Activation", act, [x], attr={"act_type": act}) for act, _ in acts]
     data = rng.normal(0, 3, (3, 8)).astype(F32)
     data[0, :4] = [-100.0, -0.0, 0.0, 50.0]
     data[1, :3] = [40.0, -40.0, 30.0]
     io = IoFile()
     io.case("full")
     io.input("data", data)
-    io.output("relu", relu(data))
-    io.output("sigmoid", sigmoid(data))
-    io.output("tanh", tanh(data))
-    io.output("softrelu", softrelu(data))
+    io.outputs((act, f(data)) for act, f in acts)
     save("activations", g, [], io)
 
 
@@ -211,12 +190,10 @@ def softmaxes(rng):
     io = IoFile()
     io.case("full")
     io.input("data", data)
-    io.output("sm_inst", rows_softmax(data))
-    io.output("sm_chan", softmax(data, 3))
-    io.output("so_plain", rows_softmax(data))
-    io.output("so_preserve", softmax(data, 3))
-    io.output("so_multi", softmax(data.reshape(2, 3, 20), 1).reshape(data.shape))
-    io.output("so_both", softmax(data.reshape(2, 3, 20), 1).reshape(data.shape))
+    multi = softmax(data.reshape(2, 3, 20), 1).reshape(data.shape)
+    io.outputs([("sm_inst", rows_softmax(data)), ("sm_chan", softmax(data, 3)),
+                ("so_plain", rows_softmax(data)), ("so_preserve", softmax(data, 3)),
+                ("so_multi", multi), ("so_both", multi)])
     save("softmax", g, [], io)
 
 
@@ -232,17 +209,14 @@ def flatten(rng):
     io.case("full")
     io.input("data", data)
     # Axes 1 and 3 exchanged before the rows are flattened.
-    io.output("flat_sw", np.swapaxes(data, 1, 3).reshape(2, -1))
-    io.output("flat_plain", data.reshape(2, -1))
+    io.outputs([("flat_sw", np.swapaxes(data, 1, 3).reshape(2, -1)),
+                ("flat_plain", data.reshape(2, -1))])
     save("flatten", g, [], io)
 
 
 def concat(rng):
     g = SymbolGraph()
-    a = g.variable("a")
-    b = g.variable("b")
-    c = g.variable("c")
-    d = g.variable("d")
+    a, b, c, d = [g.variable(k) for k in "abcd"]
     g.heads = [
         g.node("Concat", "cat3", [a, b], param={"num_args": "2", "dim": "3"}),
         g.node("Concat", "cat1", [a, c], param={"num_args": "2", "dim": "1"}),
@@ -258,11 +232,9 @@ def concat(rng):
     io.case("full")
     for key, v in [("a", va), ("b", vb), ("c", vc), ("d", vd)]:
         io.input(key, v)
-    io.output("cat3", np.concatenate([va, vb], 3))
-    io.output("cat1", np.concatenate([va, vc], 1))
-    io.output("cat2", np.concatenate([va, vd, va], 2))
     # The trained channel axis is the engine's axis 3.
-    io.output("catsw", np.concatenate([va, vb], 3))
+    io.outputs([("cat3", np.concatenate([va, vb], 3)), ("cat1", np.concatenate([va, vc], 1)),
+                ("cat2", np.concatenate([va, vd, va], 2)), ("catsw", np.concatenate([va, vb], 3))])
     save("concat", g, [], io, version=None)
 
 
@@ -289,8 +261,7 @@ def reshape(rng):
     io = IoFile()
     io.case("full")
     io.input("data", data)
-    for name, _, shape in cases:
-        io.output(name, data.reshape(shape))
+    io.outputs((name, data.reshape(shape)) for name, _, shape in cases)
     io.output("r_inplace", relu(data).reshape(2, 60))
     save("reshape", g, [], io)
 
@@ -313,8 +284,7 @@ def slices(rng):
     io = IoFile()
     io.case("full")
     io.input("data", data)
-    for name, _, _, expected in cases:
-        io.output(name, expected)
+    io.outputs((name, expected) for name, _, _, expected in cases)
     save("slice", g, [], io)
 
 
@@ -331,22 +301,17 @@ def fc_quant(rng):
     params = [("arg:fc_f_weight", w1), ("arg:fc_f_bias", b1),
               ("arg:fc_q_weight", w1), ("arg:fc_q_bias", b1),
               ("arg:fc_f2_weight", w2), ("arg:fc_qt_weight", w2)]
-    names = {}
-    for name in ["fc_f", "fc_q", "fc_f2", "fc_qt"]:
-        names[name] = g.variable(name + "_weight")
-        if name in ("fc_f", "fc_q"):
-            names[name + "_b"] = g.variable(name + "_bias")
-    g.heads = [
-        g.node("FullyConnected", "fc_f", [x, names["fc_f"], names["fc_f_b"]],
-               param={"num_hidden": "10"}),
-        g.node("FullyConnected", "fc_q", [x, names["fc_q"], names["fc_q_b"]],
-               param={"num_hidden": "10", "online_quanti": "True"}),
-        g.node("FullyConnected", "fc_f2", [x, names["fc_f2"]],
-               param={"num_hidden": "6", "no_bias": "True"}),
-        g.node("FullyConnected", "fc_qt", [x, names["fc_qt"]],
-               param={"num_hidden": "6", "no_bias": "True", "online_quanti": "True",
-                      "transpose_weight": "False"}),
-    ]
+    layers = [("fc_f", {"num_hidden": "10"}),
+              ("fc_q", {"num_hidden": "10", "online_quanti": "True"}),
+              ("fc_f2", {"num_hidden": "6", "no_bias": "True"}),
+              ("fc_qt", {"num_hidden": "6", "no_bias": "True", "online_quanti": "True",
+                         "transpose_weight": "False"})]
+    inputs = {}
+    for name, param in layers:
+        inputs[name] = [x, g.variable(name + "_weight")]
+        if "no_bias" not in param:
+            inputs[name].append(g.variable(name + "_bias"))
+    g.heads = [g.node("FullyConnected", name, inputs[name], param=param) for name, param in layers]
 
     def bound(data, w):
         x2 = data.reshape(data.shape[0], -1).astype(np.float64)
@@ -369,12 +334,9 @@ def fc_quant(rng):
     for case, data in inputs:
         io.case(case)
         io.input("data", data)
-        io.output("fc_f", fc(data, w1, b1))
-        io.output("fc_q", fc(data, w1, b1))
-        io.bound("fc_q", bound(data, w1))
-        io.output("fc_f2", fc(data, w2))
-        io.output("fc_qt", fc(data, w2))
-        io.bound("fc_qt", bound(data, w2))
+        for f, q, args in [("fc_f", "fc_q", (w1, b1)), ("fc_f2", "fc_qt", (w2,))]:
+            io.outputs([(f, fc(data, *args)), (q, fc(data, *args))])
+            io.bound(q, bound(data, args[0]))
     save("fc_quant", g, params, io)
 
 

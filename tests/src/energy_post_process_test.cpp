@@ -38,36 +38,25 @@ std::vector<float> RunFrames(Energy_post_process& stage, float energy, float vad
   return out;
 }
 
-struct FloorCase {
-  const char* name;
-  float energy;
-  float expected;  // weighed score of 0.9 once the energy median is filled
-};
-
-void PrintTo(const FloorCase& c, std::ostream* os) { *os << c.name; }
-
-class EnergyMode1FloorTest : public testing::TestWithParam<FloorCase> {};
-
 // With the default keys the window starts as zeros, so the bounds sit at
 // their floors 40 and 60.  The energy median of 11 gives 0 for the first
-// five frames, which zeroes the score.
-TEST_P(EnergyMode1FloorTest, WeighsAgainstTheFloors) {
-  auto stage = MakeEnergy({{"E_post_process_type", "1"}});
-  const std::vector<float> out = RunFrames(*stage, GetParam().energy, 0.9f, 20);
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(out[i], 0.0f) << "frame " << i;
-  for (int i = 5; i < 20; ++i) EXPECT_EQ(out[i], GetParam().expected) << "frame " << i;
+// five frames, which zeroes the score.  At `high` the pow branch has a
+// ratio of 1; at `low` the energy is not above it.
+TEST(EnergyPostProcessTest, Mode1WeighsAgainstTheFloors) {
+  const struct {
+    float energy, expected;
+  } cases[] = {{70.0f, 0.9f},
+               {60.0f, 0.9f},
+               {50.0f, Attenuated(0.9f, 50.0f, 40.0f, 60.0f, 0.4f)},
+               {41.0f, Attenuated(0.9f, 41.0f, 40.0f, 60.0f, 0.4f)},
+               {40.0f, 0.0f},
+               {10.0f, 0.0f}};
+  for (const auto& c : cases) {
+    auto stage = MakeEnergy({{"E_post_process_type", "1"}});
+    const std::vector<float> out = RunFrames(*stage, c.energy, 0.9f, 20);
+    for (int i = 0; i < 20; ++i) ASSERT_EQ(out[i], i < 5 ? 0.0f : c.expected) << c.energy << " " << i;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Defaults, EnergyMode1FloorTest,
-    testing::Values(FloorCase{"AboveHigh", 70.0f, 0.9f},
-                    // Equal to `high`: the pow branch with a ratio of 1.
-                    FloorCase{"AtHigh", 60.0f, 0.9f},
-                    FloorCase{"Between", 50.0f, Attenuated(0.9f, 50.0f, 40.0f, 60.0f, 0.4f)},
-                    FloorCase{"JustAboveLow", 41.0f, Attenuated(0.9f, 41.0f, 40.0f, 60.0f, 0.4f)},
-                    // Equal to `low` is not above it.
-                    FloorCase{"AtLow", 40.0f, 0.0f}, FloorCase{"BelowLow", 10.0f, 0.0f}),
-    [](const testing::TestParamInfo<FloorCase>& info) { return info.param.name; });
 
 TEST(EnergyPostProcessTest, Mode1QuantilesRiseAboveTheFloors) {
   auto stage = MakeEnergy({{"E_post_process_type", "1"}, {"E_buff_length", "20"}});
@@ -138,14 +127,11 @@ TEST(EnergyPostProcessTest, LargestBatchPasses) {
   EXPECT_EQ(vad[4095], 0.5f);
 }
 
-TEST(EnergyPostProcessDeathTest, UnknownModeAborts) {
+TEST(EnergyPostProcessDeathTest, UnknownModeAndOversizedBatchAbort) {
   const ConfigMap config = {{"E_post_process_type", "4"}};
-  EXPECT_DEATH(Energy_post_process stage(config),
+  EXPECT_DEATH(Energy_post_process bad(config),
                "src/energy_post_process:[0-9]+ ERROR: E_post_process_type should be "
                "0、1、2、3, not 4$");
-}
-
-TEST(EnergyPostProcessDeathTest, OversizedBatchAborts) {
   auto stage = MakeEnergy({{"E_post_process_type", "1"}});
   std::vector<float> energy(4097, 0.0f);
   std::vector<float> vad(4097, 0.0f);

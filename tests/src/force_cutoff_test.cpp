@@ -35,59 +35,42 @@ std::vector<int> CutPlaces(Force_cutoff& f, std::vector<float> scores) {
 
 std::vector<float> Steady(float s, int n) { return std::vector<float>(n, s); }
 
-struct CutCase {
-  const char* name;
-  int max_len, min_len, judging;
-  const char* threshold;
-  std::vector<float> scores;
-  std::vector<int> cuts;
-};
-
-void PrintTo(const CutCase& c, std::ostream* os) { *os << c.name; }
-
-class ForceCutoffTest : public testing::TestWithParam<CutCase> {};
-
-TEST_P(ForceCutoffTest, CutsWhereExpected) {
-  const CutCase& c = GetParam();
-  auto f = MakeCutoff(c.max_len, c.min_len, c.judging, c.threshold);
-  EXPECT_EQ(CutPlaces(*f, c.scores), c.cuts);
-}
-
 std::vector<float> Concat(std::vector<float> a, const std::vector<float>& b) {
   a.insert(a.end(), b.begin(), b.end());
   return a;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Judgement, ForceCutoffTest,
-    testing::Values(
-        // Length alone: the flag goes at a length of max - 1, and counting
-        // starts over after each cut.
-        CutCase{"LengthLimit", 6, 0, 2, "0", Steady(0.9f, 15), {4, 9, 14}},
-        // While the length is below the window, `recent` is len*s/judging:
-        // a minimum below judging*threshold cuts at the first judged frame,
-        // again and again.
-        CutCase{"ShortWindowUnderstates", 1000, 3, 10, "0.5", Steady(0.8f, 12), {3, 7, 11}},
-        CutCase{"MinimumAboveUnderstatement", 1000, 5, 10, "0.5", Steady(0.8f, 30), {}},
-        // The window sum keeps the segment's first two scores: with those
-        // high and everything after at 0, `recent` never falls, so only the
-        // length limit cuts.  A clean moving sum would cut at index 4.
-        CutCase{"FirstTwoScoresStayInTheWindowSum",
-                12,
-                3,
-                2,
-                "0.5",
-                Concat({10.0f, 10.0f}, Steady(0.0f, 12)),
-                {10}},
-        // The subtraction starts one frame late and takes the third score
-        // first: at length 5 the sum is s1+s2+s4+s5 = 2, recent 0.67 below
-        // 0.5 * 11 / 5.  Dropping the oldest on time would keep the 9 in the
-        // sum and never cut.
-        CutCase{"ThirdScoreLeavesFirst", 1000, 3, 3, "0.5", {0.0f, 0.0f, 9.0f, 1.0f, 1.0f}, {4}},
-        // Steady 1.0 gives recent 5/4 = 1.25 against 1.2; the first 0.5
-        // brings the sum to 4.5, recent 1.125 against 1.2 * 20.5 / 21.
-        CutCase{"DropIsCut", 1000, 8, 4, "1.2", Concat(Steady(1.0f, 20), Steady(0.5f, 5)), {20}}),
-    [](const testing::TestParamInfo<CutCase>& info) { return info.param.name; });
+TEST(ForceCutoffTest, CutsWhereExpected) {
+  const struct {
+    int max_len, min_len, judging;
+    const char* threshold;
+    std::vector<float> scores;
+    std::vector<int> cuts;
+  } cases[] = {
+      // Length alone: the flag goes at a length of max - 1, and counting
+      // starts over after each cut.
+      {6, 0, 2, "0", Steady(0.9f, 15), {4, 9, 14}},
+      // While the length is below the window, `recent` is len*s/judging: a
+      // minimum below judging*threshold cuts at the first judged frame.
+      {1000, 3, 10, "0.5", Steady(0.8f, 12), {3, 7, 11}},
+      {1000, 5, 10, "0.5", Steady(0.8f, 30), {}},
+      // The window sum keeps the segment's first two scores: with those high
+      // and everything after at 0, `recent` never falls, so only the length
+      // limit cuts.  A clean moving sum would cut at index 4.
+      {12, 3, 2, "0.5", Concat({10.0f, 10.0f}, Steady(0.0f, 12)), {10}},
+      // The subtraction starts one frame late and takes the third score
+      // first: at length 5 the sum is s1+s2+s4+s5 = 2, recent 0.67 below
+      // 0.5 * 11 / 5.  Dropping the oldest on time would never cut.
+      {1000, 3, 3, "0.5", {0.0f, 0.0f, 9.0f, 1.0f, 1.0f}, {4}},
+      // Steady 1.0 gives recent 5/4 = 1.25 against 1.2; the first 0.5
+      // brings the sum to 4.5, recent 1.125 against 1.2 * 20.5 / 21.
+      {1000, 8, 4, "1.2", Concat(Steady(1.0f, 20), Steady(0.5f, 5)), {20}},
+  };
+  for (const auto& c : cases) {
+    auto f = MakeCutoff(c.max_len, c.min_len, c.judging, c.threshold);
+    EXPECT_EQ(CutPlaces(*f, c.scores), c.cuts) << c.max_len << " " << c.min_len << " " << c.judging;
+  }
+}
 
 TEST(ForceCutoffTest, NonOneFlagRestartsTheCount) {
   auto f = MakeCutoff(6, 0, 2, "0");
@@ -114,7 +97,6 @@ TEST(ForceCutoffTest, ResetRestartsTheCount) {
   EXPECT_EQ(CutPlaces(*f, Steady(0.9f, 3)), std::vector<int>{});
   f->reset();
   EXPECT_EQ(CutPlaces(*f, Steady(0.9f, 6)), (std::vector<int>{4}));
-  f->apply_force_cutoff_process(0, nullptr, nullptr);  // nothing to do
 }
 
 TEST(ForceCutoffDeathTest, MissingKeyAborts) {

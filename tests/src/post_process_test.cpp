@@ -114,6 +114,22 @@ TEST_P(PostProcessTimelineTest, OutputsFrameByFrame) {
 
 const float kSil = 0.1f;
 const float kVoice = 0.9f;
+const ConfigMap kFirstSeg = {{"first_vad_seg_trigger_threshold", "20"},
+                             {"first_vad_seg_extra_tailing_sil", "10"}};
+const ConfigMap kCutAt60 = {{"cutoff_n_frame_max_vad_length", "60"},
+                            {"cutoff_n_frame_min_vad_length", "1000"},
+                            {"cutoff_n_frame_judging", "10"},
+                            {"cutoff_threshold", "0.5"}};
+const ConfigMap kStartClamped = {
+    {"sil_to_voice_hangover", "5"}, {"extra_leading_sil", "10"}, {"voice_to_sil_hangover", "2"}};
+const std::vector<float> kBurst = Runs({{kSil, 10}, {kVoice, 20}, {kSil, 10}});
+const std::vector<float> kShortBurst = Runs({{kSil, 10}, {kVoice, 10}, {kSil, 30}});
+const std::vector<float> kTwoShort =
+    Runs({{kSil, 10}, {kVoice, 10}, {kSil, 5}, {kVoice, 15}, {kSil, 20}});
+
+std::string TimelineName(const testing::TestParamInfo<TimelineCase>& info) {
+  return info.param.name;
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Hangover, PostProcessTimelineTest,
@@ -121,37 +137,25 @@ INSTANTIATE_TEST_SUITE_P(
         // Voice 13..32: the third voice frame (15) opens at 15 - 2 - 1; the
         // fourth silent frame (36) closes, with the end at 35 = 32 + 3.
         // Voice after the end changes nothing.
-        TimelineCase{"OpenCloseAndFreeze",
-                     {},
+        TimelineCase{"OpenCloseAndFreeze", {},
                      Runs({{kSil, 10}, {kVoice, 20}, {kSil, 10}, {kVoice, 20}, {kSil, 10}}),
-                     {{0, -1, -1}, {15, 12, -1}, {36, 12, 35}},
-                     100.0f},
+                     {{0, -1, -1}, {15, 12, -1}, {36, 12, 35}}, 100.0f},
         // Voice from frame 3 (the median's zeros) opens at 3 + 5; the start
         // 8 - 5 - 10 = -7 is clamped to 0.
-        TimelineCase{"StartClampedAtZero",
-                     {{"sil_to_voice_hangover", "5"},
-                      {"extra_leading_sil", "10"},
-                      {"voice_to_sil_hangover", "2"}},
-                     Runs({{kVoice, 20}, {kSil, 20}}),
-                     {{0, -1, -1}, {8, 0, -1}, {25, 0, 24}},
-                     100.0f},
+        TimelineCase{"StartClampedAtZero", kStartClamped, Runs({{kVoice, 20}, {kSil, 20}}),
+                     {{0, -1, -1}, {8, 0, -1}, {25, 0, 24}}, 100.0f},
         // A score equal to the threshold is not voice, neither to open nor
         // to stay open.
-        TimelineCase{
-            "ThresholdScoreNeverOpens", {}, Runs({{kSil, 5}, {0.5f, 40}}), {{0, -1, -1}}, 100.0f},
-        TimelineCase{"ThresholdScoreCloses",
-                     {},
-                     Runs({{kSil, 10}, {kVoice, 20}, {0.5f, 15}}),
-                     {{0, -1, -1}, {15, 12, -1}, {36, 12, 35}},
+        TimelineCase{"ThresholdScoreNeverOpens", {}, Runs({{kSil, 5}, {0.5f, 40}}), {{0, -1, -1}},
                      100.0f},
-        // Zero extra leading silence and no open hangover: the first voice
-        // frame opens at its own index.
+        TimelineCase{"ThresholdScoreCloses", {}, Runs({{kSil, 10}, {kVoice, 20}, {0.5f, 15}}),
+                     {{0, -1, -1}, {15, 12, -1}, {36, 12, 35}}, 100.0f},
+        // No open hangover, no leading silence: the first voice frame opens
+        // at its own index.
         TimelineCase{"NoHangoverOpensAtOnce",
-                     {{"sil_to_voice_hangover", "0"}, {"extra_leading_sil", "0"}},
-                     Runs({{kSil, 10}, {kVoice, 20}, {kSil, 10}}),
-                     {{0, -1, -1}, {13, 13, -1}, {36, 13, 35}},
-                     100.0f}),
-    [](const testing::TestParamInfo<TimelineCase>& info) { return info.param.name; });
+                     {{"sil_to_voice_hangover", "0"}, {"extra_leading_sil", "0"}}, kBurst,
+                     {{0, -1, -1}, {13, 13, -1}, {36, 13, 35}}, 100.0f}),
+    TimelineName);
 
 // The first-segment rule with a trigger of 20 frames.  A tail of 10 frames
 // after the last voice frame is stored as 10 - 3; the clock goes back from
@@ -161,229 +165,163 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         // L = 25 - 12 - 1 - 3 = 9: held.  The planned end 25 + 7 = 32 is
         // reached by the lagging clock at frame 33.
-        TimelineCase{
-            "HeldSegmentRunsOut",
-            {{"first_vad_seg_trigger_threshold", "20"}, {"first_vad_seg_extra_tailing_sil", "10"}},
-            Runs({{kSil, 10}, {kVoice, 10}, {kSil, 30}}),
-            {{0, -1, -1}, {15, 12, -1}, {33, 12, 32}},
-            100.0f},
+        TimelineCase{"HeldSegmentRunsOut", kFirstSeg, kShortBurst,
+                     {{0, -1, -1}, {15, 12, -1}, {33, 12, 32}}, 100.0f},
         // Voice again at 28..42 opens at frame 30, within the tail: one
         // segment from the held start.  It closes at frame 46, where the
-        // lagging clock says 44, so the end is 43; L = 27 is reported.
-        TimelineCase{
-            "HeldSegmentMerges",
-            {{"first_vad_seg_trigger_threshold", "20"}, {"first_vad_seg_extra_tailing_sil", "10"}},
-            Runs({{kSil, 10}, {kVoice, 10}, {kSil, 5}, {kVoice, 15}, {kSil, 20}}),
-            {{0, -1, -1}, {15, 12, -1}, {46, 12, 43}},
-            100.0f},
+        // lagging clock says 44, so the end is 43.
+        TimelineCase{"HeldSegmentMerges", kFirstSeg, kTwoShort,
+                     {{0, -1, -1}, {15, 12, -1}, {46, 12, 43}}, 100.0f},
         // The same with a force cutoff: the catch-up after the merge can
         // only reach back as far as the score history.
         TimelineCase{"HeldSegmentMergesUnderCutoff",
-                     {{"first_vad_seg_trigger_threshold", "20"},
-                      {"first_vad_seg_extra_tailing_sil", "10"},
-                      {"cutoff_n_frame_max_vad_length", "1000"},
-                      {"cutoff_n_frame_min_vad_length", "1000"},
-                      {"cutoff_n_frame_judging", "10"},
-                      {"cutoff_threshold", "0.5"}},
-                     Runs({{kSil, 10}, {kVoice, 10}, {kSil, 5}, {kVoice, 15}, {kSil, 20}}),
-                     {{0, -1, -1}, {15, 12, -1}, {46, 12, 43}},
-                     100.0f},
+                     With(kFirstSeg, {{"cutoff_n_frame_max_vad_length", "1000"},
+                                      {"cutoff_n_frame_min_vad_length", "1000"},
+                                      {"cutoff_n_frame_judging", "10"},
+                                      {"cutoff_threshold", "0.5"}}),
+                     kTwoShort, {{0, -1, -1}, {15, 12, -1}, {46, 12, 43}}, 100.0f},
         // A tail below the closing hangover: planned end 25 - 1, already
         // behind the clock, so the hold ends in the call that begins it.
-        TimelineCase{
-            "HoldEndsInTheCallThatBeginsIt",
-            {{"first_vad_seg_trigger_threshold", "20"}, {"first_vad_seg_extra_tailing_sil", "2"}},
-            Runs({{kSil, 10}, {kVoice, 10}, {kSil, 20}}),
-            {{0, -1, -1}, {15, 12, -1}, {26, 12, 24}},
-            100.0f},
+        TimelineCase{"HoldEndsInTheCallThatBeginsIt",
+                     With(kFirstSeg, {{"first_vad_seg_extra_tailing_sil", "2"}}),
+                     Runs({{kSil, 10}, {kVoice, 10}, {kSil, 20}}),
+                     {{0, -1, -1}, {15, 12, -1}, {26, 12, 24}}, 100.0f},
         // Longer than the trigger: reported at once.
-        TimelineCase{
-            "LongFirstSegmentIsReported",
-            {{"first_vad_seg_trigger_threshold", "8"}, {"first_vad_seg_extra_tailing_sil", "10"}},
-            Runs({{kSil, 10}, {kVoice, 10}, {kSil, 20}}),
-            {{0, -1, -1}, {15, 12, -1}, {26, 12, 25}},
-            100.0f},
+        TimelineCase{"LongFirstSegmentIsReported",
+                     With(kFirstSeg, {{"first_vad_seg_trigger_threshold", "8"}}),
+                     Runs({{kSil, 10}, {kVoice, 10}, {kSil, 20}}),
+                     {{0, -1, -1}, {15, 12, -1}, {26, 12, 25}}, 100.0f},
         // The clamped start: L = 24 - 0 - 10 - 2 + 7 = 19 counts from the
         // true first voice frame.  A trigger of 19 holds it (planned end
         // 24 + 28, reached at frame 53), a trigger of 18 doesn't.
         TimelineCase{"OverflowCountsInLength_Held",
-                     {{"sil_to_voice_hangover", "5"},
-                      {"extra_leading_sil", "10"},
-                      {"voice_to_sil_hangover", "2"},
-                      {"first_vad_seg_trigger_threshold", "19"},
-                      {"first_vad_seg_extra_tailing_sil", "30"}},
-                     Runs({{kVoice, 20}, {kSil, 40}}),
-                     {{0, -1, -1}, {8, 0, -1}, {53, 0, 52}},
+                     With(kStartClamped, {{"first_vad_seg_trigger_threshold", "19"},
+                                          {"first_vad_seg_extra_tailing_sil", "30"}}),
+                     Runs({{kVoice, 20}, {kSil, 40}}), {{0, -1, -1}, {8, 0, -1}, {53, 0, 52}},
                      100.0f},
         TimelineCase{"OverflowCountsInLength_Reported",
-                     {{"sil_to_voice_hangover", "5"},
-                      {"extra_leading_sil", "10"},
-                      {"voice_to_sil_hangover", "2"},
-                      {"first_vad_seg_trigger_threshold", "18"},
-                      {"first_vad_seg_extra_tailing_sil", "30"}},
-                     Runs({{kVoice, 20}, {kSil, 40}}),
-                     {{0, -1, -1}, {8, 0, -1}, {25, 0, 24}},
+                     With(kStartClamped, {{"first_vad_seg_trigger_threshold", "18"},
+                                          {"first_vad_seg_extra_tailing_sil", "30"}}),
+                     Runs({{kVoice, 20}, {kSil, 40}}), {{0, -1, -1}, {8, 0, -1}, {25, 0, 24}},
                      100.0f}),
-    [](const testing::TestParamInfo<TimelineCase>& info) { return info.param.name; });
+    TimelineName);
 
-INSTANTIATE_TEST_SUITE_P(ForceCutoff, PostProcessTimelineTest,
-                         testing::Values(
-                             // The open at frame 15 feeds frames 12..14 first, so the length
-                             // counts from the start: 59 = 60 - 1 at frame 70, end 69, seen one
-                             // frame later.
-                             TimelineCase{"ByLength",
-                                          {{"cutoff_n_frame_max_vad_length", "60"},
-                                           {"cutoff_n_frame_min_vad_length", "1000"},
-                                           {"cutoff_n_frame_judging", "10"},
-                                           {"cutoff_threshold", "0.5"}},
-                                          Runs({{kSil, 10}, {kVoice, 80}}),
-                                          {{0, -1, -1}, {15, 12, -1}, {71, 12, 69}},
-                                          100.0f},
-                             // Opens at 13.  Steady 0.95: recent = 5 x 0.95 / 4 = 1.19 against
-                             // 1.2 x 0.95 = 1.14.  The first 0.6 (frame 33, length 21): recent
-                             // (0.95 x 4 + 0.6) / 4 = 1.1 against 1.2 x 19.6 / 21 = 1.12: cut,
-                             // end 32, seen at frame 34.
-                             TimelineCase{"ByRatio",
-                                          {{"sil_to_voice_hangover", "0"},
-                                           {"extra_leading_sil", "0"},
-                                           {"cutoff_n_frame_max_vad_length", "1000"},
-                                           {"cutoff_n_frame_min_vad_length", "8"},
-                                           {"cutoff_n_frame_judging", "4"},
-                                           {"cutoff_threshold", "1.2"}},
-                                          Runs({{kSil, 10}, {0.95f, 20}, {0.6f, 20}}),
-                                          {{0, -1, -1}, {13, 13, -1}, {34, 13, 32}},
-                                          100.0f},
-                             // Below 51 there is no cutoff at all (and its keys aren't needed).
-                             TimelineCase{"NoneBelow51",
-                                          {{"cutoff_n_frame_max_vad_length", "50"}},
-                                          Runs({{kSil, 10}, {kVoice, 200}}),
-                                          {{0, -1, -1}, {15, 12, -1}},
-                                          100.0f}),
-                         [](const testing::TestParamInfo<TimelineCase>& info) {
-                           return info.param.name;
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    ForceCutoff, PostProcessTimelineTest,
+    testing::Values(
+        // The open at frame 15 feeds frames 12..14 first, so the length
+        // counts from the start: 59 = 60 - 1 at frame 70, end 69, seen one
+        // frame later.
+        TimelineCase{"ByLength", kCutAt60, Runs({{kSil, 10}, {kVoice, 80}}),
+                     {{0, -1, -1}, {15, 12, -1}, {71, 12, 69}}, 100.0f},
+        // Opens at 13.  Steady 0.95: recent = 5 x 0.95 / 4 = 1.19 against
+        // 1.2 x 0.95 = 1.14.  The first 0.6 (frame 33, length 21): recent
+        // (0.95 x 4 + 0.6) / 4 = 1.1 against 1.2 x 19.6 / 21 = 1.12: cut,
+        // end 32, seen at frame 34.
+        TimelineCase{"ByRatio",
+                     {{"sil_to_voice_hangover", "0"},
+                      {"extra_leading_sil", "0"},
+                      {"cutoff_n_frame_max_vad_length", "1000"},
+                      {"cutoff_n_frame_min_vad_length", "8"},
+                      {"cutoff_n_frame_judging", "4"},
+                      {"cutoff_threshold", "1.2"}},
+                     Runs({{kSil, 10}, {0.95f, 20}, {0.6f, 20}}),
+                     {{0, -1, -1}, {13, 13, -1}, {34, 13, 32}}, 100.0f},
+        // Below 51 there is no cutoff at all (and its keys aren't needed).
+        TimelineCase{"NoneBelow51", {{"cutoff_n_frame_max_vad_length", "50"}},
+                     Runs({{kSil, 10}, {kVoice, 200}}), {{0, -1, -1}, {15, 12, -1}}, 100.0f}),
+    TimelineName);
 
 // Mode 1 with default keys: bounds at the floors 40 and 60.  0.9 weighed
-// at energy 50 is 0.9 x 0.5^0.4 = 0.68, still voice; at 40 it is 0.
-INSTANTIATE_TEST_SUITE_P(Energy, PostProcessTimelineTest,
-                         testing::Values(TimelineCase{"Mode1BetweenFloors",
-                                                      {{"E_post_process_type", "1"}},
-                                                      Runs({{kSil, 10}, {kVoice, 20}, {kSil, 15}}),
-                                                      {{0, -1, -1}, {15, 12, -1}, {36, 12, 35}},
-                                                      50.0f},
-                                         TimelineCase{"Mode1AtLowFloor",
-                                                      {{"E_post_process_type", "1"}},
-                                                      Runs({{kSil, 10}, {kVoice, 20}, {kSil, 15}}),
-                                                      {{0, -1, -1}},
-                                                      40.0f},
-                                         // 0.1^0.4 x 0.9 = 0.36: loud enough to pass the low
-                                         // floor, too quiet to open.
-                                         TimelineCase{"Mode1JustAboveLowFloor",
-                                                      {{"E_post_process_type", "1"}},
-                                                      Runs({{kSil, 10}, {kVoice, 20}, {kSil, 15}}),
-                                                      {{0, -1, -1}},
-                                                      42.0f},
-                                         // With one frame per call the window is that frame, so
-                                         // high and low both reach the frame's own energy and
-                                         // every score becomes 0.
-                                         TimelineCase{"Mode2SingleFrameBatch",
-                                                      {{"E_post_process_type", "2"}},
-                                                      Runs({{kSil, 10}, {kVoice, 20}, {kSil, 15}}),
-                                                      {{0, -1, -1}},
-                                                      70.0f}),
-                         [](const testing::TestParamInfo<TimelineCase>& info) {
-                           return info.param.name;
-                         });
+// at energy 50 is 0.9 x 0.5^0.4 = 0.68, still voice; at 40 it is 0; at 42
+// 0.1^0.4 x 0.9 = 0.36 passes the low floor but is too quiet to open.  In
+// mode 2 with one frame per call the window is that frame, so high and
+// low both reach its energy and every score becomes 0.
+INSTANTIATE_TEST_SUITE_P(
+    Energy, PostProcessTimelineTest,
+    testing::Values(TimelineCase{"Mode1BetweenFloors", {{"E_post_process_type", "1"}}, kBurst,
+                                 {{0, -1, -1}, {15, 12, -1}, {36, 12, 35}}, 50.0f},
+                    TimelineCase{"Mode1AtLowFloor", {{"E_post_process_type", "1"}}, kBurst,
+                                 {{0, -1, -1}}, 40.0f},
+                    TimelineCase{"Mode1JustAboveLowFloor", {{"E_post_process_type", "1"}}, kBurst,
+                                 {{0, -1, -1}}, 42.0f},
+                    TimelineCase{"Mode2SingleFrameBatch", {{"E_post_process_type", "2"}}, kBurst,
+                                 {{0, -1, -1}}, 70.0f}),
+    TimelineName);
 
-// The short-burst pattern of HeldSegmentRunsOut, then the resets.
-TEST(PostProcessTest, ResetFalseKeepsTheRuleOffResetTrueRearmsIt) {
-  auto pp = MakePost(With(BaseConfig(), {{"first_vad_seg_trigger_threshold", "20"},
-                                         {"first_vad_seg_extra_tailing_sil", "10"}}));
-  const std::vector<float> burst = Runs({{kSil, 10}, {kVoice, 10}, {kSil, 30}});
-  EXPECT_EQ(Mismatches(Feed(*pp, burst), {{0, -1, -1}, {15, 12, -1}, {33, 12, 32}}), "");
-  pp->reset(false);
-  // Frame numbering restarts, the warm median holds silence, and the same
-  // burst ends at once.
-  EXPECT_EQ(Mismatches(Feed(*pp, burst), {{0, -1, -1}, {15, 12, -1}, {26, 12, 25}}), "");
-  pp->reset(false);
-  EXPECT_EQ(Mismatches(Feed(*pp, burst), {{0, -1, -1}, {15, 12, -1}, {26, 12, 25}}), "");
-  pp->reset(true);
-  EXPECT_EQ(Mismatches(Feed(*pp, burst), {{0, -1, -1}, {15, 12, -1}, {33, 12, 32}}), "");
-}
+// Steps of feeding, each after a reset (-1: none, 0: reset(false), 1:
+// reset(true)); positions restart from 0 after every reset.
+struct Step {
+  int reset;
+  std::vector<float> scores;
+  std::vector<Change> changes;  // empty: not checked
+};
 
-TEST(PostProcessTest, ResetMidSegmentRestartsPositions) {
-  auto pp = MakePost(BaseConfig());
-  Feed(*pp, Runs({{kSil, 10}, {kVoice, 10}}));  // open at 12
-  pp->reset(false);
-  // The median is warm with voice: the score stays voice, and the segment
-  // opens again at frame 2, its start clamped.
-  EXPECT_EQ(Mismatches(Feed(*pp, Runs({{kVoice, 5}, {kSil, 10}})),
-                       {{0, -1, -1}, {2, 0, -1}, {11, 0, 10}}),
-            "");
-}
-
-TEST(PostProcessTest, ResetTrueClearsTheMedian) {
-  auto pp = MakePost(BaseConfig());
-  Feed(*pp, Runs({{kVoice, 10}}));
-  pp->reset(true);
-  // The zeroed median needs 4 voice frames again: open at 3 + 2, start 2.
-  EXPECT_EQ(Mismatches(Feed(*pp, Runs({{kVoice, 8}})), {{0, -1, -1}, {5, 2, -1}}), "");
-}
-
-// A cut shows in the next frame; a new segment needs a reset.
-TEST(PostProcessTest, CutSegmentStaysEndedUntilReset) {
-  auto pp = MakePost(With(BaseConfig(), {{"cutoff_n_frame_max_vad_length", "60"},
-                                         {"cutoff_n_frame_min_vad_length", "1000"},
-                                         {"cutoff_n_frame_judging", "10"},
-                                         {"cutoff_threshold", "0.5"}}));
-  EXPECT_EQ(Mismatches(Feed(*pp, Runs({{kSil, 10}, {kVoice, 150}})),
-                       {{0, -1, -1}, {15, 12, -1}, {71, 12, 69}}),
-            "");
-  pp->reset(false);
-  // Warm median: open at 2, start clamped; the catch-up feeds frames 0..1,
-  // so the cut comes at frame 58, seen at 59.
-  EXPECT_EQ(Mismatches(Feed(*pp, Runs({{kVoice, 100}})), {{0, -1, -1}, {2, 0, -1}, {59, 0, 57}}),
-            "");
+TEST(PostProcessTest, ResetsRestartPositionsAndRearmTheRules) {
+  const struct {
+    ConfigMap config;
+    std::vector<Step> steps;
+  } cases[] = {
+      // reset(false) keeps the first-segment rule off (the warm median holds
+      // silence and the burst ends at once); reset(true) rearms it.
+      {With(BaseConfig(), kFirstSeg),
+       {{-1, kShortBurst, {{0, -1, -1}, {15, 12, -1}, {33, 12, 32}}},
+        {0, kShortBurst, {{0, -1, -1}, {15, 12, -1}, {26, 12, 25}}},
+        {0, kShortBurst, {{0, -1, -1}, {15, 12, -1}, {26, 12, 25}}},
+        {1, kShortBurst, {{0, -1, -1}, {15, 12, -1}, {33, 12, 32}}}}},
+      // Mid-segment: the median is warm with voice, so the segment opens
+      // again at frame 2, its start clamped.
+      {BaseConfig(),
+       {{-1, Runs({{kSil, 10}, {kVoice, 10}}), {}},
+        {0, Runs({{kVoice, 5}, {kSil, 10}}), {{0, -1, -1}, {2, 0, -1}, {11, 0, 10}}}}},
+      // The zeroed median needs 4 voice frames again: open at 3 + 2, start 2.
+      {BaseConfig(), {{-1, Runs({{kVoice, 10}}), {}}, {1, Runs({{kVoice, 8}}), {{0, -1, -1}, {5, 2, -1}}}}},
+      // A cut segment stays ended until a reset; then the catch-up feeds
+      // frames 0..1, so the next cut comes at frame 58, seen at 59.
+      {With(BaseConfig(), kCutAt60),
+       {{-1, Runs({{kSil, 10}, {kVoice, 150}}), {{0, -1, -1}, {15, 12, -1}, {71, 12, 69}}},
+        {0, Runs({{kVoice, 100}}), {{0, -1, -1}, {2, 0, -1}, {59, 0, 57}}}}},
+  };
+  for (size_t k = 0; k < sizeof(cases) / sizeof(cases[0]); ++k) {
+    auto pp = MakePost(cases[k].config);
+    for (size_t i = 0; i < cases[k].steps.size(); ++i) {
+      const Step& step = cases[k].steps[i];
+      if (step.reset >= 0) pp->reset(step.reset == 1);
+      const std::vector<Pos> got = Feed(*pp, step.scores);
+      if (!step.changes.empty()) {
+        EXPECT_EQ(Mismatches(got, step.changes), "") << "case " << k << ", step " << i;
+      }
+    }
+  }
 }
 
 // Mixing classes into the score, checked through whether a steady frame
 // opens a segment against a threshold of 0.55.
-struct MixCase {
-  const char* name;
-  const char* target_class;
-  const char* n_classes;
-  std::vector<float> prior;
-  bool opens;
-};
-
-void PrintTo(const MixCase& c, std::ostream* os) { *os << c.name; }
-
-class PostProcessMixTest : public testing::TestWithParam<MixCase> {};
-
-TEST_P(PostProcessMixTest, ScoreMixesTargetClasses) {
-  const MixCase& c = GetParam();
-  auto pp = MakePost(With(BaseConfig(), {{"target_class", c.target_class},
-                                         {"n_classes", c.n_classes},
-                                         {"wakeup_threshold", "0.55"},
-                                         {"sil_to_voice_hangover", "0"}}));
-  int32_t start = -1, end = -1;
-  const float energy = 0.0f;
-  for (int i = 0; i < 10; ++i) pp->apply_post_process(c.prior.data(), &energy, &start, &end);
-  EXPECT_EQ(start != -1, c.opens);
+TEST(PostProcessTest, ScoreMixesTargetClasses) {
+  const struct {
+    const char* target_class;
+    const char* n_classes;
+    std::vector<float> prior;
+    bool opens;
+  } cases[] = {
+      {"1", "2", {0.4f, 0.6f}, true},
+      {"1v2", "2", {0.7f, 0.3f}, true},
+      {"1v0.5,2", "3", {0.0f, 0.6f, 0.6f}, true},
+      {"1v0.5,2", "3", {0.0f, 0.0f, 0.6f}, false},  // the bare 2 takes 0.5 from before it
+      {"2,1v0.5", "3", {0.0f, 0.0f, 0.6f}, true},   // a leading bare class has factor 1
+      {"0v1,1v1", "2", {0.3f, 0.3f}, true},
+  };
+  for (const auto& c : cases) {
+    auto pp = MakePost(With(BaseConfig(), {{"target_class", c.target_class},
+                                           {"n_classes", c.n_classes},
+                                           {"wakeup_threshold", "0.55"},
+                                           {"sil_to_voice_hangover", "0"}}));
+    int32_t start = -1, end = -1;
+    const float energy = 0.0f;
+    for (int i = 0; i < 10; ++i) pp->apply_post_process(c.prior.data(), &energy, &start, &end);
+    EXPECT_EQ(start != -1, c.opens) << c.target_class << " " << c.prior.back();
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    TargetClass, PostProcessMixTest,
-    testing::Values(MixCase{"Plain", "1", "2", {0.4f, 0.6f}, true},
-                    MixCase{"Factor", "1v2", "2", {0.7f, 0.3f}, true},
-                    MixCase{"TwoClassesHalfEach", "1v0.5,2", "3", {0.0f, 0.6f, 0.6f}, true},
-                    // The bare class 2 takes 0.5 from the entry before it:
-                    // 0.3, not 0.6.
-                    MixCase{"FactorCarriesOver", "1v0.5,2", "3", {0.0f, 0.0f, 0.6f}, false},
-                    MixCase{
-                        "LeadingBareClassHasFactorOne", "2,1v0.5", "3", {0.0f, 0.0f, 0.6f}, true},
-                    MixCase{"ClassZero", "0v1,1v1", "2", {0.3f, 0.3f}, true}),
-    [](const testing::TestParamInfo<MixCase>& info) { return info.param.name; });
 
 TEST(PostProcessTest, ClassZeroWarns) {
   for (const char* target : {"0", "", "1,0v0.5"}) {
@@ -445,8 +383,6 @@ TEST(PostProcessTest, SuspectedPathReadsPrefixedKeys) {
   auto main_path = MakePost(SuspectedConfig(), false);
   auto suspected = MakePost(SuspectedConfig(), true, &log);
   EXPECT_EQ(main_path->get_sil_to_voice_hangover(), 2);
-  EXPECT_EQ(main_path->get_voice_to_sil_hangover(), 3);
-  EXPECT_EQ(main_path->get_extra_leading_sil(), 1);
   EXPECT_EQ(main_path->get_curr_wkp_threshold(), 0.5f);
   EXPECT_EQ(suspected->get_sil_to_voice_hangover(), 4);
   EXPECT_EQ(suspected->get_voice_to_sil_hangover(), 6);
@@ -545,30 +481,20 @@ TEST(PostProcessTest, BatchOfTwoCutEndsAtTheBatchsLastFrame) {
   EXPECT_EQ(Mismatches(calls, {{0, -1, -1}, {8, 13, -1}, {37, 13, 72}}), "");
 }
 
-TEST(PostProcessDeathTest, RequiredKeysAbort) {
+TEST(PostProcessDeathTest, MissingKeysAndBadClassesAbort) {
+  const std::string kCant = "src/post_process:[0-9]+ ERROR: can`t read value of key <";
   for (const char* key : {"target_class", "n_classes", "cutoff_n_frame_max_vad_length", "n_batch",
                           "wakeup_threshold"}) {
     ConfigMap config = BaseConfig();
     config.erase(key);
-    EXPECT_DEATH(Post_process(config, false),
-                 std::string("^(INFO: [^\n]*\n)*src/post_process:[0-9]+ ERROR: can`t read value "
-                             "of key <") +
-                     key + ">\n$");
+    EXPECT_DEATH(Post_process(config, false), "^(INFO: [^\n]*\n)*" + kCant + key + ">\n$");
   }
-}
-
-TEST(PostProcessDeathTest, SuspectedKeysHaveNoDefaults) {
+  // The prefixed keys of the suspected path have no defaults.
   ConfigMap config = SuspectedConfig();
   config.erase("suspected_first_vad_seg_trigger_threshold");
-  EXPECT_DEATH(Post_process(config, true),
-               "src/post_process:[0-9]+ ERROR: can`t read value of key "
-               "<suspected_first_vad_seg_trigger_threshold>\n$");
-}
-
-TEST(PostProcessDeathTest, ClassNotBelowNClassesAborts) {
+  EXPECT_DEATH(Post_process(config, true), kCant + "suspected_first_vad_seg_trigger_threshold>\n$");
   for (const char* target : {"2", "1v0.5,2", "1,7v1"}) {
-    const ConfigMap config = With(BaseConfig(), {{"target_class", target}});
-    EXPECT_DEATH(Post_process(config, false),
+    EXPECT_DEATH(Post_process(With(BaseConfig(), {{"target_class", target}}), false),
                  "src/post_process:[0-9]+ ERROR: the val of `classes` should be unsinged int and "
                  "smaller then `n_class`$")
         << target;

@@ -45,20 +45,13 @@ std::vector<std::complex<double>> ReferenceSpectrum(const std::vector<int16_t>& 
   return out;
 }
 
-TEST(TovadBuffTest, WindowTableEntries) {
+TEST(TovadBuffTest, WindowTableIsTheSymmetricBlackmanToSixDigits) {
   const float* w = Tovad_buff::harmming_window;
-  EXPECT_FLOAT_EQ(w[0], -1.38778e-17f);
-  EXPECT_FLOAT_EQ(w[479], -1.38778e-17f);
-  EXPECT_FLOAT_EQ(w[1], 1.54867e-05f);
-  EXPECT_FLOAT_EQ(w[100], 0.222411f);
-  EXPECT_FLOAT_EQ(w[239], 0.999982f);
-  EXPECT_FLOAT_EQ(w[240], 0.999982f);
   EXPECT_EQ(w[480], 0.0f);
   for (int i = 0; i < 480; ++i) {
-    ASSERT_EQ(w[i], w[479 - i]) << "symmetric about 239.5, entry " << i;
+    ASSERT_EQ(w[i], w[479 - i]) << "entry " << i;
     const double exact =
         0.42 - 0.5 * std::cos(2 * M_PI * i / 479) + 0.08 * std::cos(4 * M_PI * i / 479);
-    // Six significant digits.
     ASSERT_NEAR(w[i], exact, 5e-6 * std::max(std::abs(exact), 1e-16)) << "entry " << i;
   }
 }
@@ -97,47 +90,31 @@ TEST(TovadBuffTest, ImpulseAtTheFrameStartIsLost) {
   for (int i = 0; i < 514; ++i) ASSERT_LT(std::abs(spectrum[i]), 2e-5f) << "float " << i;
 }
 
-struct EnergyCase {
-  const char* name;
-  int16_t level;  // every sample of the frame
-  float expected_db;
-};
-
-void PrintTo(const EnergyCase& c, std::ostream* os) { *os << c.name; }
-
-class TovadBuffEnergyTest : public testing::TestWithParam<EnergyCase> {};
-
-TEST_P(TovadBuffEnergyTest, DecibelsOfNewestFrame) {
-  Tovad_buff buff;
-  EXPECT_EQ(buff.get_energy_of_current_frame(), 0.0f) << "silence before the first frame";
-  // Two loud frames before the one measured: only the newest counts.
-  std::vector<int16_t> loud(160, 20000);
-  std::vector<int16_t> frame(160, GetParam().level);
-  for (int f = 0; f < 12; ++f) {  // crosses a wrap
-    buff.append_wave_frame(loud.data());
-    buff.append_wave_frame(frame.data());
-    const float db = buff.get_energy_of_current_frame();
-    if (GetParam().expected_db == 0.0f) {
-      ASSERT_EQ(db, 0.0f);
-    } else {
+TEST(TovadBuffTest, DecibelsOfTheNewestFrame) {
+  // A constant frame of level A has power A^2 / 160 on this scale; below 1
+  // it is clipped to 0 instead of a small negative value.
+  const struct {
+    int16_t level;
+    float db;
+  } cases[] = {{0, 0.0f},
+               {12, 0.0f},
+               {13, static_cast<float>(10 * std::log10(169 / 160.0))},
+               {4000, 50.0f},
+               {-32768, static_cast<float>(10 * std::log10(32768.0 * 32768 / 160))}};
+  for (const auto& c : cases) {
+    Tovad_buff buff;
+    EXPECT_EQ(buff.get_energy_of_current_frame(), 0.0f) << "silence before the first frame";
+    // A loud frame before each measured one: only the newest counts.
+    std::vector<int16_t> loud(160, 20000), frame(160, c.level);
+    for (int f = 0; f < 12; ++f) {  // crosses a wrap
+      buff.append_wave_frame(loud.data());
+      buff.append_wave_frame(frame.data());
       // fast_log2 is within 0.01 of log2, so within 0.031 dB.
-      ASSERT_NEAR(db, GetParam().expected_db, 0.035f);
+      ASSERT_NEAR(buff.get_energy_of_current_frame(), c.db, c.db == 0.0f ? 0.0f : 0.035f)
+          << c.level;
     }
   }
 }
-
-// A constant frame of level A has power A^2 / 160 on this scale.
-INSTANTIATE_TEST_SUITE_P(
-    Levels, TovadBuffEnergyTest,
-    testing::Values(EnergyCase{"Zero", 0, 0.0f},
-                    // A = 12: power 0.9 < 1, clipped to 0 instead of a small negative value.
-                    EnergyCase{"BelowOne", 12, 0.0f},
-                    EnergyCase{"JustAboveOne", 13,
-                               static_cast<float>(10 * std::log10(169 / 160.0))},
-                    EnergyCase{"Speech", 4000, 50.0f},
-                    EnergyCase{"FullScale", -32768,
-                               static_cast<float>(10 * std::log10(32768.0 * 32768 / 160))}),
-    [](const testing::TestParamInfo<EnergyCase>& info) { return info.param.name; });
 
 TEST(TovadBuffTest, ResetLeavesTheNextSpectrumAsIs) {
   // The reset clears three samples that the next analysis frame no longer
@@ -153,24 +130,6 @@ TEST(TovadBuffTest, ResetLeavesTheNextSpectrumAsIs) {
         << "frame " << f;
     ASSERT_EQ(plain.get_energy_of_current_frame(), with_reset.get_energy_of_current_frame());
   }
-}
-
-TEST(TovadBuffTest, ResetClearsOnlyThreeSamplesOfTheOldestFrame) {
-  Tovad_buff buff;
-  const std::vector<int16_t> pcm = RandomPcm(160 * 5, 31);
-  for (size_t f = 0; f < 5; ++f) buff.append_wave_frame(pcm.data() + 160 * f);
-  // Next slot 8; the analysis frame was slots 5..7.
-  std::vector<float> before(buff.get_wave_frame(0), buff.get_wave_frame(0) + 1920);
-  buff.reset();
-  std::vector<float> after(buff.get_wave_frame(0), buff.get_wave_frame(0) + 1920);
-  for (int i = 0; i < 1920; ++i) {
-    if (i >= 5 * 160 && i < 5 * 160 + 3) {
-      EXPECT_EQ(after[i], 0.0f) << i;
-    } else {
-      ASSERT_EQ(after[i], before[i]) << i;
-    }
-  }
-  EXPECT_NE(before[5 * 160], 0.0f);
 }
 
 }  // namespace

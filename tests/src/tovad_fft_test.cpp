@@ -84,6 +84,17 @@ TEST_P(TovadFftLengthTest, ForwardMatchesDoubleDft) {
   EXPECT_LT(worst, Tolerance(n));
   EXPECT_EQ(out[1], 0.0f);
   EXPECT_EQ(out[n + 1], 0.0f);
+
+  // Unscaled: an impulse gives exact ones, zeros give exact zeros.
+  std::fill(x.begin(), x.end(), 0.0f);
+  fft_->fft(out.data(), x.data(), n);
+  EXPECT_EQ(out, std::vector<float>(n + 2, 0.0f));
+  x[0] = 1.0f;
+  fft_->fft(out.data(), x.data(), n);
+  for (int32_t k = 0; k <= n / 2; ++k) {
+    ASSERT_EQ(out[2 * k], 1.0f) << "bin " << k;
+    ASSERT_EQ(out[2 * k + 1], 0.0f) << "bin " << k;
+  }
 }
 
 TEST_P(TovadFftLengthTest, InverseMatchesDoubleInverseAndIgnoresEdgeImaginaryParts) {
@@ -105,51 +116,6 @@ TEST_P(TovadFftLengthTest, InverseMatchesDoubleInverseAndIgnoresEdgeImaginaryPar
   double worst = 0;
   for (int32_t t = 0; t < n; ++t) worst = std::max(worst, std::abs(a[t] - ref[t]) / rms);
   EXPECT_LT(worst, Tolerance(n));
-}
-
-TEST_P(TovadFftLengthTest, InverseUndoesForward) {
-  const int32_t n = GetParam();
-  std::vector<float> x = RandomSignal(n, 5u + n);
-  std::vector<float> spectrum(n + 2);
-  std::vector<float> back(n);
-  fft_->fft(spectrum.data(), x.data(), n);
-  fft_->ifft(back.data(), spectrum.data(), n);
-  double worst = 0;
-  for (int32_t t = 0; t < n; ++t) worst = std::max(worst, std::abs(double(back[t]) - x[t]));
-  // The inputs are below 1 in magnitude, so this is a relative error too.
-  EXPECT_LT(worst, Tolerance(n));
-}
-
-TEST_P(TovadFftLengthTest, ImpulseGivesOnesWithoutScale) {
-  const int32_t n = GetParam();
-  std::vector<float> x(n, 0.0f);
-  x[0] = 1.0f;
-  std::vector<float> out(n + 2, std::nanf(""));
-  fft_->fft(out.data(), x.data(), n);
-  for (int32_t k = 0; k <= n / 2; ++k) {
-    ASSERT_EQ(out[2 * k], 1.0f) << "bin " << k;
-    ASSERT_EQ(out[2 * k + 1], 0.0f) << "bin " << k;
-  }
-}
-
-TEST_P(TovadFftLengthTest, ConstantAndZeroInputs) {
-  const int32_t n = GetParam();
-  std::vector<float> x(n, 0.75f);
-  std::vector<float> out(n + 2, std::nanf(""));
-  fft_->fft(out.data(), x.data(), n);
-  EXPECT_EQ(out[0], 0.75f * n);  // sums of a power-of-two multiple are exact
-  EXPECT_EQ(out[1], 0.0f);
-  for (int32_t k = 1; k <= n / 2; ++k) {
-    ASSERT_NEAR(out[2 * k], 0.0f, 0.75 * n * Tolerance(n)) << "bin " << k;
-    ASSERT_NEAR(out[2 * k + 1], 0.0f, 0.75 * n * Tolerance(n)) << "bin " << k;
-  }
-
-  std::fill(x.begin(), x.end(), 0.0f);
-  fft_->fft(out.data(), x.data(), n);
-  for (int32_t i = 0; i < n + 2; ++i) ASSERT_EQ(out[i], 0.0f) << "float " << i;
-  std::fill(out.begin(), out.end(), 0.0f);
-  fft_->ifft(x.data(), out.data(), n);
-  for (int32_t i = 0; i < n; ++i) ASSERT_EQ(x[i], 0.0f) << "sample " << i;
 }
 
 INSTANTIATE_TEST_SUITE_P(AllLengths, TovadFftLengthTest,
