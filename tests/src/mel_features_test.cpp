@@ -71,114 +71,48 @@ class PcenProbe : public MelTables<PcenFeatureExtractor> {
   }
 };
 
-// ---------------------------------------------------------------- aborts
-
-TEST(MelFeaturesDeathTest, FbankConstructorAlwaysAbortsOnDimensionZero) {
-  const std::vector<float> mv = IdentityMeanvar(120);
-  EXPECT_DEATH(FbankFeatureExtractor(40, mv.data()),
-               "^错误: fbank的特征维度只能为40或者80, 输入的维度为0\n$");
-  EXPECT_DEATH(FbankFeatureExtractor(80, mv.data()),
-               "^错误: fbank的特征维度只能为40或者80, 输入的维度为0\n$");
-}
-
 TEST(MelFeaturesDeathTest, DimensionIsCheckedBeforeDeltaOrder) {
   const std::vector<float> mv = IdentityMeanvar(1000);
-  EXPECT_DEATH(PcenFeatureExtractor(64, mv.data()),
-               "^错误: fbank的特征维度只能为40或者80, 输入的维度为64\n$");
-  EXPECT_DEATH(FbankProbe(41, 7, mv.data()),
-               "^错误: fbank的特征维度只能为40或者80, 输入的维度为41\n$");
-  EXPECT_DEATH(FbankProbe(40, 3, mv.data()),
-               "^错误: delta_order的值只能为0、1、2中的一个, 输入的值为3\n$");
-  // Compared as unsigned: negative orders fail too.
-  EXPECT_DEATH(FbankProbe(80, -1, mv.data()),
-               "^错误: delta_order的值只能为0、1、2中的一个, 输入的值为-1\n$");
+  const std::string kDim = "^错误: fbank的特征维度只能为40或者80, 输入的维度为";
+  const std::string kOrder = "^错误: delta_order的值只能为0、1、2中的一个, 输入的值为";
+  // The public fbank constructor never sets a dimension.
+  EXPECT_DEATH(FbankFeatureExtractor(40, mv.data()), kDim + "0\n$");
+  EXPECT_DEATH(PcenFeatureExtractor(64, mv.data()), kDim + "64\n$");
+  EXPECT_DEATH(FbankProbe(41, 7, mv.data()), kDim + "41\n$");
+  EXPECT_DEATH(FbankProbe(40, 3, mv.data()), kOrder + "3\n$");
+  EXPECT_DEATH(FbankProbe(80, -1, mv.data()), kOrder + "-1\n$");  // compared as unsigned
 }
 
-// ---------------------------------------------------------------- mel bank
-
-// Offsets and widths of the triangles over bins 0 .. 255, from an
-// independent float32 computation; no bin lies within 2e-5 (relative) of a
-// triangle's edge, so these do not depend on the last bit of logf.
-const std::vector<int32_t> kOffsets40 = {
-    1,  2,  3,  5,  7,  9,  10, 13, 15,  17,  20,  22,  25,  28,  31,  34,  38,  42,  46,  50,
-    55, 60, 65, 70, 76, 82, 89, 96, 103, 111, 120, 129, 138, 148, 159, 171, 183, 196, 210, 224};
-const std::vector<int32_t> kWidths40 = {2,  3,  4,  4,  3,  4,  5,  4,  5,  5,  5,  6,  6,  6,
-                                        7,  8,  8,  8,  9,  10, 10, 10, 11, 12, 13, 14, 14, 15,
-                                        17, 18, 18, 19, 21, 23, 24, 25, 27, 28, 30, 32};
-const std::vector<int32_t> kOffsets80 = {
-    1,   1,   2,   3,   3,   4,   5,   6,   7,   8,   9,   10,  11,  12,  13,  14,
-    15,  16,  17,  19,  20,  21,  23,  24,  25,  27,  28,  30,  32,  33,  35,  37,
-    39,  41,  43,  45,  47,  49,  51,  53,  56,  58,  61,  63,  66,  69,  72,  75,
-    78,  81,  84,  88,  91,  95,  98,  102, 106, 110, 114, 119, 123, 128, 132, 137,
-    142, 147, 153, 158, 164, 170, 176, 182, 189, 195, 202, 209, 216, 224, 232, 240};
-const std::vector<int32_t> kWidths80 = {
-    1, 2, 1,  1,  2,  2,  2,  2,  2,  2,  2,  2,  2,  2,  2,  2,  2,  3,  3,  2,
-    3, 3, 2,  3,  3,  3,  4,  3,  3,  4,  4,  4,  4,  4,  4,  4,  4,  4,  5,  5,
-    5, 5, 5,  6,  6,  6,  6,  6,  6,  7,  7,  7,  7,  7,  8,  8,  8,  9,  9,  9,
-    9, 9, 10, 10, 11, 11, 11, 12, 12, 12, 13, 13, 13, 14, 14, 15, 16, 16, 16, 16};
-
-struct BankCase {
-  int32_t banks;
-  const std::vector<int32_t>* offsets;
-  const std::vector<int32_t>* widths;
-  float first_peak;  // largest weight of bank 0, from the same computation
-  float last_peak;   // largest weight of the last bank
-};
-
-class MelBankTest : public testing::TestWithParam<BankCase> {};
-
-TEST_P(MelBankTest, TrianglesOverTheBins) {
-  const BankCase& c = GetParam();
-  const std::vector<float> mv = IdentityMeanvar(3 * c.banks);
-  auto pcen = std::make_unique<PcenProbe>(c.banks, mv.data());
-  auto fbank = std::make_unique<FbankProbe>(c.banks, 2, mv.data());
-  EXPECT_EQ(pcen->feature_dim(), 3 * c.banks);
-  EXPECT_EQ(pcen->offsets(), *c.offsets);
-  EXPECT_EQ(pcen->widths(), *c.widths);
-  // Both spacings span 0 .. 8000 Hz on the mel scale.
-  EXPECT_EQ(fbank->offsets(), *c.offsets);
-  EXPECT_EQ(fbank->widths(), *c.widths);
-
-  const std::vector<float> first = pcen->weights(0);
-  const std::vector<float> last = pcen->weights(c.banks - 1);
-  EXPECT_NEAR(*std::max_element(first.begin(), first.end()), c.first_peak, 1e-5f);
-  EXPECT_NEAR(*std::max_element(last.begin(), last.end()), c.last_peak, 1e-5f);
-
-  for (int32_t b = 0; b < c.banks; ++b) {
-    const std::vector<float> w = pcen->weights(b);
-    ASSERT_EQ(w, fbank->weights(b)) << "bank " << b;
-    // Rising to a peak not above 1, then falling.
-    const size_t peak = std::max_element(w.begin(), w.end()) - w.begin();
-    for (size_t j = 0; j < w.size(); ++j) {
-      ASSERT_GT(w[j], 0.0f) << "bank " << b;
-      ASSERT_LE(w[j], 1.0f) << "bank " << b;
-      if (j > 0 && j <= peak) {
-        ASSERT_GT(w[j], w[j - 1]) << "bank " << b;
-      } else if (j > peak) {
-        ASSERT_LT(w[j], w[j - 1]) << "bank " << b;
+// Triangles on the mel scale 1127 ln(1 + f/700) over 0 .. 8000 Hz, bank b
+// spanning (b, b + 2) spacings, over the bins 0 .. 255 strictly inside;
+// no bin lies within 2e-5 (relative) of an edge, so a double computation
+// gives the same bins.  Both extractors share the tables.
+TEST(MelBankTest, TrianglesOverTheBins) {
+  for (int32_t banks : {40, 80}) {
+    const std::vector<float> mv = IdentityMeanvar(3 * banks);
+    auto pcen = std::make_unique<PcenProbe>(banks, mv.data());
+    auto fbank = std::make_unique<FbankProbe>(banks, 2, mv.data());
+    EXPECT_EQ(pcen->feature_dim(), 3 * banks);
+    EXPECT_EQ(fbank->offsets(), pcen->offsets());
+    EXPECT_EQ(fbank->widths(), pcen->widths());
+    const double spacing = 1127.0 * std::log(1.0 + 8000.0 / 700.0) / (banks + 1);
+    for (int32_t b = 0; b < banks; ++b) {
+      std::vector<double> want;
+      int32_t first = -1;
+      for (int k = 0; k < 256; ++k) {
+        const double mel = 1127.0 * std::log(1.0 + k * 31.25 / 700.0) / spacing - b;
+        if (mel <= 0.0 || mel >= 2.0) continue;
+        if (first < 0) first = k;
+        want.push_back(mel <= 1.0 ? mel : 2.0 - mel);
       }
-    }
-  }
-  // Where neighbours overlap, the falling side of one and the rising side of
-  // the next add up to 1.
-  for (int32_t b = 0; b + 1 < c.banks; ++b) {
-    const std::vector<float> w0 = pcen->weights(b);
-    const std::vector<float> w1 = pcen->weights(b + 1);
-    const int32_t o0 = pcen->offsets()[b];
-    const int32_t o1 = pcen->offsets()[b + 1];
-    for (int32_t bin = o1; bin < o0 + static_cast<int32_t>(w0.size()); ++bin) {
-      if (bin - o1 >= static_cast<int32_t>(w1.size())) break;
-      const size_t peak0 = std::max_element(w0.begin(), w0.end()) - w0.begin();
-      if (bin - o0 <= static_cast<int32_t>(peak0)) continue;  // not yet on the falling side
-      ASSERT_NEAR(w0[bin - o0] + w1[bin - o1], 1.0f, 2e-6f) << "banks " << b << ", bin " << bin;
+      ASSERT_EQ(pcen->offsets()[b], first) << banks << " banks, bank " << b;
+      const std::vector<float> got = pcen->weights(b);
+      ASSERT_EQ(got.size(), want.size()) << banks << " banks, bank " << b;
+      ASSERT_EQ(got, fbank->weights(b));
+      for (size_t j = 0; j < got.size(); ++j) ASSERT_NEAR(got[j], want[j], 1e-5) << b << " " << j;
     }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Sizes, MelBankTest,
-    testing::Values(BankCase{40, &kOffsets40, &kWidths40, 0.71058613f, 0.97487724f},
-                    BankCase{80, &kOffsets80, &kWidths80, 0.59615904f, 0.9437315f}));
 
 TEST(MelWindowTest, FbankInSinglePcenInDoublePrecision) {
   const std::vector<float> mv = IdentityMeanvar(120);
@@ -196,28 +130,22 @@ TEST(MelWindowTest, FbankInSinglePcenInDoublePrecision) {
   EXPECT_GT(differ, 0);
 }
 
-// ---------------------------------------------------------------- fbank
-
-class FbankWarmupTest : public testing::TestWithParam<int32_t> {};
-
-TEST_P(FbankWarmupTest, FirstOutputAtCallTwiceOrderPlusThree) {
-  const int32_t order = GetParam();
-  const int32_t dim = 40 * (order + 1);
-  const std::vector<float> mv = IdentityMeanvar(dim);
-  auto fbank = std::make_unique<FbankProbe>(40, order, mv.data());
-  EXPECT_EQ(fbank->feature_dim(), dim);
-  const std::vector<int16_t> pcm = RandomPcm(160 * 12, 3, 2000.0f);
-  for (int32_t call = 1; call <= 12; ++call) {
-    std::vector<float> feats(dim, std::nanf(""));
-    fbank->getFeats(pcm.data() + 160 * (call - 1), feats.data());
-    const bool written = call >= 2 * order + 3;
-    for (int32_t i = 0; i < dim; ++i) {
-      ASSERT_EQ(std::isnan(feats[i]), !written) << "call " << call << ", value " << i;
+TEST(FbankTest, FirstOutputAtCallTwiceOrderPlusThree) {
+  for (int32_t order : {0, 1, 2}) {
+    const int32_t dim = 40 * (order + 1);
+    const std::vector<float> mv = IdentityMeanvar(dim);
+    auto fbank = std::make_unique<FbankProbe>(40, order, mv.data());
+    EXPECT_EQ(fbank->feature_dim(), dim);
+    const std::vector<int16_t> pcm = RandomPcm(160 * 12, 3, 2000.0f);
+    for (int32_t call = 1; call <= 12; ++call) {
+      std::vector<float> feats(dim, std::nanf(""));
+      fbank->getFeats(pcm.data() + 160 * (call - 1), feats.data());
+      for (int32_t i = 0; i < dim; ++i) {
+        ASSERT_EQ(std::isnan(feats[i]), call < 2 * order + 3) << order << " " << call << " " << i;
+      }
     }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(DeltaOrders, FbankWarmupTest, testing::Values(0, 1, 2));
 
 TEST(FbankTest, LogMelOfTheOldestFourHundredSamples) {
   // Order 0: the output of call t is the log mel energy of stream samples
@@ -250,52 +178,25 @@ TEST(FbankTest, LogMelOfTheOldestFourHundredSamples) {
   }
 }
 
-TEST(FbankTest, SilenceGivesTheFloorAndZeroDeltas) {
+TEST(FbankTest, SilenceGivesTheFloorAndSteadySoundZeroDeltas) {
   const std::vector<float> mv = IdentityMeanvar(120);
-  auto fbank = std::make_unique<FbankProbe>(40, 2, mv.data());
-  const std::vector<int16_t> silence(160, 0);
-  std::vector<float> feats(120);
-  for (int call = 0; call < 12; ++call) fbank->getFeats(silence.data(), feats.data());
-  for (int k = 0; k < 40; ++k) {
-    EXPECT_EQ(feats[k], std::log(kEps)) << k;  // about -15.94
-    // The scales of orders 1 and 2 sum to 0 (up to their float rounding).
-    EXPECT_NEAR(feats[40 + k], 0.0f, 1e-5f) << k;
-    EXPECT_NEAR(feats[80 + k], 0.0f, 1e-5f) << k;
-  }
-  EXPECT_NEAR(feats[0], -15.942385f, 1e-5f);
-}
-
-TEST(FbankTest, ToneLandsInTheBankAroundItsFrequency) {
-  const std::vector<float> mv = IdentityMeanvar(80);
-  auto fbank = std::make_unique<FbankProbe>(80, 0, mv.data());
-  const double freq = 1500.0;
-  std::vector<int16_t> pcm(160 * 6);
-  for (size_t t = 0; t < pcm.size(); ++t)
-    pcm[t] = static_cast<int16_t>(8000 * std::sin(2 * M_PI * freq * t / 16000));
-  std::vector<float> feats(80);
-  for (int call = 0; call < 6; ++call) fbank->getFeats(pcm.data() + 160 * call, feats.data());
-  const int32_t top = std::max_element(feats.begin(), feats.end()) - feats.begin();
-  const double spacing = 2840.0378 / 81;
-  const double mel = 1127 * std::log(1 + freq / 700);
-  EXPECT_NEAR((top + 1) * spacing, mel, spacing);
-}
-
-TEST(FbankTest, ConstantLevelGivesZeroDeltas) {
-  // A steady tone: every frame has the same spectrum, so both deltas vanish.
-  const std::vector<float> mv = IdentityMeanvar(120);
-  auto fbank = std::make_unique<FbankProbe>(40, 2, mv.data());
-  std::vector<int16_t> pcm(160, 0);
-  for (int t = 0; t < 160; ++t)
-    pcm[t] = static_cast<int16_t>(6000 * std::sin(2 * M_PI * t / 16));  // 1 kHz
-  std::vector<float> feats(120);
-  for (int call = 0; call < 12; ++call) fbank->getFeats(pcm.data(), feats.data());
-  for (int k = 0; k < 40; ++k) {
-    EXPECT_NEAR(feats[40 + k], 0.0f, 1e-4f) << k;
-    EXPECT_NEAR(feats[80 + k], 0.0f, 1e-4f) << k;
+  std::vector<int16_t> tone(160);
+  for (int t = 0; t < 160; ++t) tone[t] = static_cast<int16_t>(6000 * std::sin(2 * M_PI * t / 16));
+  for (bool silent : {true, false}) {
+    auto fbank = std::make_unique<FbankProbe>(40, 2, mv.data());
+    const std::vector<int16_t> frame = silent ? std::vector<int16_t>(160, 0) : tone;
+    std::vector<float> feats(120);
+    for (int call = 0; call < 12; ++call) fbank->getFeats(frame.data(), feats.data());
+    for (int k = 0; k < 40; ++k) {
+      if (silent) {
+        EXPECT_EQ(feats[k], std::log(kEps)) << k;  // about -15.94
+      }
+      // The scales of orders 1 and 2 sum to 0 (up to their float rounding).
+      EXPECT_NEAR(feats[40 + k], 0.0f, 1e-4f) << k;
+      EXPECT_NEAR(feats[80 + k], 0.0f, 1e-4f) << k;
+    }
   }
 }
-
-// ---------------------------------------------------------------- energy
 
 TEST(MelEnergyTest, LastTenMillisecondsOfTheWindowUnscaled) {
   // After three calls the buffer is frames 1..3; samples 240 .. 399 are the
@@ -322,8 +223,6 @@ TEST(MelEnergyTest, LastTenMillisecondsOfTheWindowUnscaled) {
   for (int f = 0; f < 3; ++f) pcen->getFeats(pcm.data() + 160 * f, feats.data());
   EXPECT_EQ(pcen->get_energy_of_current_frame(), 0.0f);
 }
-
-// ---------------------------------------------------------------- PCEN
 
 TEST(PcenTest, WarmupRewritesTheCallersBufferThenWritesFeatures) {
   std::vector<float> mv(240);
@@ -399,21 +298,16 @@ TEST(PcenTest, SmootherRestartsAtTheEighthQuietFrame) {
   for (int q = 10; q < 14; ++q) pcen->getFeats(quiet.data() + 160 * q, feats.data());
   const double restarted = std::sqrt(3.0) - std::sqrt(2.0);
   for (int k = 0; k < 40; ++k) EXPECT_NEAR(feats[k], restarted, 0.02) << k;
-}
 
-TEST(PcenTest, OneLoudFrameInTheRunClearsTheCount) {
-  const std::vector<float> mv = IdentityMeanvar(120);
-  auto pcen = std::make_unique<PcenProbe>(40, mv.data());
-  const std::vector<int16_t> loud = RandomPcm(160 * 20, 47, kLoud);
-  const std::vector<int16_t> quiet = RandomPcm(160 * 20, 53, kQuiet);
-  std::vector<float> feats(120);
+  // One loud frame in a run of seven quiet ones clears the count and only
+  // smooths.
   for (int f = 0; f < 20; ++f) pcen->getFeats(loud.data() + 160 * f, feats.data());
   for (int q = 0; q < 9; ++q) pcen->getFeats(quiet.data() + 160 * q, feats.data());
   ASSERT_EQ(pcen->impulse_count(), 7);
   const double before = pcen->mean_smooth_energy();
-  pcen->getFeats(loud.data(), feats.data());  // the 8th frame is not quiet
+  pcen->getFeats(loud.data(), feats.data());
   EXPECT_EQ(pcen->impulse_count(), 0);
-  EXPECT_GT(pcen->mean_smooth_energy(), 0.9 * before) << "no restart, only smoothing";
+  EXPECT_GT(pcen->mean_smooth_energy(), 0.9 * before);
 }
 
 TEST(MelFeaturesTest, ResetGivesTheFeaturesOfAFreshObject) {
