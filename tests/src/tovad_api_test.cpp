@@ -150,9 +150,7 @@ TEST_F(ToolkitTest, SegmentOpensAndClosesAroundTheFirstBurst) {
   Handle h(dir);
   std::vector<Outputs> frames = RunPerFrame(h.get(), *audio_);
 
-  // Nothing opens in the leading noise.
   for (int f = 0; f < 100; ++f) ASSERT_EQ(frames[f].start, -1) << "frame " << f + 1;
-
   const Outputs final_out = frames.back();
   // The start is moved back by the opening hangover and the leading
   // silence, which cover the feature and median delays (about 7 frames).
@@ -196,9 +194,7 @@ TEST_F(ToolkitTest, PartialFramesLeaveTheOutputsUntouched) {
   const std::string dir = WriteConf("partial", BaseConf());
   Handle h(dir);
   int start = 123, end = 456;
-  EXPECT_EQ(Tovad_toolkit_predict(h.get(), 0, audio_->data(), &start, &end), 0);
-  EXPECT_EQ(Tovad_toolkit_predict(h.get(), -5, audio_->data(), &start, &end), 0);
-  EXPECT_EQ(Tovad_toolkit_predict(h.get(), 159, audio_->data(), &start, &end), 0);
+  for (int n : {0, -5, 159}) EXPECT_EQ(Tovad_toolkit_predict(h.get(), n, audio_->data(), &start, &end), 0);
   EXPECT_EQ(start, 123);
   EXPECT_EQ(end, 456);
   // The 160th sample completes a frame, which writes both.
@@ -269,31 +265,24 @@ TEST_F(ToolkitTest, ResetTrueBehavesLikeAFreshHandle) {
   RunPerFrame(h.get(), other);
   Tovad_toolkit_reset(h.get(), true);
   std::vector<Outputs> again = RunPerFrame(h.get(), *audio_);
-  ASSERT_EQ(again.size(), fresh.size());
-  for (size_t i = 0; i < fresh.size(); ++i) {
-    ASSERT_TRUE(again[i] == fresh[i]) << "frame " << i + 1;
-  }
+  EXPECT_TRUE(again == fresh);
 }
 
 TEST_F(ToolkitTest, GettersAndThresholdSetters) {
   const std::string dir = WriteConf("getters", BaseConf());
   Handle h(dir);
-  EXPECT_EQ(Tovad_toolkit_get_batch_size(h.get()), 1);
-  EXPECT_EQ(Tovad_toolkit_get_leading_sil(h.get()), 10);
+  // The hangovers come from the post-processing, not swapped.
   EXPECT_EQ(Tovad_toolkit_get_voice_to_sil_th(h.get()), 30);
   EXPECT_EQ(Tovad_toolkit_get_sil_to_voice_th(h.get()), 5);
+  EXPECT_EQ(Tovad_toolkit_get_leading_sil(h.get()), 10);
   EXPECT_EQ(Tovad_toolkit_get_suspected_vad_end(h.get()), -1);
-  EXPECT_FLOAT_EQ(TOVAD_toolkit_get_curr_wkp_threshold(h.get()), 0.5f);
   // No suspected path: 0.0 and no effect.
   TOVAD_toolkit_set_suspected_wkp_threshold(h.get(), 0.9f);
   EXPECT_EQ(TOVAD_toolkit_get_curr_suspected_wkp_threshold(h.get()), 0.0f);
-
   // A threshold no posterior reaches: nothing ever opens.
   TOVAD_toolkit_set_wkp_threshold(h.get(), 1.5f);
   EXPECT_FLOAT_EQ(TOVAD_toolkit_get_curr_wkp_threshold(h.get()), 1.5f);
-  const Outputs last = RunPerFrame(h.get(), *audio_).back();
-  EXPECT_EQ(last.start, -1);
-  EXPECT_EQ(last.end, -1);
+  EXPECT_TRUE(RunPerFrame(h.get(), *audio_).back() == Outputs());
 }
 
 TEST_F(ToolkitTest, SuspectedPathReportsAnEarlierEnd) {
@@ -452,23 +441,19 @@ INSTANTIATE_TEST_SUITE_P(
         InitFailure{"MeanvarOneTooMany", BaseConf(), "echo 1 >> tone_meanvar.txt",
                     "src/tovad_predictor:[0-9]+ ERROR: meanvar contains too much params, "
                     "n_chan or n_width is wrong\\?"},
-        InitFailure{"MeanvarShort", BaseConf(),
-                    "head -c 200 tone_meanvar.txt > m && mv m tone_meanvar.txt",
+        InitFailure{"MeanvarShort", BaseConf(), "head -c 200 tone_meanvar.txt > m && mv m tone_meanvar.txt",
                     "src/tovad_predictor:[0-9]+ ERROR: meanvar file is broken"},
         InitFailure{"ObmPathSet", WithKey("path_to_obm", "model.obm"), "",
                     "致命错误: OBM模型支持已关闭，请关闭DISABLE_K2_PREDICTOR后重新编译解码器"},
-        // An empty value behind a prefix names the model folder itself,
-        // which is no model.
+        // An empty value behind a prefix names the model folder, no model.
         InitFailure{"EmptyModelPathBehindPrefix",
                     "path_to_json=\n" + BaseConf().substr(BaseConf().find("path_to_param")), "",
                     "# Check failed: cJSON_HasObjectItem\\(symbol_str, \"nodes\"\\) == 1"},
         InitFailure{"FeatureTypeFbank", WithKey("feature_type", "fbank"), "",
                     "错误: fbank的特征维度只能为40或者80, 输入的维度为0"},
         InitFailure{"FeatureTypeCapitalised", WithKey("feature_type", "Fbank"), "", ""},
-        InitFailure{"UnloadableModel", BaseConf(),
-                    "sed -i 's/SoftmaxActivation/NoSuchOperator/' tone_model.json",
-                    "not support MXGetLastErr currently!\n"
-                    "致命错误: 加载MXNET模型失败，请检查相关配置项"}),
+        InitFailure{"UnloadableModel", BaseConf(), "sed -i 's/SoftmaxActivation/NoSuchOperator/' tone_model.json",
+                    "not support MXGetLastErr currently!\n致命错误: 加载MXNET模型失败，请检查相关配置项"}),
     [](const testing::TestParamInfo<InitFailure>& info) { return info.param.name; });
 
 TEST(ToolkitInitDeathTest, EmptyModelPathWithoutPrefixIsRefused) {

@@ -7,6 +7,7 @@
 #include <sndfile.h>
 
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -128,13 +129,7 @@ TEST_F(TovadCliTest, ForcedCutoffEndsWithoutTheHangoverTail) {
   fake_toolkit::g_state.max_segment_frames = 50;
   ToolRun r = RunTool({"--conf", conf_, wav_});
   EXPECT_EQ(r.code, 0) << r.err;
-  std::istringstream lines(r.out);
-  std::string first;
-  std::getline(lines, first);
-  EXPECT_EQ(first, "1.000\t1.460");
-  std::string second;
-  std::getline(lines, second);
-  EXPECT_EQ(second, "1.480\t1.970");
+  EXPECT_EQ(r.out.rfind("1.000\t1.460\n1.480\t1.970\n", 0), 0u) << r.out;
 }
 
 TEST_F(TovadCliTest, WritesEachSegmentAsAWav) {
@@ -158,33 +153,13 @@ TEST_F(TovadCliTest, WritesEachSegmentAsAWav) {
   }
 }
 
-struct FormatCase {
-  const char* name;
-  std::vector<std::string> options;
-  std::string expected;
-};
-
-class TovadFormatTest : public TovadCliTest, public testing::WithParamInterface<FormatCase> {};
-
-TEST_P(TovadFormatTest, PrintsTheFormat) {
-  std::vector<std::string> args = {"--conf", conf_};
-  args.insert(args.end(), GetParam().options.begin(), GetParam().options.end());
-  args.push_back(wav_);
-  ToolRun r = RunTool(args);
-  EXPECT_EQ(r.code, 0) << r.err;
-  EXPECT_EQ(r.out, GetParam().expected);
+TEST_F(TovadCliTest, PrintsTheOtherFormats) {
+  EXPECT_EQ(RunTool({"--conf", conf_, "--format", "rttm", wav_}).out,
+            "SPEAKER two 1 1.000 1.000 <NA> <NA> speech <NA> <NA>\n"
+            "SPEAKER two 1 3.000 0.500 <NA> <NA> speech <NA> <NA>\n");
+  EXPECT_EQ(RunTool({"--conf", conf_, "-f", "audacity", wav_}).out,
+            "1.000000\t2.000000\tspeech\n3.000000\t3.500000\tspeech\n");
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Formats, TovadFormatTest,
-    testing::Values(FormatCase{"Rttm",
-                               {"--format", "rttm"},
-                               "SPEAKER two 1 1.000 1.000 <NA> <NA> speech <NA> <NA>\n"
-                               "SPEAKER two 1 3.000 0.500 <NA> <NA> speech <NA> <NA>\n"},
-                    FormatCase{"Audacity",
-                               {"-f", "audacity"},
-                               "1.000000\t2.000000\tspeech\n3.000000\t3.500000\tspeech\n"}),
-    [](const testing::TestParamInfo<FormatCase>& info) { return info.param.name; });
 
 TEST_F(TovadCliTest, JsonDescribesEveryFile) {
   const std::string quiet = dir_ + "/quiet \"name\".wav";
@@ -322,19 +297,10 @@ TEST_P(TovadErrorTest, OneLineAndExitCode2BeforeTheLibraryIsAsked) {
     conf = MakeModelDir("broken", ConfText(c.conf_extra), c.meanvar_numbers) + "/tovad.conf";
   const std::string not_audio = dir_ + "/text.wav";
   WriteText(not_audio, "this is not a sound file\n");
+  const std::map<std::string, std::string> stand_ins = {
+      {"@conf", conf}, {"@wav", wav_}, {"@text", not_audio}, {"@dir", dir_}};
   std::vector<std::string> args;
-  for (const std::string& a : c.args) {
-    if (a == "@conf")
-      args.push_back(conf);
-    else if (a == "@wav")
-      args.push_back(wav_);
-    else if (a == "@text")
-      args.push_back(not_audio);
-    else if (a == "@dir")
-      args.push_back(dir_);
-    else
-      args.push_back(a);
-  }
+  for (const std::string& a : c.args) args.push_back(stand_ins.count(a) ? stand_ins.at(a) : a);
   ToolRun r = RunTool(args);
   EXPECT_EQ(r.code, 2);
   EXPECT_EQ(r.out, "");
@@ -345,71 +311,35 @@ TEST_P(TovadErrorTest, OneLineAndExitCode2BeforeTheLibraryIsAsked) {
   EXPECT_EQ(fake_toolkit::g_state.init_calls, 0);
 }
 
+const std::vector<std::string> kConfWav = {"--conf", "@conf", "@wav"};
+
 INSTANTIATE_TEST_SUITE_P(
     Errors, TovadErrorTest,
-    testing::Values(ErrorCase{"NoFile", {"--conf", "@conf"}, "", 240, "no input file"},
-                    ErrorCase{
-                        "UnknownOption", {"--loud", "@wav"}, "", 240, "unknown option '--loud'"},
-                    ErrorCase{"MissingValue", {"@wav", "--conf"}, "", 240, "needs a value"},
-                    ErrorCase{"BadFormat", {"-f", "xml", "@wav"}, "", 240, "unknown format 'xml'"},
-                    ErrorCase{"MissingFile",
-                              {"--conf", "@conf", "/nonexistent/a.wav"},
-                              "",
-                              240,
-                              "cannot read '/nonexistent/a.wav'"},
-                    ErrorCase{"NotAudio", {"--conf", "@conf", "@text"}, "", 240, "cannot read '"},
-                    ErrorCase{"Directory", {"--conf", "@conf", "@dir"}, "", 240, "cannot read '"},
-                    ErrorCase{"MissingConf",
-                              {"--conf", "/nonexistent/x.conf", "@wav"},
-                              "",
-                              240,
-                              "cannot read conf '/nonexistent/x.conf'"},
-                    ErrorCase{"NoBundledModel", {"@wav"}, "", 240, "no model found"},
-                    ErrorCase{"MissingJson",
-                              {"--conf", "@conf", "@wav"},
-                              "path_to_json = gone.json\n",
-                              240,
-                              "cannot read path_to_json"},
-                    ErrorCase{"ObmModel",
-                              {"--conf", "@conf", "@wav"},
-                              "path_to_obm = m.obm\n",
-                              240,
-                              "path_to_obm is not supported"},
-                    ErrorCase{"MixedPaths",
-                              {"--conf", "@conf", "@wav"},
-                              "path_to_param = /x/model.params\n",
-                              240,
-                              "all relative"},
-                    ErrorCase{"MeanvarTooShort",
-                              {"--conf", "@conf", "@wav"},
-                              "",
-                              239,
-                              "holds 239 numbers, expected 240"},
-                    ErrorCase{"MissingKey",
-                              {"--conf", "@conf", "@wav"},
-                              "compute_suspected_vad_end = 1\n",
-                              240,
-                              "missing key 'suspected_sil_to_voice_hangover'"},
-                    ErrorCase{"BadFeatureType",
-                              {"--conf", "@conf", "@wav"},
-                              "feature_type = fbank\n",
-                              240,
-                              "feature_type 'fbank' is not supported"},
-                    ErrorCase{"BadWidth",
-                              {"--conf", "@conf", "@wav"},
-                              "n_width = 64\n",
-                              240,
-                              "n_width must be 40 or 80"},
-                    ErrorCase{"BadDelay",
-                              {"--conf", "@conf", "@wav"},
-                              "score_delay_frames = soon\n",
-                              240,
-                              "score_delay_frames"},
-                    ErrorCase{"SegmentDirIsAFile",
-                              {"--conf", "@conf", "-w", "@wav", "@wav"},
-                              "",
-                              240,
-                              "not a writable directory"}),
+    testing::Values(
+        ErrorCase{"NoFile", {"--conf", "@conf"}, "", 240, "no input file"},
+        ErrorCase{"UnknownOption", {"--loud", "@wav"}, "", 240, "unknown option '--loud'"},
+        ErrorCase{"MissingValue", {"@wav", "--conf"}, "", 240, "needs a value"},
+        ErrorCase{"BadFormat", {"-f", "xml", "@wav"}, "", 240, "unknown format 'xml'"},
+        ErrorCase{"MissingFile", {"--conf", "@conf", "/nonexistent/a.wav"}, "", 240,
+                  "cannot read '/nonexistent/a.wav'"},
+        ErrorCase{"NotAudio", {"--conf", "@conf", "@text"}, "", 240, "cannot read '"},
+        ErrorCase{"Directory", {"--conf", "@conf", "@dir"}, "", 240, "cannot read '"},
+        ErrorCase{"MissingConf", {"--conf", "/nonexistent/x.conf", "@wav"}, "", 240,
+                  "cannot read conf '/nonexistent/x.conf'"},
+        ErrorCase{"NoBundledModel", {"@wav"}, "", 240, "no model found"},
+        ErrorCase{"MissingJson", kConfWav, "path_to_json = gone.json\n", 240,
+                  "cannot read path_to_json"},
+        ErrorCase{"ObmModel", kConfWav, "path_to_obm = m.obm\n", 240, "path_to_obm is not supported"},
+        ErrorCase{"MixedPaths", kConfWav, "path_to_param = /x/model.params\n", 240, "all relative"},
+        ErrorCase{"MeanvarTooShort", kConfWav, "", 239, "holds 239 numbers, expected 240"},
+        ErrorCase{"MissingKey", kConfWav, "compute_suspected_vad_end = 1\n", 240,
+                  "missing key 'suspected_sil_to_voice_hangover'"},
+        ErrorCase{"BadFeatureType", kConfWav, "feature_type = fbank\n", 240,
+                  "feature_type 'fbank' is not supported"},
+        ErrorCase{"BadWidth", kConfWav, "n_width = 64\n", 240, "n_width must be 40 or 80"},
+        ErrorCase{"BadDelay", kConfWav, "score_delay_frames = soon\n", 240, "score_delay_frames"},
+        ErrorCase{"SegmentDirIsAFile", {"--conf", "@conf", "-w", "@wav", "@wav"}, "", 240,
+                  "not a writable directory"}),
     [](const testing::TestParamInfo<ErrorCase>& info) { return info.param.name; });
 
 }  // namespace
