@@ -299,36 +299,4 @@ TEST(I8GemmShiftDeathTest, OnlyRowMajorUntransposedA) {
       "# Check failed: output_shift_given == 1 \\(0 vs\\. 1\\)");
 }
 
-TEST(BlockSizeTest, HelpersAndBlockSizes) {
-  EXPECT_EQ(RoundDown(13, 4), 12);
-  EXPECT_EQ(RoundDown(-13, 4), -12);
-  EXPECT_EQ(RoundDown(13, 0), 0);
-  EXPECT_EQ(RoundDown(13, -1), 13);
-  EXPECT_EQ(RoundUp(13, 4), 16);
-  EXPECT_EQ(RoundUp(16, 8), 16);
-  EXPECT_EQ(CeilQuotient(13, 4), 4);
-  EXPECT_EQ(CeilQuotient(12, 4), 3);
-  EXPECT_EQ(CeilQuotient(5, 0), 0);
-  EXPECT_EQ(CeilQuotient(5, -1), -3);
-
-  BlockParams p{};
-  // k4 256: n_cap = 1536 * 0.75 = 1152, one N block: l2_n = 512;
-  // m_cap = (393216 - 131072) / 2304 = 113, m 1000 in 9 blocks of 112.
-  FindL2BlockSizes_nn(1000, 512, 256, &p);
-  EXPECT_EQ(p.l2_n, 512);
-  EXPECT_EQ(p.l2_m, 112);
-  EXPECT_EQ(p.l2_k, 256);
-  // L1: one K block of 256; m_cap = 16384 / (256 + 2048) = 7, 112 in 16
-  // blocks of 7 -> 4.
-  FindL1BlockSizes_nn(&p);
-  EXPECT_EQ(p.l1_k, 256);
-  EXPECT_EQ(p.l1_m, 4);
-  EXPECT_EQ(p.l1_n, 512);
-  // Deep K splits at the L1 limit: 3000 in 3 blocks of 1000.
-  FindL2BlockSizes_nn(8, 8, 3000, &p);
-  FindL1BlockSizes_nn(&p);
-  EXPECT_EQ(p.l2_k, 3000);
-  EXPECT_EQ(p.l1_k, 1000);
-}
-
 }  // namespace

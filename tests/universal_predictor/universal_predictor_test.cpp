@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/ruvo/death_text.h"
 #include "tests/ruvo/net_fixture.h"
 
 namespace {
@@ -22,11 +21,10 @@ using namespace UniversalPredictor;
 constexpr float kAtol = 2e-6f;
 constexpr float kRtol = 2e-5f;
 
-int CreateMlp(const Model& m, UniversalPredictorHandle** out, const DataType* dtypes = nullptr,
-              int dev_type = 1) {
+int CreateMlp(const Model& m, UniversalPredictorHandle** out, const DataType* dtypes = nullptr) {
   net_test::InputSpec s = net_test::SpecOf(m.cases.at(0));
   return UniversalPredictorCreateMxnetPredictor(
-      m.json.c_str(), m.params.data(), static_cast<int>(m.params.size()), dev_type, 0, 1,
+      m.json.c_str(), m.params.data(), static_cast<int>(m.params.size()), 1, 0, 1,
       s.keys.data(), s.indptr.data(), s.data.data(), out, dtypes);
 }
 
@@ -120,16 +118,6 @@ TEST(UniversalPredictorTest, CreateHandleReplacesInputTypes) {
   ASSERT_NE(h.input_dtype_list, nullptr);
   EXPECT_EQ(h.input_dtype_list[0], static_cast<uint32_t>(DTInt8));
   EXPECT_NE(h.predictorHandle, nullptr);
-}
-
-TEST(UniversalPredictorDeathTest, OnlyCpu) {
-  Model m = LoadModel("mlp");
-  EXPECT_DEATH(
-      {
-        UniversalPredictorHandle* h = nullptr;
-        CreateMlp(m, &h, nullptr, 2);
-      },
-      ruvo_test::RegexEscape("# Check failed: dev_type == 1\n# Only support cpu"));
 }
 
 }  // namespace
