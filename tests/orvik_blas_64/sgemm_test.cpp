@@ -138,26 +138,18 @@ TEST(SgemmTest, BetaZeroClearsNaNAndAlphaZeroOnlyScales) {
   const float A[6] = {1, 2, 3, 4, 5, 6};
   const float B[6] = {1, 0, 0, 1, 1, 1};
   const float nan = std::numeric_limits<float>::quiet_NaN();
-  float C[4] = {nan, nan, nan, nan};
+  std::vector<float> C = {nan, nan, nan, nan};
   // Row-major 2x3 times 3x2: C = A*B.
-  cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, 2, 2, 3, 1.0f, A, 3, B, 2, 0.0f, C, 2);
-  EXPECT_FLOAT_EQ(C[0], 4.0f);
-  EXPECT_FLOAT_EQ(C[1], 5.0f);
-  EXPECT_FLOAT_EQ(C[2], 10.0f);
-  EXPECT_FLOAT_EQ(C[3], 11.0f);
-
+  cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, 2, 2, 3, 1.0f, A, 3, B, 2, 0.0f, C.data(), 2);
+  EXPECT_EQ(C, (std::vector<float>{4, 5, 10, 11}));
   float D[4] = {1.0f, -2.0f, 3.0f, nan};
   cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, 2, 2, 3, 0.0f, A, 3, B, 2, 2.0f, D, 2);
-  EXPECT_FLOAT_EQ(D[0], 2.0f);
-  EXPECT_FLOAT_EQ(D[1], -4.0f);
-  EXPECT_FLOAT_EQ(D[2], 6.0f);
+  EXPECT_EQ(std::vector<float>(D, D + 3), (std::vector<float>{2, -4, 6}));
   EXPECT_TRUE(std::isnan(D[3]));
-
   // K of 0 applies beta alone.
-  float E[2] = {3.0f, 5.0f};
-  cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, 1, 2, 0, 1.0f, A, 0, B, 2, 0.5f, E, 2);
-  EXPECT_FLOAT_EQ(E[0], 1.5f);
-  EXPECT_FLOAT_EQ(E[1], 2.5f);
+  std::vector<float> E = {3.0f, 5.0f};
+  cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, 1, 2, 0, 1.0f, A, 0, B, 2, 0.5f, E.data(), 2);
+  EXPECT_EQ(E, (std::vector<float>{1.5f, 2.5f}));
 }
 
 struct LdCase {
@@ -345,12 +337,10 @@ TEST(Level1Test, AxpyIsFusedAndTheOthersAreExact) {
   float v[3] = {1.0f, -2.0f, std::numeric_limits<float>::quiet_NaN()};
   cblas_sscal(3, 0.0f, v, 1);
   EXPECT_EQ(v[2], 0.0f);
-  float w[3] = {1.0f, -2.0f, 4.0f};
+  std::vector<float> w = {1.0f, -2.0f, 4.0f};
   const float u[3] = {1.0f, 1.0f, 1.0f};
-  cblas_saxpby(3, 2.0f, u, 1, 3.0f, w, 1);
-  EXPECT_EQ(w[0], 5.0f);
-  EXPECT_EQ(w[1], -4.0f);
-  EXPECT_EQ(w[2], 14.0f);
+  cblas_saxpby(3, 2.0f, u, 1, 3.0f, w.data(), 1);
+  EXPECT_EQ(w, (std::vector<float>{5, -4, 14}));
   // Accumulated in double: 2^24 + 1 + 1 would stay 2^24 in float.
   const float big[3] = {16777216.0f, -1.0f, 1.0f};
   EXPECT_EQ(cblas_sasum(3, big, 1), 16777218.0f);
@@ -396,10 +386,9 @@ TEST(DoubleFormsTest, MatchTheFloatFormsOnExactData) {
     }
   }
   const double A[6] = {1, 2, 3, 4, 5, 6}, x[3] = {1, 1, 2};
-  double y[2] = {1, 1};
-  cblas_dgemv(CblasRowMajor, CblasNoTrans, 2, 3, 1.0, A, 3, x, 1, 2.0, y, 1);
-  EXPECT_EQ(y[0], 11.0);
-  EXPECT_EQ(y[1], 23.0);
+  std::vector<double> y = {1, 1};
+  cblas_dgemv(CblasRowMajor, CblasNoTrans, 2, 3, 1.0, A, 3, x, 1, 2.0, y.data(), 1);
+  EXPECT_EQ(y, (std::vector<double>{11, 23}));
   double G[6] = {};
   cblas_dger(CblasRowMajor, 2, 3, 1.0, x, 1, A, 3, G, 3);
   EXPECT_EQ(G[5], 3.0);

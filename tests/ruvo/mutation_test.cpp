@@ -157,21 +157,6 @@ void MutateBytes(std::string* s, std::mt19937& rng) {
   }
 }
 
-// Where the fields of a well-formed parameter file lie, so that mutations
-// can aim at the length and count fields instead of hoping to hit them.
-struct ParamLayout {
-  struct Record {
-    size_t first;              // first word (legacy ndim, or the magic)
-    size_t ndim;               // the ndim word of either form
-    size_t dim_width;          // 4 (legacy) or 8 (modern)
-    std::vector<size_t> dims;  // dimension fields
-    size_t flag = SIZE_MAX;    // type flag, absent for an empty array
-  };
-  std::vector<size_t> counts;  // the two uint64 counts
-  std::vector<Record> records;
-  std::vector<size_t> name_lengths;
-};
-
 template <typename T>
 T Get(const std::string& s, size_t pos) {
   T v;
@@ -179,99 +164,72 @@ T Get(const std::string& s, size_t pos) {
   return v;
 }
 
+// Where the count and length fields of a well-formed parameter file lie,
+// so that mutations can aim at them instead of hoping to hit them.
+struct Field {
+  size_t pos, width;
+};
+struct ParamLayout {
+  std::vector<Field> fields;             // counts, ndims, dimensions, type flags, name lengths
+  std::vector<std::vector<Field>> dims;  // the dimensions of each array
+};
+
 ParamLayout LayoutOf(const std::string& file) {
   ParamLayout layout;
   size_t pos = 16;
-  layout.counts.push_back(pos);
+  layout.fields.push_back({pos, 8});
   const uint64_t count = Get<uint64_t>(file, pos);
   pos += 8;
   for (uint64_t k = 0; k < count; ++k) {
-    ParamLayout::Record r;
-    r.first = pos;
     const bool modern = Get<uint32_t>(file, pos) == 0xF993FAC8;
-    r.ndim = modern ? pos + 4 : pos;
-    r.dim_width = modern ? 8 : 4;
-    const uint32_t ndim = Get<uint32_t>(file, r.ndim);
-    pos = r.ndim + 4;
+    const size_t ndim_pos = modern ? pos + 4 : pos, width = modern ? 8 : 4;
+    layout.fields.push_back({ndim_pos, 4});
+    const uint32_t ndim = Get<uint32_t>(file, ndim_pos);
+    pos = ndim_pos + 4;
     uint64_t size = 1;
-    for (uint32_t d = 0; d < ndim; ++d, pos += r.dim_width) {
-      r.dims.push_back(pos);
+    layout.dims.emplace_back();
+    for (uint32_t d = 0; d < ndim; ++d, pos += width) {
+      layout.fields.push_back({pos, width});
+      layout.dims.back().push_back({pos, width});
       size *= Get<uint32_t>(file, pos);
     }
     if (ndim != 0) {
-      r.flag = pos + 8;
-      pos += 12 + size * orvik_sizeof(Get<int32_t>(file, r.flag));
+      layout.fields.push_back({pos + 8, 4});  // the type flag
+      pos += 12 + size * orvik_sizeof(Get<int32_t>(file, pos + 8));
     }
-    layout.records.push_back(r);
   }
-  layout.counts.push_back(pos);
+  layout.fields.push_back({pos, 8});
   const uint64_t names = Get<uint64_t>(file, pos);
   pos += 8;
   for (uint64_t k = 0; k < names; ++k) {
-    layout.name_lengths.push_back(pos);
+    layout.fields.push_back({pos, 8});
     pos += 8 + Get<uint64_t>(file, pos);
   }
   EXPECT_EQ(pos, file.size()) << "seed file layout";
   return layout;
 }
 
-// Sets one field of a pristine file (before any byte-level mutation).
+// Sets one field of a pristine file to an interesting value or one off its
+// own, or every dimension of one array to 65536 (the element count wraps to
+// 0 in 32 bits).  Of a 64-bit dimension only the low 32 bits are kept.
 void MutateField(std::string* s, const ParamLayout& layout, std::mt19937& rng) {
-  static const uint32_t kDims[] = {0, 1, 2, 3, 65536, 0x80000000, 0xFFFFFFFF};
-  auto put32 = [&](size_t pos, uint32_t v) { PutWord(s, pos, &v, 4); };
-  auto put64 = [&](size_t pos, uint64_t v) { PutWord(s, pos, &v, 8); };
-  auto put_dim = [&](const ParamLayout::Record& r, size_t pos, uint64_t v) {
-    if (r.dim_width == 8) {
-      put64(pos, v);
-    } else {
-      put32(pos, static_cast<uint32_t>(v));
+  static const uint64_t kValues[] = {0,          1,          2,           3,         4,
+                                     5,          6,          7,           65536,     0x7FFFFFFF,
+                                     0x80000000, 0xFFFFFFFF, 0x100000003, 1ull << 33, 1ull << 40,
+                                     ~0ull - 3,  ~0ull};
+  if (Below(rng, 5) == 0 && !layout.dims.empty()) {
+    for (const Field& f : layout.dims[Below(rng, layout.dims.size())]) {
+      const uint64_t v = 65536;
+      PutWord(s, f.pos, &v, f.width);
     }
-  };
-  switch (Below(rng, 6)) {
-    case 0: {  // an array or name count
-      size_t pos = layout.counts[Below(rng, layout.counts.size())];
-      const uint64_t values[] = {
-          0, 1, Get<uint64_t>(*s, pos) + 1, Get<uint64_t>(*s, pos) - 1, 1ull << 40, ~0ull};
-      put64(pos, values[Below(rng, 6)]);
-      break;
-    }
-    case 1:
-    case 2: {  // one dimension
-      if (layout.records.empty()) break;
-      const auto& r = layout.records[Below(rng, layout.records.size())];
-      if (r.dims.empty()) break;
-      const uint64_t v = kDims[Below(rng, sizeof(kDims) / sizeof(kDims[0]))];
-      const size_t pos = r.dims[Below(rng, r.dims.size())];
-      put_dim(r, pos, r.dim_width == 8 && Below(rng, 2) == 0 ? (uint64_t{1} << 32) | v : v);
-      break;
-    }
-    case 3: {  // every dimension 65536: the element count wraps to 0 in 32 bits
-      if (layout.records.empty()) break;
-      const auto& r = layout.records[Below(rng, layout.records.size())];
-      for (size_t pos : r.dims) put_dim(r, pos, 65536);
-      break;
-    }
-    case 4: {  // a dimension count or a type flag
-      if (layout.records.empty()) break;
-      const auto& r = layout.records[Below(rng, layout.records.size())];
-      if (Below(rng, 2) == 0 || r.flag == SIZE_MAX) {
-        const uint32_t values[] = {0, 1, 5, Get<uint32_t>(*s, r.ndim) + 1, 0xFFFFFFFF};
-        put32(r.ndim, values[Below(rng, 5)]);
-      } else {
-        const int32_t flags[] = {-1, 0, 1, 2, 3, 4, 5, 6, 7, 0x7FFFFFFF};
-        int32_t f = flags[Below(rng, 10)];
-        PutWord(s, r.flag, &f, 4);
-      }
-      break;
-    }
-    case 5: {  // a name length
-      if (layout.name_lengths.empty()) break;
-      size_t pos = layout.name_lengths[Below(rng, layout.name_lengths.size())];
-      const uint64_t values[] = {0, Get<uint64_t>(*s, pos) + 1, 1ull << 33, ~0ull - 3};
-      put64(pos, values[Below(rng, 4)]);
-      break;
-    }
+    return;
   }
+  const Field& f = layout.fields[Below(rng, layout.fields.size())];
+  uint64_t v = kValues[Below(rng, sizeof(kValues) / sizeof(kValues[0]))];
+  if (Below(rng, 2) == 0) {
+    v = (f.width == 8 ? Get<uint64_t>(*s, f.pos) : Get<uint32_t>(*s, f.pos)) + (Below(rng, 2) ? 1 : -1);
+  }
+  PutWord(s, f.pos, &v, f.width);  // little-endian: a 4-byte field takes the low half
 }
 
 // Positions of tokens of a JSON text, found without parsing it.

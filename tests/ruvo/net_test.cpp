@@ -99,8 +99,7 @@ TEST(NetBuildDeathTest, BuildErrors) {
       Fatal("names.size() == data.size() (7 vs. 8)", "Invalid param file format"));
 }
 
-// Old-style and new-style graphs of the same net give the same numbers,
-// and the net is wired as the graph says.
+// Old-style and new-style graphs of the same net are wired as the graph says.
 TEST(NetBuildTest, BothGraphStylesBuildTheSameNet) {
   for (const char* name : {"mlp", "mlp_old"}) {
     Model m = LoadModel(name);
@@ -118,17 +117,10 @@ TEST(NetBuildTest, BothGraphStylesBuildTheSameNet) {
                                         "softmax_label"}))
         << name;
     ASSERT_EQ(net.outs_blobs_index().size(), 1u);
-    // Weights are shared with the loaded parameters, shaped as stored.
+    // Weights are shared with the loaded parameters, shaped as stored;
+    // the numbers of both styles are checked by the fixture-net suite.
     const auto& w1 = net.blobs()[net.args_blobs_index()[1]];
     EXPECT_EQ(w1.shape(), (orvik::ruvo::TShape{16, 30}));
-    net.SetInput("data", c.inputs[0].second.values.data(),
-                 static_cast<uint32_t>(c.inputs[0].second.values.size()));
-    net.Forward();
-    Tensor out;
-    out.shape = {8, 3};
-    out.values.resize(24);
-    net.GetOutput(0, out.values.data(), 24);
-    ExpectNear(out, c.outputs.at("softmax"), kAtol, kRtol, name);
   }
 }
 
