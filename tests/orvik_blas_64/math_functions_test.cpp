@@ -108,27 +108,6 @@ TEST(MathMinMaxTest, ExtendsTheCallersBoundsInEveryForm) {
   EXPECT_EQ(hi, 2.0f);
 }
 
-TEST(MathFillCopyTest, SetAndCopy) {
-  float f[5] = {1, 2, 3, 4, 5};
-  orvik_set<float>(5, -0.0f, f);
-  for (float v : f) EXPECT_FALSE(std::signbit(v));
-  orvik_set<float>(3, 2.5f, f);
-  EXPECT_EQ(f[2], 2.5f);
-  EXPECT_EQ(f[3], 0.0f);
-  signed char c[4] = {};
-  orvik_set<signed char>(4, -3, c);
-  EXPECT_EQ(c[3], -3);
-
-  float g[5] = {};
-  orvik_copy<float>(5, f, g);
-  EXPECT_EQ(0, memcmp(f, g, sizeof(f)));
-  orvik_copy<float>(5, g, g);  // same pointer: nothing happens
-  EXPECT_EQ(g[0], 2.5f);
-  signed char d[4] = {};
-  orvik_copy<signed char>(4, c, d);
-  EXPECT_EQ(d[0], -3);
-}
-
 // out[a][d][c][b][e] = in[a][b][c][d][e], checked element by element
 // against the index formula, for every branch of the routine.
 TEST(MathSwapAxisTest, SwapsAxesOneAndThree) {

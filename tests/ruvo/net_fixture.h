@@ -76,12 +76,9 @@ inline std::vector<IoCase> ParseIo(const std::string& text) {
     if (cases.empty()) cases.emplace_back();
     if (kind == "input") {
       cases.back().inputs.emplace_back(key, t);
-    } else if (kind == "output") {
-      cases.back().outputs[key] = t;
-    } else if (kind == "bound") {
-      cases.back().bounds[key] = t;
     } else {
-      ADD_FAILURE() << "unknown block " << kind;
+      EXPECT_TRUE(kind == "output" || kind == "bound") << "unknown block " << kind;
+      (kind == "output" ? cases.back().outputs : cases.back().bounds)[key] = t;
     }
   }
   return cases;
@@ -121,17 +118,15 @@ inline PredictorHandle Create(const Model& m, const IoCase& c,
                               std::vector<const char*> output_keys = {}) {
   InputSpec s = SpecOf(c);
   PredictorHandle h = nullptr;
-  int ret;
-  if (output_keys.empty()) {
-    ret = MXPredCreate(m.json.c_str(), m.params.data(), static_cast<int>(m.params.size()), 1, 0,
-                       static_cast<uint32_t>(s.keys.size()), s.keys.data(), s.indptr.data(),
-                       s.data.data(), &h);
-  } else {
-    ret = MXPredCreatePartialOut(m.json.c_str(), m.params.data(), static_cast<int>(m.params.size()),
-                                 1, 0, static_cast<uint32_t>(s.keys.size()), s.keys.data(),
-                                 s.indptr.data(), s.data.data(),
-                                 static_cast<uint32_t>(output_keys.size()), output_keys.data(), &h);
-  }
+  const auto n_in = static_cast<uint32_t>(s.keys.size());
+  const int size = static_cast<int>(m.params.size());
+  const int ret =
+      output_keys.empty()
+          ? MXPredCreate(m.json.c_str(), m.params.data(), size, 1, 0, n_in, s.keys.data(),
+                         s.indptr.data(), s.data.data(), &h)
+          : MXPredCreatePartialOut(m.json.c_str(), m.params.data(), size, 1, 0, n_in,
+                                   s.keys.data(), s.indptr.data(), s.data.data(),
+                                   static_cast<uint32_t>(output_keys.size()), output_keys.data(), &h);
   EXPECT_EQ(ret, 0);
   return h;
 }
