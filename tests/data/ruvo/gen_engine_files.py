@@ -51,23 +51,16 @@ def graph_new_style():
     """data -> fc1 -> bn1 -> relu1 -> softmax; bn1 lists its two moving
     averages behind its three inputs, as new-style files do."""
     g = SymbolGraph()
-    data = g.variable("data")
-    w = g.variable("fc1_weight")
-    b = g.variable("fc1_bias")
-    fc1 = g.node("FullyConnected", "fc1", [data, w, b],
+    inputs = [g.variable(n) for n in ("data", "fc1_weight", "fc1_bias")]
+    fc1 = g.node("FullyConnected", "fc1", inputs,
                  attr={"num_hidden": "4", "no_bias": "False"})
-    gamma = g.variable("bn1_gamma")
-    beta = g.variable("bn1_beta")
-    mean = g.variable("bn1_moving_mean")
-    var = g.variable("bn1_moving_var")
-    bn1 = g.node("BatchNorm", "bn1", [fc1, gamma, beta, mean, var],
+    stats = [g.variable("bn1_" + n) for n in ("gamma", "beta", "moving_mean", "moving_var")]
+    bn1 = g.node("BatchNorm", "bn1", [fc1] + stats,
                  attr={"eps": "0.001", "fix_gamma": "False"},
                  param={"eps": "0.5", "momentum": "0.9"})
     relu = g.node("Activation", "relu1", [bn1],
                   attr={"act_type": "relu", "__op_type_str__": "Pooling"})
-    label = g.variable("softmax_label")
-    out = g.node("SoftmaxOutput", "softmax", [relu, label])
-    g.heads = [out]
+    g.heads = [g.node("SoftmaxOutput", "softmax", [relu, g.variable("softmax_label")])]
     return g
 
 
@@ -75,9 +68,7 @@ def graph_old_style():
     """data -> fc1 -> (relu1, fc2 output 0 of a two-output slice): heads
     with output indices, attributes under "param" only."""
     g = SymbolGraph()
-    data = g.variable("data")
-    w = g.variable("fc1_weight")
-    fc1 = g.node("FullyConnected", "fc1", [data, w],
+    fc1 = g.node("FullyConnected", "fc1", [g.variable("data"), g.variable("fc1_weight")],
                  param={"num_hidden": "6", "no_bias": "True"})
     parts = g.node("SliceChannel", "split", [fc1], param={"num_outputs": "2"})
     relu = g.node("Activation", "relu1", [(parts, 1)], param={"act_type": "tanh"})
