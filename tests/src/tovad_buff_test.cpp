@@ -45,7 +45,7 @@ std::vector<std::complex<double>> ReferenceSpectrum(const std::vector<int16_t>& 
   return out;
 }
 
-TEST(TovadBuffTest, WindowTableIsTheSymmetricBlackmanToSixDigits) {
+TEST(TovadBuffTest, WindowTableIsSymmetricAndMatchesItsFormula) {
   const float* w = Tovad_buff::harmming_window;
   EXPECT_EQ(w[480], 0.0f);
   for (int i = 0; i < 480; ++i) {
