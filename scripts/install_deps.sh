@@ -12,6 +12,19 @@ packages=(
   libsndfile1-dev libsoxr-dev
 )
 
+# --- aarch64 cross build (begin) ---
+# The cross compiler, the emulator the aarch64 tests run under, and the
+# arm64 multiarch builds of the libraries the build links.
+if ! dpkg --print-foreign-architectures | grep -qx arm64; then
+  $( [ "$(id -u)" -ne 0 ] && echo sudo ) dpkg --add-architecture arm64
+fi
+packages+=(
+  g++-aarch64-linux-gnu qemu-user
+  libc6-dev:arm64 libstdc++6:arm64 libcjson-dev:arm64
+  libgtest-dev:arm64 libgmock-dev:arm64 libsndfile1-dev:arm64 libsoxr-dev:arm64
+)
+# --- aarch64 cross build (end) ---
+
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
