@@ -2,6 +2,13 @@
 
 #include <atomic>
 
+#if defined(__aarch64__)
+#include <sys/auxv.h>
+#ifndef HWCAP_ASIMDDP
+#define HWCAP_ASIMDDP (1 << 20)
+#endif
+#endif
+
 namespace orvik_blas_kernels {
 namespace {
 
@@ -13,6 +20,8 @@ const KernelTable kGeneric = ORVIK_KERNEL_TABLE(generic);
 const KernelTable kAvx2 = ORVIK_KERNEL_TABLE(avx2);
 const KernelTable kAvx512 = ORVIK_KERNEL_TABLE(avx512);
 const KernelTable kAvx512Vnni = ORVIK_KERNEL_TABLE(avx512vnni);
+#elif defined(__aarch64__)
+const KernelTable kDotprod = ORVIK_KERNEL_TABLE(dotprod);
 #endif
 
 struct Supported {
@@ -30,6 +39,10 @@ struct Supported {
         if (__builtin_cpu_supports("avx512vnni")) list[n++] = &kAvx512Vnni;
       }
     }
+#elif defined(__aarch64__)
+    // NEON is part of the baseline; the 8-bit dot product (SDOT) is an
+    // optional extension that the kernel reports.
+    if (getauxval(AT_HWCAP) & HWCAP_ASIMDDP) list[n++] = &kDotprod;
 #endif
   }
 };

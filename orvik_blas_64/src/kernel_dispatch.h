@@ -3,8 +3,9 @@
 
 // The hot kernels are written once and compiled several times, once per
 // vector width the processor may offer (the baseline of the architecture,
-// and on x86-64 also AVX2+FMA, AVX-512 and AVX-512 with VNNI).  The variant is picked once at
-// first use from what the running processor supports.
+// on x86-64 also AVX2+FMA, AVX-512 and AVX-512 with VNNI, on aarch64 also
+// the 8-bit dot-product instructions).  The variant is picked once at first
+// use from what the running processor supports.
 //
 // Kernel translation units include only this header and C headers: a
 // variant compiled for wider vectors must not emit shared inline functions
@@ -70,6 +71,8 @@ ORVIK_DECLARE_KERNEL_VARIANT(generic)
 ORVIK_DECLARE_KERNEL_VARIANT(avx2)
 ORVIK_DECLARE_KERNEL_VARIANT(avx512)
 ORVIK_DECLARE_KERNEL_VARIANT(avx512vnni)
+#elif defined(__aarch64__)
+ORVIK_DECLARE_KERNEL_VARIANT(dotprod)
 #endif
 
 }  // namespace orvik_blas_kernels

@@ -12,6 +12,14 @@
 #include <arm_neon.h>
 #endif
 
+// On aarch64 the tiles take their own packing (see ArmGemm); the pair
+// kernel below serves the other targets.
+#if defined(__aarch64__) && defined(__ARM_NEON)
+#define ORVIK_ARM_TILES 1
+#else
+#define ORVIK_ARM_TILES 0
+#endif
+
 #ifndef ORVIK_KERNEL_VARIANT
 #error "ORVIK_KERNEL_VARIANT names the namespace of this build of the kernels"
 #endif
@@ -36,11 +44,15 @@ constexpr int kVecBytes = 16;
 constexpr int kRows = 2;  // sixteen 128-bit registers
 #else
 constexpr int kVecBytes = 16;
+#if !ORVIK_ARM_TILES
 constexpr int kRows = 4;
+#endif
 #endif
 constexpr int kDepthBlock = 256;      // bytes of depth per packed block
 constexpr int kColBlock = 4 * kCols;  // columns of B packed at a time
+#if !ORVIK_ARM_TILES
 constexpr int kPairs = kDepthBlock / 2;
+#endif
 
 // Native vectors: kSums 32-bit column sums, or as many 16-bit pairs.
 typedef int16_t Vh __attribute__((vector_size(kVecBytes)));
@@ -50,6 +62,7 @@ constexpr int kVecsPerStrip = kCols / kSums;
 
 inline int Min(int a, int b) { return a < b ? a : b; }
 
+#if !ORVIK_ARM_TILES
 inline Vh LoadH(const int16_t* p) {
   Vh v;
   memcpy(&v, p, sizeof(v));
@@ -64,9 +77,6 @@ inline Vh LoadH(const int16_t* p) {
   return (Vu)_mm256_madd_epi16((__m256i)a, (__m256i)b);
 #elif defined(__SSE2__)
   return (Vu)_mm_madd_epi16((__m128i)a, (__m128i)b);
-#elif defined(__aarch64__) && defined(__ARM_NEON)
-  const int16x8_t av = (int16x8_t)a, bv = (int16x8_t)b;
-  return (Vu)vpaddq_s32(vmull_s16(vget_low_s16(av), vget_low_s16(bv)), vmull_high_s16(av, bv));
 #else
   Vu r;
   for (int c = 0; c < kSums; ++c) {
@@ -92,6 +102,8 @@ inline Vh BroadcastPair(uint32_t pair) {
   return (Vh)v;
 }
 
+#endif  // !ORVIK_ARM_TILES
+
 struct Operands {
   int M, N, K;
   const int8_t* A;
@@ -103,6 +115,7 @@ inline int8_t AAt(const Operands& op, int i, int p) {
   return kATrans ? op.A[static_cast<long>(p) * op.M + i] : op.A[static_cast<long>(i) * op.K + p];
 }
 
+#if !ORVIK_ARM_TILES
 // Packs depth [p0, p0 + np) of columns [j0, j0 + nj) of B: per strip of
 // kCols columns and per depth pair, the kCols (even, odd) pairs in column
 // order.  Missing columns and an odd last byte read as zero.
@@ -165,6 +178,8 @@ void PackA(const Operands& op, int p0, int np, int i0, int ni, int16_t* dst) {
   }
 }
 
+#endif  // !ORVIK_ARM_TILES
+
 // Adds a tile's sums into C; the first depth block also applies beta.
 template <int kR>
 void WriteTile(const Vu (*acc)[kVecsPerStrip], int ni, int nc, bool first, uint32_t beta,
@@ -188,10 +203,181 @@ void WriteTile(const Vu (*acc)[kVecsPerStrip], int ni, int nc, bool first, uint3
   }
 }
 
+#if ORVIK_ARM_TILES
+// On aarch64 both tile kernels take one operand of the product by lane
+// (the indexed forms of the multiply instructions), so a tile of kArmRows
+// rows reads all its A values for a depth group with one 16-byte load.
+// Depth is walked in groups of G: the quads of the 8-bit dot product
+// (SDOT), or pairs of 16-bit values for the widening multiply-add (SMLAL).
+constexpr int kArmRows = 4;
+
+template <bool kBTrans>
+inline int8_t BAt(const Operands& op, int p, int j) {
+  return kBTrans ? op.B[static_cast<long>(j) * op.K + p] : op.B[static_cast<long>(p) * op.N + j];
+}
+
+// Packs depth [p0, p0 + np) of columns [j0, j0 + nj) of B per strip of
+// kCols columns and per depth group of G: the group's kCols x G values with
+// depth inner (SDOT reads a column's quad as one lane) or column inner
+// (SMLAL reads one depth across the columns).  Missing columns and depth
+// read as zero.
+template <typename E, int G, bool kDepthInner, bool kBTrans>
+void PackBGroups(const Operands& op, int p0, int np, int j0, int nj, E* dst) {
+  const int groups = (np + G - 1) / G;
+  for (int s = 0; s < nj; s += kCols) {
+    E* d = dst + static_cast<long>(s / kCols) * kDepthBlock * kCols;
+    const int nc = Min(kCols, nj - s);
+    for (int g = 0; g < groups; ++g) {
+      E* out = d + g * G * kCols;
+      const int depth = Min(G, np - G * g);
+      const int p = p0 + G * g;
+      if (nc == kCols && depth == G) {
+        // A whole group: fixed trip counts, no edge tests.
+        for (int c = 0; c < kCols; ++c) {
+          for (int t = 0; t < G; ++t) {
+            out[kDepthInner ? c * G + t : t * kCols + c] =
+                kBTrans ? op.B[static_cast<long>(j0 + s + c) * op.K + p + t]
+                        : op.B[static_cast<long>(p + t) * op.N + j0 + s + c];
+          }
+        }
+        continue;
+      }
+      for (int t = 0; t < G; ++t) {
+        const int8_t* row = t < depth && !kBTrans
+                                ? op.B + static_cast<long>(p0 + G * g + t) * op.N + j0 + s
+                                : nullptr;
+        for (int c = 0; c < kCols; ++c) {
+          E v = 0;
+          if (c < nc && t < depth) v = row ? row[c] : BAt<kBTrans>(op, p0 + G * g + t, j0 + s + c);
+          out[kDepthInner ? c * G + t : t * kCols + c] = v;
+        }
+      }
+    }
+  }
+}
+
+// Packs depth [p0, p0 + np) of rows [i0, i0 + ni) (ni <= kArmRows) of A:
+// per depth group, the G values of each row, row after row.
+template <typename E, int G, bool kATrans>
+void PackAGroups(const Operands& op, int p0, int np, int i0, int ni, E* dst) {
+  const int groups = (np + G - 1) / G;
+  if (ni == kArmRows && np % G == 0) {
+    for (int g = 0; g < groups; ++g) {
+      for (int r = 0; r < kArmRows; ++r) {
+        for (int t = 0; t < G; ++t) {
+          dst[(g * kArmRows + r) * G + t] = AAt<kATrans>(op, i0 + r, p0 + G * g + t);
+        }
+      }
+    }
+    return;
+  }
+  for (int g = 0; g < groups; ++g) {
+    for (int r = 0; r < kArmRows; ++r) {
+      for (int t = 0; t < G; ++t) {
+        const int p = G * g + t;
+        dst[(g * kArmRows + r) * G + t] = r < ni && p < np ? AAt<kATrans>(op, i0 + r, p0 + p) : 0;
+      }
+    }
+  }
+}
+
+#if defined(__ARM_FEATURE_DOTPROD)
+struct ArmTile {
+  typedef int8_t E;
+  static constexpr int G = 4;
+  static constexpr bool kDepthInner = true;
+  // Lane i of acc[r][v] += the quad of column 4v + i times the quad of row r.
+  static inline Vu Dot(Vu acc, int8x16_t b, int8x16_t a, int r) {
+    const int32x4_t s = (int32x4_t)acc;
+    switch (r) {
+      case 0: return (Vu)vdotq_laneq_s32(s, b, a, 0);
+      case 1: return (Vu)vdotq_laneq_s32(s, b, a, 1);
+      case 2: return (Vu)vdotq_laneq_s32(s, b, a, 2);
+      default: return (Vu)vdotq_laneq_s32(s, b, a, 3);
+    }
+  }
+  static void Run(const E* apack, const E* bp, int groups, Vu (*acc)[kVecsPerStrip]) {
+    for (int g = 0; g < groups; ++g) {
+      const int8x16_t av = vld1q_s8(apack + g * 16);
+      int8x16_t bv[4];
+#pragma GCC unroll 4
+      for (int v = 0; v < 4; ++v) bv[v] = vld1q_s8(bp + g * 4 * kCols + v * 16);
+#pragma GCC unroll 4
+      for (int r = 0; r < kArmRows; ++r) {
+#pragma GCC unroll 4
+        for (int v = 0; v < 4; ++v) acc[r][v] = Dot(acc[r][v], bv[v], av, r);
+      }
+    }
+  }
+};
+#else
+struct ArmTile {
+  typedef int16_t E;
+  static constexpr int G = 2;
+  static constexpr bool kDepthInner = false;
+  // acc[0..3] += columns 0-3, 4-7, 8-11, 12-15 of b (16-bit) times lane l of
+  // a, widened to 32 bits; a product fits 16 bits, the sums never do.
+  template <int l>
+  static inline void Mla(Vu* acc, int16x8_t b0, int16x8_t b1, int16x8_t a) {
+    acc[0] = (Vu)vmlal_laneq_s16((int32x4_t)acc[0], vget_low_s16(b0), a, l);
+    acc[1] = (Vu)vmlal_high_laneq_s16((int32x4_t)acc[1], b0, a, l);
+    acc[2] = (Vu)vmlal_laneq_s16((int32x4_t)acc[2], vget_low_s16(b1), a, l);
+    acc[3] = (Vu)vmlal_high_laneq_s16((int32x4_t)acc[3], b1, a, l);
+  }
+  static void Run(const E* apack, const E* bp, int groups, Vu (*acc)[kVecsPerStrip]) {
+    for (int g = 0; g < groups; ++g) {
+      const int16x8_t av = vld1q_s16(apack + g * 8);
+      const E* b = bp + g * 2 * kCols;
+      const int16x8_t e0 = vld1q_s16(b), e1 = vld1q_s16(b + 8);
+      const int16x8_t o0 = vld1q_s16(b + 16), o1 = vld1q_s16(b + 24);
+      Mla<0>(acc[0], e0, e1, av);
+      Mla<1>(acc[0], o0, o1, av);
+      Mla<2>(acc[1], e0, e1, av);
+      Mla<3>(acc[1], o0, o1, av);
+      Mla<4>(acc[2], e0, e1, av);
+      Mla<5>(acc[2], o0, o1, av);
+      Mla<6>(acc[3], e0, e1, av);
+      Mla<7>(acc[3], o0, o1, av);
+    }
+  }
+};
+#endif
+
+template <bool kATrans, bool kBTrans>
+void ArmGemm(const Operands& op, uint32_t ubeta, int32_t* C) {
+  static_assert(kVecsPerStrip == 4 && kSums == 4, "a strip is four vectors of four sums");
+  typedef ArmTile::E E;
+  constexpr int G = ArmTile::G;
+  const int M = op.M, N = op.N, K = op.K;
+  alignas(64) E bpack[kColBlock / kCols][kDepthBlock * kCols];
+  alignas(64) E apack[kDepthBlock * kArmRows];
+  for (int j0 = 0; j0 < N; j0 += kColBlock) {
+    const int nj = Min(kColBlock, N - j0);
+    for (int p0 = 0; p0 < K; p0 += kDepthBlock) {
+      const int np = Min(kDepthBlock, K - p0);
+      const int groups = (np + G - 1) / G;
+      PackBGroups<E, G, ArmTile::kDepthInner, kBTrans>(op, p0, np, j0, nj, &bpack[0][0]);
+      for (int i0 = 0; i0 < M; i0 += kArmRows) {
+        const int ni = Min(kArmRows, M - i0);
+        PackAGroups<E, G, kATrans>(op, p0, np, i0, ni, apack);
+        for (int s = 0; s < nj; s += kCols) {
+          Vu acc[kArmRows][kVecsPerStrip] = {};
+          ArmTile::Run(apack, bpack[s / kCols], groups, acc);
+          WriteTile<kArmRows>(acc, ni, Min(kCols, nj - s), p0 == 0, ubeta,
+                              C + static_cast<long>(i0) * N + j0 + s, N);
+        }
+      }
+    }
+  }
+}
+#endif  // aarch64
+
+
 }  // namespace
 
 namespace {
 
+#if !ORVIK_ARM_TILES
 template <bool kATrans, bool kBTrans, int kR>
 void I8Gemm(const Operands& op, uint32_t ubeta, int32_t* C) {
   const int M = op.M, N = op.N, K = op.K;
@@ -235,6 +421,8 @@ void I8Gemm(const Operands& op, uint32_t ubeta, int32_t* C) {
     }
   }
 }
+
+#endif  // !ORVIK_ARM_TILES
 
 // One row of A against B stored row by row (B(p, j) = B[p*N + j]): rows
 // of B are added in, scaled by one byte of A each, into 32-bit sums.  A
@@ -310,7 +498,11 @@ void I8GemmRows(const Operands& op, uint32_t ubeta, int32_t* C) {
     }
     return;
   }
+#if ORVIK_ARM_TILES
+  ArmGemm<kATrans, kBTrans>(op, ubeta, C);
+#else
   I8Gemm<kATrans, kBTrans, kRows>(op, ubeta, C);
+#endif
 }
 
 }  // namespace
