@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: a Release build, then a Debug build under
-# AddressSanitizer and UndefinedBehaviorSanitizer; CTest runs in both.
+# AddressSanitizer and UndefinedBehaviorSanitizer, then an aarch64 cross
+# build run under qemu-user; CTest runs in each.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -19,3 +20,26 @@ run_config build/release -DCMAKE_BUILD_TYPE=Release
 # Halt on the first UBSan report; leaks count as failures too.
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 run_config build/sanitize -DCMAKE_BUILD_TYPE=Debug -DTOVAD_SANITIZE=ON
+
+# --- aarch64 under qemu-user (begin) ---
+# The whole suite runs once on the emulator's default CPU, which has the
+# 8-bit dot product, so the SDOT int8 kernels are in use; the kernel tests
+# run every variant the CPU supports, so the widening NEON kernels as well.
+# Then only the tests whose results rest on the int8 variant the library
+# picks by itself (kernels, engine layers and nets, the bundled model and
+# the comparisons with the host build) run again on a CPU without it: a
+# second whole run under emulation would not fit the CI time.  The cross
+# comparisons need the host Release build above.
+run_aarch64() {
+  local dir=build/aarch64
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake \
+    -DTOVAD_HOST_BUILD_DIR="$PWD/build/release"
+  cmake --build "$dir" -j"$jobs"
+  (cd "$dir" && ctest -j"$jobs" --output-on-failure --timeout 900)
+  (cd "$dir" && QEMU_CPU=cortex-a72 ctest -j"$jobs" --output-on-failure --timeout 900 \
+    -R '^(I8|Int8|Kernel|orvik_|ruvo_|Net|Dense|Layer|DefaultModel|cross_)')
+}
+unset UBSAN_OPTIONS
+run_aarch64
+# --- aarch64 under qemu-user (end) ---
