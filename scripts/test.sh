@@ -26,19 +26,21 @@ run_config build/sanitize -DCMAKE_BUILD_TYPE=Debug -DTOVAD_SANITIZE=ON
 # 8-bit dot product, so the SDOT int8 kernels are in use; the kernel tests
 # run every variant the CPU supports, so the widening NEON kernels as well.
 # Then only the tests whose results rest on the int8 variant the library
-# picks by itself (kernels, engine layers and nets, the bundled model and
-# the comparisons with the host build) run again on a CPU without it: a
-# second whole run under emulation would not fit the CI time.  The cross
-# comparisons need the host Release build above.
+# picks by itself (the int8 kernels, the 8-bit fully connected layer, the
+# fixture nets and the comparisons with the host build) run again on a CPU
+# without it: a second whole run under emulation would not fit the CI time.
+# The comparisons need the host Release build above.
 run_aarch64() {
   local dir=build/aarch64
   cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake \
     -DTOVAD_HOST_BUILD_DIR="$PWD/build/release"
   cmake --build "$dir" -j"$jobs"
-  (cd "$dir" && ctest -j"$jobs" --output-on-failure --timeout 900)
+  # The model-file mutation test forks a child per mutated file, which the
+  # emulator makes slow: fewer files, the same checks.
+  (cd "$dir" && TOVAD_TEST_MUTATIONS=600 ctest -j"$jobs" --output-on-failure --timeout 900)
   (cd "$dir" && QEMU_CPU=cortex-a72 ctest -j"$jobs" --output-on-failure --timeout 900 \
-    -R '^(I8|Int8|Kernel|orvik_|ruvo_|Net|Dense|Layer|DefaultModel|cross_)')
+    -R '^(I8|Nets/FixtureNetTest|NetRunTest|FullyConnected|MathGemm|cross_)')
 }
 unset UBSAN_OPTIONS
 run_aarch64

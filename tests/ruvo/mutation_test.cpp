@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -82,7 +83,10 @@ constexpr bool kSanitized = RUVO_TEST_ASAN;
 // Mutated files per kind.  The sanitizer build forks a heavier process and
 // runs slower code; fewer files keep the whole test well under a minute
 // there.
-constexpr int kMutations = kSanitized ? 2000 : 3000;
+// TOVAD_TEST_MUTATIONS, when set, lowers it for emulated runs.
+const int kMutations = std::getenv("TOVAD_TEST_MUTATIONS") != nullptr
+                           ? std::atoi(std::getenv("TOVAD_TEST_MUTATIONS"))
+                           : (kSanitized ? 2000 : 3000);
 constexpr uint32_t kSeed = 20261122;
 // A child that runs longer than this is taken as a hang.
 constexpr unsigned kChildSeconds = 20;
