@@ -5,10 +5,11 @@
 //   tovad_net_dump SYMBOL.json PARAMS INPUTS
 //
 // INPUTS is a case file of the engine's fixtures ("case NAME" lines and
-// "input KEY NDIM DIMS... VALUES..." lines; other lines are skipped) or
+// "input KEY NDIM DIMS... VALUES..." lines, and "output LAYER ..." lines
+// naming the layers whose outputs to print; the rest is skipped) or
 // raw:D0,D1,...:FILE, a file of little-endian floats run as consecutive
-// inputs "data" of that shape into a net of one output.  Prints one line per case and output:
-// "CASE/INDEX v0 v1 ...".
+// inputs "data" of that shape into a net of one head.  Prints one line per
+// case and output, outputs in graph order: "CASE/INDEX v0 v1 ...".
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -29,7 +30,7 @@ struct Input {
 struct Case {
   std::string name;
   std::vector<Input> inputs;
-  uint32_t outputs = 0;
+  std::vector<std::string> outputs;  // layer names; empty: the graph's one head
 };
 
 std::string ReadFile(const std::string& path) {
@@ -65,7 +66,7 @@ std::vector<Case> ReadCaseFile(const std::string& text) {
     }
     if (cases.empty()) cases.emplace_back();
     if (kind == "input") cases.back().inputs.push_back(t);
-    if (kind == "output") ++cases.back().outputs;
+    if (kind == "output") cases.back().outputs.push_back(t.key);
   }
   return cases;
 }
@@ -85,7 +86,7 @@ std::vector<Case> ReadRaw(const std::string& spec) {
   for (size_t at = 0; at + count * sizeof(float) <= bytes.size(); at += count * sizeof(float)) {
     t.values.resize(count);
     std::memcpy(t.values.data(), bytes.data() + at, count * sizeof(float));
-    cases.push_back({"w" + std::to_string(cases.size()), {t}, 1});
+    cases.push_back({"w" + std::to_string(cases.size()), {t}, {}});
   }
   return cases;
 }
@@ -116,10 +117,20 @@ int main(int argc, char** argv) {
       dims.insert(dims.end(), in.shape.begin(), in.shape.end());
       indptr.push_back(static_cast<uint32_t>(dims.size()));
     }
+    // The layers a case names become the outputs, in graph order.
+    std::vector<const char*> out_keys;
+    for (const std::string& name : c.outputs) out_keys.push_back(name.c_str());
     PredictorHandle h = nullptr;
-    if (MXPredCreate(json.c_str(), params.data(), static_cast<int>(params.size()), 1, 0,
-                     static_cast<uint32_t>(keys.size()), keys.data(), indptr.data(), dims.data(),
-                     &h) != 0) {
+    const int built =
+        out_keys.empty()
+            ? MXPredCreate(json.c_str(), params.data(), static_cast<int>(params.size()), 1, 0,
+                           static_cast<uint32_t>(keys.size()), keys.data(), indptr.data(),
+                           dims.data(), &h)
+            : MXPredCreatePartialOut(json.c_str(), params.data(), static_cast<int>(params.size()),
+                                     1, 0, static_cast<uint32_t>(keys.size()), keys.data(),
+                                     indptr.data(), dims.data(),
+                                     static_cast<uint32_t>(out_keys.size()), out_keys.data(), &h);
+    if (built != 0) {
       std::fprintf(stderr, "tovad_net_dump: the net does not build\n");
       return 1;
     }
@@ -127,7 +138,8 @@ int main(int argc, char** argv) {
       MXPredSetInput(h, in.key.c_str(), in.values.data(), static_cast<uint32_t>(in.values.size()));
     }
     MXPredForward(h);
-    for (uint32_t out = 0; out < c.outputs; ++out) {
+    const uint32_t outputs = out_keys.empty() ? 1 : static_cast<uint32_t>(out_keys.size());
+    for (uint32_t out = 0; out < outputs; ++out) {
       uint32_t* shape = nullptr;
       uint32_t ndim = 0;
       MXPredGetOutputShape(h, out, &shape, &ndim);
