@@ -25,44 +25,28 @@ OUT_DIR = os.path.join(ROOT, "tests", "data", "net")
 F32 = np.float32
 
 
-def fmt(values):
-    return " ".join("%.9g" % v for v in np.asarray(values, dtype=np.float64).ravel())
+def block(kind, key, array):
+    array = np.asarray(array)
+    return ["%s %s %d %s" % (kind, key, array.ndim, " ".join(str(d) for d in array.shape)),
+            " ".join("%.9g" % v for v in np.asarray(array, dtype=np.float64).ravel())]
 
 
-class IoFile:
-    def __init__(self):
-        self.lines = []
-
-    def case(self, name):
-        self.lines.append("case %s" % name)
-
-    def _block(self, kind, key, array):
-        array = np.asarray(array)
-        self.lines.append("%s %s %d %s" % (kind, key, array.ndim, " ".join(str(d) for d in array.shape)))
-        self.lines.append(fmt(array))
-
-    def input(self, key, array):
-        self._block("input", key, array)
-
-    def output(self, key, array):
-        self._block("output", key, array)
-
-    def bound(self, key, array):
-        self._block("bound", key, array)
-
-    def outputs(self, pairs):
-        for key, array in pairs:
-            self.output(key, array)
-
-    def write(self, path):
-        with open(path, "w") as f:
-            f.write("\n".join(self.lines) + "\n")
+def full(inputs, outputs):
+    """The one case "full" of most nets: (key, array) inputs and outputs."""
+    return [("full", [("input",) + kv for kv in inputs] + [("output",) + kv for kv in outputs])]
 
 
-def save(name, graph, params, io, version=10600):
+def save(name, graph, params, cases, version=10600):
+    """cases: (case name, [(kind, key, array), ...]) in file order."""
     graph.write(os.path.join(OUT_DIR, name + "-symbol.json"), version=version)
     write_params(os.path.join(OUT_DIR, name + ".params"), params)
-    io.write(os.path.join(OUT_DIR, name + ".io"))
+    lines = []
+    for case, blocks in cases:
+        lines.append("case %s" % case)
+        for b in blocks:
+            lines += block(*b)
+    with open(os.path.join(OUT_DIR, name + ".io"), "w") as f:
+        f.write("\n".join(lines) + "\n")
 
 
 def fc(x, w, b=None):
@@ -130,12 +114,7 @@ def mlp(rng):
     fc4 = fc(tanh(fc3), *weights[3])
     out = rows_softmax(fc4)
 
-    io = IoFile()
-    io.case("full")
-    io.input("data", data)
-    io.output("softmax", out)
-    io.output("fc2", fc2)
-    io.output("act2", sigmoid(fc2))
+    io = full([("data", data)], [("softmax", out), ("fc2", fc2), ("act2", sigmoid(fc2))])
     save("mlp", g, params, io)
     save("mlp_old", g, params, io, version=None)
 
@@ -160,11 +139,7 @@ def activations(rng):
     data = rng.normal(0, 3, (3, 8)).astype(F32)
     data[0, :4] = [-100.0, -0.0, 0.0, 50.0]
     data[1, :3] = [40.0, -40.0, 30.0]
-    io = IoFile()
-    io.case("full")
-    io.input("data", data)
-    io.outputs((act, f(data)) for act, f in acts)
-    save("activations", g, [], io)
+    save("activations", g, [], full([("data", data)], [(act, f(data)) for act, f in acts]))
 
 
 def softmaxes(rng):
@@ -187,14 +162,10 @@ def softmaxes(rng):
         heads.append(g.node("SoftmaxOutput", name, [x, label], attr=attr))
     g.heads = heads
     data = rng.normal(0, 2, (2, 3, 4, 5)).astype(F32)
-    io = IoFile()
-    io.case("full")
-    io.input("data", data)
     multi = softmax(data.reshape(2, 3, 20), 1).reshape(data.shape)
-    io.outputs([("sm_inst", rows_softmax(data)), ("sm_chan", softmax(data, 3)),
+    save("softmax", g, [], full([("data", data)], [("sm_inst", rows_softmax(data)), ("sm_chan", softmax(data, 3)),
                 ("so_plain", rows_softmax(data)), ("so_preserve", softmax(data, 3)),
-                ("so_multi", multi), ("so_both", multi)])
-    save("softmax", g, [], io)
+                ("so_multi", multi), ("so_both", multi)]))
 
 
 def flatten(rng):
@@ -205,13 +176,9 @@ def flatten(rng):
         g.node("Flatten", "flat_plain", [x], attr={"auto_channel_switch": "False"}),
     ]
     data = rng.normal(0, 1, (2, 3, 4, 5)).astype(F32)
-    io = IoFile()
-    io.case("full")
-    io.input("data", data)
     # Axes 1 and 3 exchanged before the rows are flattened.
-    io.outputs([("flat_sw", np.swapaxes(data, 1, 3).reshape(2, -1)),
-                ("flat_plain", data.reshape(2, -1))])
-    save("flatten", g, [], io)
+    save("flatten", g, [], full([("data", data)], [("flat_sw", np.swapaxes(data, 1, 3).reshape(2, -1)),
+                                                   ("flat_plain", data.reshape(2, -1))]))
 
 
 def concat(rng):
@@ -228,12 +195,8 @@ def concat(rng):
     vb = rng.normal(0, 1, (2, 3, 4, 2)).astype(F32)
     vc = rng.normal(0, 1, (2, 2, 4, 5)).astype(F32)
     vd = rng.normal(0, 1, (2, 3, 1, 5)).astype(F32)
-    io = IoFile()
-    io.case("full")
-    for key, v in [("a", va), ("b", vb), ("c", vc), ("d", vd)]:
-        io.input(key, v)
     # The trained channel axis is the engine's axis 3.
-    io.outputs([("cat3", np.concatenate([va, vb], 3)), ("cat1", np.concatenate([va, vc], 1)),
+    io = full([("a", va), ("b", vb), ("c", vc), ("d", vd)], [("cat3", np.concatenate([va, vb], 3)), ("cat1", np.concatenate([va, vc], 1)),
                 ("cat2", np.concatenate([va, vd, va], 2)), ("catsw", np.concatenate([va, vb], 3))])
     save("concat", g, [], io, version=None)
 
@@ -258,12 +221,8 @@ def reshape(rng):
     act = g.node("Activation", "r_relu", [x], attr={"act_type": "relu"})
     heads.append(g.node("Reshape", "r_inplace", [act], param={"shape": "(0,-1)"}))
     g.heads = heads
-    io = IoFile()
-    io.case("full")
-    io.input("data", data)
-    io.outputs((name, data.reshape(shape)) for name, _, shape in cases)
-    io.output("r_inplace", relu(data).reshape(2, 60))
-    save("reshape", g, [], io)
+    outputs = [(name, data.reshape(shape)) for name, _, shape in cases]
+    save("reshape", g, [], full([("data", data)], outputs + [("r_inplace", relu(data).reshape(2, 60))]))
 
 
 def slices(rng):
@@ -281,11 +240,7 @@ def slices(rng):
          data[..., 1:]),
     ]
     g.heads = [g.node(op, name, [x], param=attr) for name, op, attr, _ in cases]
-    io = IoFile()
-    io.case("full")
-    io.input("data", data)
-    io.outputs((name, expected) for name, _, _, expected in cases)
-    save("slice", g, [], io)
+    save("slice", g, [], full([("data", data)], [(name, want) for name, _, _, want in cases]))
 
 
 def fc_quant(rng):
@@ -326,17 +281,17 @@ def fc_quant(rng):
         y = np.abs(x2 @ w.astype(np.float64).T)
         return err + 1e-5 * (1.0 + y)
 
-    io = IoFile()
+    io = []
     inputs = [
         ("mixed", rng.uniform(-2.0, 3.0, (4, 20)).astype(F32)),
         ("all_equal", np.full((4, 20), 0.75, dtype=F32)),
     ]
     for case, data in inputs:
-        io.case(case)
-        io.input("data", data)
+        blocks = [("input", "data", data)]
         for f, q, args in [("fc_f", "fc_q", (w1, b1)), ("fc_f2", "fc_qt", (w2,))]:
-            io.outputs([(f, fc(data, *args)), (q, fc(data, *args))])
-            io.bound(q, bound(data, args[0]))
+            blocks += [("output", f, fc(data, *args)), ("output", q, fc(data, *args)),
+                       ("bound", q, bound(data, args[0]))]
+        io.append((case, blocks))
     save("fc_quant", g, params, io)
 
 
@@ -347,9 +302,7 @@ def int8_relu(rng):
     q = g.variable("q")
     g.heads = [g.node("Activation", "relu", [q], attr={"act_type": "relu"})]
     values = rng.integers(-128, 128, (1, 100)).astype(np.int8)
-    io = IoFile()
-    io.case("full")
-    save("int8_relu", g, [("arg:q", values)], io)
+    save("int8_relu", g, [("arg:q", values)], full([], []))
 
 
 def main():
