@@ -196,8 +196,9 @@ def concat(rng):
     vc = rng.normal(0, 1, (2, 2, 4, 5)).astype(F32)
     vd = rng.normal(0, 1, (2, 3, 1, 5)).astype(F32)
     # The trained channel axis is the engine's axis 3.
-    io = full([("a", va), ("b", vb), ("c", vc), ("d", vd)], [("cat3", np.concatenate([va, vb], 3)), ("cat1", np.concatenate([va, vc], 1)),
-                ("cat2", np.concatenate([va, vd, va], 2)), ("catsw", np.concatenate([va, vb], 3))])
+    io = full([("a", va), ("b", vb), ("c", vc), ("d", vd)],
+              [("cat3", np.concatenate([va, vb], 3)), ("cat1", np.concatenate([va, vc], 1)),
+               ("cat2", np.concatenate([va, vd, va], 2)), ("catsw", np.concatenate([va, vb], 3))])
     save("concat", g, [], io, version=None)
 
 
