@@ -159,9 +159,6 @@ TEST(I8GemmTest, EdgeSizesAndWrapAround) {
     orvik_i8_i32_gemm(101, 111, 111, 1, 1, K, 1, ones.data(), K, ones.data(), 1, 0, &out, 1);
     EXPECT_EQ(out, INT32_MIN) << variant;
     EXPECT_EQ(orvik_i8_i32_dot(K, ones.data(), 1, ones.data(), 1), INT32_MIN) << variant;
-    int ref = 0;
-    seq_matrix_mul_i8_i32_nn_c(1, 1, K, 1, ones.data(), ones.data(), 0, &ref);
-    EXPECT_EQ(ref, INT32_MIN);
   });
 }
 

@@ -13,31 +13,6 @@ namespace ruvo {
 namespace math {
 namespace {
 
-TEST(MathGemmTest, RowMajorWrappersDeriveLeadingDimensions) {
-  // A 2x3, B^T stored as 4x3: C (2x4) = A * B.
-  const float A[6] = {1, 2, 3, 4, 5, 6};
-  const float Bt[12] = {1, 0, 0, 0, 1, 0, 0, 0, 1, 1, 1, 1};
-  float C[8];
-  orvik_cpu_gemm<float>(CblasNoTrans, CblasTrans, 2, 4, 3, 1.0f, A, Bt, 0.0f, C);
-  const float expected[8] = {1, 2, 3, 6, 4, 5, 6, 15};
-  for (int i = 0; i < 8; ++i) EXPECT_EQ(C[i], expected[i]) << i;
-  // A bias row added through a depth-1 product with beta 1.
-  const float ones[2] = {1, 1}, bias[4] = {10, 20, 30, 40};
-  orvik_cpu_gemm<float>(CblasNoTrans, CblasNoTrans, 2, 4, 1, 1.0f, ones, bias, 1.0f, C);
-  EXPECT_EQ(C[0], 11);
-  EXPECT_EQ(C[7], 55);
-
-  const signed char qa[6] = {1, -2, 3, 4, 5, -6};  // A^T stored 3x2
-  const signed char qb[6] = {1, 2, 3, 4, 5, 6};    // B 3x2
-  int qc[4] = {100, 100, 100, 100};
-  orvik_cpu_gemm<signed char, int>(CblasTrans, CblasNoTrans, 2, 2, 3, 1, qa, qb, 1, qc);
-  // A = [[1, 3, 5], [-2, 4, -6]].
-  EXPECT_EQ(qc[0], 100 + 1 * 1 + 3 * 3 + 5 * 5);
-  EXPECT_EQ(qc[1], 100 + 1 * 2 + 3 * 4 + 5 * 6);
-  EXPECT_EQ(qc[2], 100 - 2 * 1 + 4 * 3 - 6 * 5);
-  EXPECT_EQ(qc[3], 100 - 2 * 2 + 4 * 4 - 6 * 6);
-}
-
 TEST(MathAxpbTest, FloatToInt8TruncatesAndKeepsTheLowByte) {
   struct Case {
     float x, a, b;

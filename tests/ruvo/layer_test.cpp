@@ -82,34 +82,6 @@ TEST_F(RegistryTest, CreatesFreshLayersOrNullForDisabledOperators) {
   }
 }
 
-TEST(LayerTest, DefaultsAndTheInputLayer) {
-  Layer layer;
-  std::vector<NDArray*> b, t, a;
-  EXPECT_EQ(layer.Forward(b, t, a), -1);
-  std::vector<TShape> in{TShape{2, 3}}, out(1), aux;
-  EXPECT_TRUE(layer.InferShape(in, out, aux));
-  EXPECT_EQ(out[0], TShape());
-  // The first input type goes to the one output; aux types stay.
-  std::vector<int> in_type{5, 0}, out_type{0, 0, 0}, aux_type{4};
-  EXPECT_TRUE(layer.InferType(in_type, out_type, aux_type));
-  EXPECT_EQ(out_type, std::vector<int>{5});
-  EXPECT_EQ(aux_type, std::vector<int>{4});
-  layer.Init({{"anything", "x"}});
-  EXPECT_TRUE(layer.inited_);
-  layer.GetBottoms() = {7, 8, 9};
-  layer.GetTops() = {10};
-  // The first bottom and the first top carry the batch.
-  EXPECT_EQ(layer.GetBatchBlobs(), (std::vector<uint32_t>{7, 10}));
-
-  std::unique_ptr<Layer> input(Input_layer_creator());
-  EXPECT_EQ(input->Forward(b, t, a), 0);
-  EXPECT_EQ(input->get_num_inputs(), 0u);
-  std::vector<int> none, types;
-  EXPECT_TRUE(input->InferType(none, types, aux_type));  // no input type needed
-  input->GetTops() = {3};
-  EXPECT_TRUE(input->GetBatchBlobs().empty());
-}
-
 TEST(LayerDeathTest, DefaultInferTypeNeedsAKnownFirstType) {
   Layer layer;
   std::vector<int> empty, out, aux;
@@ -169,7 +141,7 @@ struct BoolCase {
   bool expected;
 };
 
-TEST(AttrTest, BooleansAndNumbers) {
+TEST(AttrTest, BooleansDefaultWhenAbsent) {
   const BoolCase cases[] = {{"True", true}, {"False", false}, {nullptr, true}};
   for (const BoolCase& c : cases) {
     LayerAttrs attrs;
@@ -178,17 +150,6 @@ TEST(AttrTest, BooleansAndNumbers) {
     RUVO_BOOL_ATTR(attrs, "no_bias", "True", no_bias_symbol, no_bias);
     EXPECT_EQ(no_bias, c.expected) << (c.text ? c.text : "(absent)");
   }
-  LayerAttrs attrs{{"num_hidden", "128"}, {"kernel", "(3, 1)"}, {"bad", "x"}};
-  EXPECT_EQ(AttrText(attrs, "num_hidden", "0"), "128");
-  EXPECT_EQ(AttrText(attrs, "missing", "dflt"), "dflt");
-  int num_hidden = 0;
-  EXPECT_TRUE(ReadAttrValue(AttrText(attrs, "num_hidden", "0"), &num_hidden));
-  EXPECT_EQ(num_hidden, 128);
-  TShape kernel;
-  EXPECT_TRUE(ReadAttrValue(attrs.at("kernel"), &kernel));
-  EXPECT_EQ(kernel, (TShape{3, 1}));
-  float scale = 0;
-  EXPECT_FALSE(ReadAttrValue(attrs.at("bad"), &scale));
 }
 
 TEST(AttrDeathTest, BooleanSpellingsOtherThanTrueFalseAreFatal) {

@@ -261,20 +261,6 @@ TEST(ParamsTest, ShortReadsReturnFalseAndLeaveTheTarget) {
   EXPECT_EQ(target.dptr<int>()[3], 4);
 }
 
-TEST(ParamsTest, ZeroLengthNamesAndFlagTwo) {
-  std::vector<NDArray> data;
-  std::vector<std::string> names;
-  std::string raw32;
-  for (int i = 0; i < 32; ++i) raw32 += static_cast<char>(100 + i);
-  LoadAll(
-      Bytes().header(1).u32(1).u32(2).dev(kFloat16).raw(raw32).u64(2).u64(0).u64(2).raw("ab").str(),
-      &data, &names);
-  ASSERT_EQ(data.size(), 1u);
-  ASSERT_EQ(data[0].chunk_->bytes_, 32u);  // 16 bytes an element
-  EXPECT_EQ(memcmp(data[0].chunk_->dptr_, raw32.data(), 32), 0);
-  EXPECT_EQ(names, (std::vector<std::string>{"", "ab"}));
-}
-
 // A malformed file (or symbol text) and the report it must end with.
 struct BadFile {
   const char* what;

@@ -236,68 +236,26 @@ void MutateField(std::string* s, const ParamLayout& layout, std::mt19937& rng) {
   PutWord(s, f.pos, &v, f.width);  // little-endian: a 4-byte field takes the low half
 }
 
-// Positions of tokens of a JSON text, found without parsing it.
-std::vector<std::pair<size_t, size_t>> FindTokens(const std::string& s, bool strings) {
-  std::vector<std::pair<size_t, size_t>> tokens;
-  for (size_t i = 0; i < s.size(); ++i) {
-    if (strings && s[i] == '"') {
-      size_t end = s.find('"', i + 1);
-      if (end == std::string::npos) break;
-      tokens.emplace_back(i, end + 1 - i);
-      i = end;
-    } else if (!strings && (isdigit(static_cast<unsigned char>(s[i])) || s[i] == '-')) {
-      size_t end = i;
-      while (end < s.size() && (isdigit(static_cast<unsigned char>(s[end])) || s[end] == '-')) {
-        ++end;
-      }
-      tokens.emplace_back(i, end - i);
-      i = end;
-    }
-  }
-  return tokens;
-}
-
-// Mutations that keep a JSON text mostly parseable, so that the reader's
-// checks, not only the parser, see wrong types and wrong ids.
+// Mutations that keep a JSON text parseable most of the time, so that the
+// reader's checks, not only the parser, see wrong types and wrong ids: a
+// number becomes another value, or a byte-level change.
 void MutateJson(std::string* s, std::mt19937& rng) {
   static const char* const kValues[] = {
       "-1", "0", "1", "2", "900", "901", "2147483647", "-2147483648", "1e300", "1.5",
       "99999999999", "null", "true", "[]", "{}", "[0]", "[0,0]", "[9,0]", "[-1,0,0]", "\"\"",
-      "\"int\"", "\"null\"", "\"True\"", "\"x\"", "{\"k\":1}", "[\"int\"]", "[\"int\",900]",
-      "\"__op_type_str__\""};
-  static const char* const kKeys[] = {"\"nodes\"", "\"arg_nodes\"", "\"heads\"", "\"attrs\"",
-                                      "\"op\"",    "\"name\"",      "\"inputs\"", "\"attr\"",
-                                      "\"param\"", "\"mxnet_version\""};
-  const char* value = kValues[Below(rng, sizeof(kValues) / sizeof(kValues[0]))];
-  switch (Below(rng, 5)) {
-    case 0:
-    case 1: {  // replace a number
-      auto tokens = FindTokens(*s, false);
-      if (tokens.empty()) break;
-      auto t = tokens[Below(rng, tokens.size())];
-      s->replace(t.first, t.second, value);
-      break;
-    }
-    case 2: {  // replace a string (a key or a value)
-      auto tokens = FindTokens(*s, true);
-      if (tokens.empty()) break;
-      auto t = tokens[Below(rng, tokens.size())];
-      const bool as_key = Below(rng, 2) == 0;
-      s->replace(t.first, t.second, as_key ? kKeys[Below(rng, 10)] : value);
-      break;
-    }
-    case 3: {  // drop a structural character
-      std::vector<size_t> marks;
-      for (size_t i = 0; i < s->size(); ++i) {
-        if (strchr("[]{},:", (*s)[i]) != nullptr) marks.push_back(i);
-      }
-      if (!marks.empty()) s->erase(marks[Below(rng, marks.size())], 1);
-      break;
-    }
-    case 4:  // a byte-level change
-      MutateBytes(s, rng);
-      break;
+      "\"int\"", "\"null\"", "\"True\"", "{\"k\":1}", "[\"int\"]", "[\"int\",900]"};
+  std::vector<std::pair<size_t, size_t>> numbers;
+  for (size_t i = 0; i < s->size();) {
+    const size_t len = strspn(s->c_str() + i, "-0123456789");
+    if (len > 0) numbers.emplace_back(i, len);
+    i += len > 0 ? len : 1;
   }
+  if (numbers.empty() || Below(rng, 3) == 0) {
+    MutateBytes(s, rng);
+    return;
+  }
+  const auto t = numbers[Below(rng, numbers.size())];
+  s->replace(t.first, t.second, kValues[Below(rng, sizeof(kValues) / sizeof(kValues[0]))]);
 }
 
 enum class Outcome { kClean, kFatal, kOther };

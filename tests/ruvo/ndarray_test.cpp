@@ -31,16 +31,9 @@ TEST(TupleTest, HeapBlockGrowsExactlyAndIsReusedWhenShrinking) {
   s = TShape{1, 2, 3, 4, 5, 6, 7};
   EXPECT_EQ(s.heap_capacity(), 7u);
   EXPECT_EQ(s, (TShape{1, 2, 3, 4, 5, 6, 7}));
-
-  TShape copy = s;
+  TShape copy = s;  // a heap block of its own
   copy[0] = 9;
   EXPECT_EQ(s[0], 1u);
-  TShape moved = std::move(copy);
-  EXPECT_EQ(moved, (TShape{9, 2, 3, 4, 5, 6, 7}));
-  Tuple<std::string> t{"a", "b", "c", "d", "e"};
-  t = Tuple<std::string>{"x"};
-  EXPECT_EQ(t.ndim(), 1u);
-  EXPECT_EQ(t[0], "x");
 }
 
 TEST(TShapeTest, SizeIn32BitsAndEquality) {
@@ -100,11 +93,6 @@ TEST(ShapeTextTest, WritesAndReads) {
 TEST(TypeTest, SizesOfEveryFlag) {
   const size_t expected[] = {4, 8, 16, 1, 4, 1, 8};
   for (int t = 0; t < kUnused; ++t) EXPECT_EQ(orvik_sizeof(t), expected[t]);
-  EXPECT_EQ(DataType<int>::kFlag(), 4);
-  EXPECT_EQ(DataType<signed char>::kFlag(), 5);
-  const std::string text = Fatal("type > -1 && type < kUnused", "Type not initialized!");
-  EXPECT_DEATH(orvik_sizeof(-1), text);
-  EXPECT_DEATH(orvik_sizeof(7), text);
 }
 
 TEST(NDArrayTest, AllocatesAlignedChunksOfTheTypeSize) {

@@ -99,31 +99,6 @@ TEST(NetBuildDeathTest, BuildErrors) {
       Fatal("names.size() == data.size() (7 vs. 8)", "Invalid param file format"));
 }
 
-// Old-style and new-style graphs of the same net are wired as the graph says.
-TEST(NetBuildTest, BothGraphStylesBuildTheSameNet) {
-  for (const char* name : {"mlp", "mlp_old"}) {
-    Model m = LoadModel(name);
-    const auto& c = m.cases.at(0);
-    orvik::ruvo::DefaultNet net;
-    net_test::InputSpec s = net_test::SpecOf(c);
-    ASSERT_EQ(net.Config(m.json.c_str(), m.params.data(), m.params.size(), 1, s.keys.data(),
-                         s.indptr.data(), s.data.data(), 0, nullptr),
-              0);
-    // 10 variables (data, 8 parameters, the label) and 8 operators.
-    EXPECT_EQ(net.layers().size(), 18u) << name;
-    EXPECT_EQ(net.args_names(),
-              (std::vector<std::string>{"data", "fc1_weight", "fc1_bias", "fc2_weight", "fc2_bias",
-                                        "fc3_weight", "fc3_bias", "fc4_weight", "fc4_bias",
-                                        "softmax_label"}))
-        << name;
-    ASSERT_EQ(net.outs_blobs_index().size(), 1u);
-    // Weights are shared with the loaded parameters, shaped as stored;
-    // the numbers of both styles are checked by the fixture-net suite.
-    const auto& w1 = net.blobs()[net.args_blobs_index()[1]];
-    EXPECT_EQ(w1.shape(), (orvik::ruvo::TShape{16, 30}));
-  }
-}
-
 // "aux:" names that are no declared state still bind arguments; unknown
 // "arg:" names and names without a prefix are dropped without a word.
 TEST(NetBuildTest, ParameterNamePrefixes) {
