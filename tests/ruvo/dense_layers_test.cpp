@@ -177,9 +177,6 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         FatalCase{"NumHiddenZero", "FullyConnected", {{"num_hidden", "0"}}, {},
                   Fatal("num_hidden_ >= 1 (0 vs. 1)", "")},
-        FatalCase{"LowerCaseBool", "FullyConnected", {{"num_hidden", "2"}, {"no_bias", "true"}}, {},
-                  RegexEscape("Check failed: ((no_bias_symbol) == \"True\" || (no_bias_symbol) == "
-                              "\"False\")")},
         FatalCase{"OnlineQuantiOne", "FullyConnected", {{"num_hidden", "2"}, {"online_quanti", "1"}},
                   {}, RegexEscape("Check failed: ((online_quanti_symbol) == \"True\"")},
         FatalCase{"WeightShapeInconsistent", "FullyConnected", {{"num_hidden", "4"}},

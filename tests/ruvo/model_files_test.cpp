@@ -197,19 +197,14 @@ TEST_P(WrittenParamsTest, LoadBackWithNamesShapesTypesAndBytes) {
 INSTANTIATE_TEST_SUITE_P(BothShapeForms, WrittenParamsTest,
                          ::testing::Values("params_modern.params", "params_legacy.params"));
 
-TEST(ParamsTest, EmptyListAndUnequalCounts) {
+// Ten arrays with nine names pass this reader: the net's own check on
+// that is in net_test.
+TEST(ParamsTest, EmptyListClearsTheTargets) {
   std::vector<NDArray> data(3);
   std::vector<std::string> names(2);
   LoadAll(ReadDataFile("params_empty.params"), &data, &names);
   EXPECT_TRUE(data.empty());
   EXPECT_TRUE(names.empty());
-
-  // Ten arrays with nine names pass this reader; the net rejects them.
-  LoadAll(ReadDataFile("params_ten_nine.params"), &data, &names);
-  ASSERT_EQ(data.size(), 10u);
-  ASSERT_EQ(names.size(), 9u);
-  EXPECT_EQ(names[8], "arg:p8");
-  EXPECT_EQ(data[9].dptr<float>()[0], 9.0f);
 }
 
 TEST(ParamsTest, ShapeFormsAndEmptyRecords) {
@@ -293,10 +288,6 @@ INSTANTIATE_TEST_SUITE_P(
         BadFile{"magic 0x113", Bytes().header(0, 0x113).u64(0).str(),
                 Fatal("header == kRUVONDArrayListMagic", kInvalid)},
         BadFile{"empty file", "", kPastEnd},
-        BadFile{"truncated data",
-                Bytes().header(1).raw(kGoodRecord.substr(0, kGoodRecord.size() - 1)).str(), kPastEnd},
-        BadFile{"first word above the magic", Bytes().header(1).u32(kModern + 1).zeros(64).u64(0).str(),
-                kPastEnd},
         BadFile{"unknown type flag", Bytes().header(1).u32(1).u32(1).dev(7).zeros(16).str(), kBadType},
         BadFile{"negative type flag", Bytes().header(1).u32(1).u32(1).dev(-1).zeros(16).str(), kBadType},
         BadFile{"element count beyond 32 bits",
@@ -305,10 +296,8 @@ INSTANTIATE_TEST_SUITE_P(
                             "of shape (65536,65536) exceeds 32 bits")},
         BadFile{"data larger than the file",
                 Bytes().header(1).u32(1).u32(1000).dev(kFloat32).zeros(64).str(), kPastEnd},
-        BadFile{"huge legacy ndim", Bytes().header(1).u32(0xFFFFFFF0).zeros(8).str(), kPastEnd},
         BadFile{"huge modern ndim", Bytes().header(1).u32(kModern).u32(0x7FFFFFFF).str(), kPastEnd},
         BadFile{"huge array count", Bytes().header(0xFFFFFFFFFFFFFFFFull).zeros(8).str(), kPastEnd},
-        BadFile{"huge name count", Bytes().header(0).u64(0x2000000000000000ull).zeros(8).str(), kPastEnd},
         BadFile{"huge name length", Bytes().header(0).u64(1).u64(0xFFFFFFFFFFFFFF00ull).raw("abc").str(),
                 kPastEnd},
         BadFile{"missing name count", Bytes().header(1).raw(kGoodRecord).str(), kPastEnd}),
@@ -452,7 +441,6 @@ INSTANTIATE_TEST_SUITE_P(
         BadFile{"node without inputs", Graph("", R"([{"op":"null","name":"x"}])"),
                 Fatal(Has("jnode", "inputs"), "node:inputs not exist!")},
         BadFile{"input of one element", WithInputs("[[0]]"), kShortEntry},
-        BadFile{"head of one element", R"({"nodes":[],"arg_nodes":[],"heads":[[0]]})", kShortEntry},
         BadFile{"op not a string", Graph("", R"([{"op":5,"name":"x","inputs":[]}])"),
                 Fatal("text != nullptr", "node:op is not a string")},
         BadFile{"attr value not a string", Graph("", R"([{"op":"null","name":"x","inputs":[],"attr":{"k":1}}])"),
