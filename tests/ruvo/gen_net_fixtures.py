@@ -31,6 +31,29 @@ def block(kind, key, array):
             " ".join("%.9g" % v for v in np.asarray(array, dtype=np.float64).ravel())]
 
 
+class IoFile:
+    """The .io text, block by block (gen_quant_fixtures.py writes with it too)."""
+
+    def __init__(self):
+        self.lines = []
+
+    def case(self, name):
+        self.lines.append("case %s" % name)
+
+    def input(self, key, array):
+        self.lines += block("input", key, array)
+
+    def output(self, key, array):
+        self.lines += block("output", key, array)
+
+    def bound(self, key, array):
+        self.lines += block("bound", key, array)
+
+    def write(self, path):
+        with open(path, "w") as f:
+            f.write("\n".join(self.lines) + "\n")
+
+
 def full(inputs, outputs):
     """The one case "full" of most nets: (key, array) inputs and outputs."""
     return [("full", [("input",) + kv for kv in inputs] + [("output",) + kv for kv in outputs])]
@@ -40,13 +63,12 @@ def save(name, graph, params, cases, version=10600):
     """cases: (case name, [(kind, key, array), ...]) in file order."""
     graph.write(os.path.join(OUT_DIR, name + "-symbol.json"), version=version)
     write_params(os.path.join(OUT_DIR, name + ".params"), params)
-    lines = []
+    io = IoFile()
     for case, blocks in cases:
-        lines.append("case %s" % case)
+        io.case(case)
         for b in blocks:
-            lines += block(*b)
-    with open(os.path.join(OUT_DIR, name + ".io"), "w") as f:
-        f.write("\n".join(lines) + "\n")
+            io.lines += block(*b)
+    io.write(os.path.join(OUT_DIR, name + ".io"))
 
 
 def fc(x, w, b=None):
