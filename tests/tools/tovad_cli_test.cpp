@@ -284,8 +284,8 @@ struct ErrorCase {
   // Arguments; "@conf", "@wav" and "@dir" stand for the fixture's files.
   std::vector<std::string> args;
   std::string conf_extra;  // appended to a fresh conf when not empty
-  int meanvar_numbers;
   std::string message_part;
+  int meanvar_numbers = 240;
 };
 
 class TovadErrorTest : public TovadCliTest, public testing::WithParamInterface<ErrorCase> {};
@@ -316,29 +316,29 @@ const std::vector<std::string> kConfWav = {"--conf", "@conf", "@wav"};
 INSTANTIATE_TEST_SUITE_P(
     Errors, TovadErrorTest,
     testing::Values(
-        ErrorCase{"NoFile", {"--conf", "@conf"}, "", 240, "no input file"},
-        ErrorCase{"UnknownOption", {"--loud", "@wav"}, "", 240, "unknown option '--loud'"},
-        ErrorCase{"MissingValue", {"@wav", "--conf"}, "", 240, "needs a value"},
-        ErrorCase{"BadFormat", {"-f", "xml", "@wav"}, "", 240, "unknown format 'xml'"},
-        ErrorCase{"MissingFile", {"--conf", "@conf", "/nonexistent/a.wav"}, "", 240,
+        ErrorCase{"NoFile", {"--conf", "@conf"}, "", "no input file"},
+        ErrorCase{"UnknownOption", {"--loud", "@wav"}, "", "unknown option '--loud'"},
+        ErrorCase{"MissingValue", {"@wav", "--conf"}, "", "needs a value"},
+        ErrorCase{"BadFormat", {"-f", "xml", "@wav"}, "", "unknown format 'xml'"},
+        ErrorCase{"MissingFile", {"--conf", "@conf", "/nonexistent/a.wav"}, "",
                   "cannot read '/nonexistent/a.wav'"},
-        ErrorCase{"NotAudio", {"--conf", "@conf", "@text"}, "", 240, "cannot read '"},
-        ErrorCase{"Directory", {"--conf", "@conf", "@dir"}, "", 240, "cannot read '"},
-        ErrorCase{"MissingConf", {"--conf", "/nonexistent/x.conf", "@wav"}, "", 240,
+        ErrorCase{"NotAudio", {"--conf", "@conf", "@text"}, "", "cannot read '"},
+        ErrorCase{"Directory", {"--conf", "@conf", "@dir"}, "", "cannot read '"},
+        ErrorCase{"MissingConf", {"--conf", "/nonexistent/x.conf", "@wav"}, "",
                   "cannot read conf '/nonexistent/x.conf'"},
-        ErrorCase{"NoBundledModel", {"@wav"}, "", 240, "no model found"},
-        ErrorCase{"MissingJson", kConfWav, "path_to_json = gone.json\n", 240,
+        ErrorCase{"NoBundledModel", {"@wav"}, "", "no model found"},
+        ErrorCase{"MissingJson", kConfWav, "path_to_json = gone.json\n",
                   "cannot read path_to_json"},
-        ErrorCase{"ObmModel", kConfWav, "path_to_obm = m.obm\n", 240, "path_to_obm is not supported"},
-        ErrorCase{"MixedPaths", kConfWav, "path_to_param = /x/model.params\n", 240, "all relative"},
-        ErrorCase{"MeanvarTooShort", kConfWav, "", 239, "holds 239 numbers, expected 240"},
-        ErrorCase{"MissingKey", kConfWav, "compute_suspected_vad_end = 1\n", 240,
+        ErrorCase{"ObmModel", kConfWav, "path_to_obm = m.obm\n", "path_to_obm is not supported"},
+        ErrorCase{"MixedPaths", kConfWav, "path_to_param = /x/model.params\n", "all relative"},
+        ErrorCase{"MeanvarTooShort", kConfWav, "", "holds 239 numbers, expected 240", 239},
+        ErrorCase{"MissingKey", kConfWav, "compute_suspected_vad_end = 1\n",
                   "missing key 'suspected_sil_to_voice_hangover'"},
-        ErrorCase{"BadFeatureType", kConfWav, "feature_type = fbank\n", 240,
+        ErrorCase{"BadFeatureType", kConfWav, "feature_type = fbank\n",
                   "feature_type 'fbank' is not supported"},
-        ErrorCase{"BadWidth", kConfWav, "n_width = 64\n", 240, "n_width must be 40 or 80"},
-        ErrorCase{"BadDelay", kConfWav, "score_delay_frames = soon\n", 240, "score_delay_frames"},
-        ErrorCase{"SegmentDirIsAFile", {"--conf", "@conf", "-w", "@wav", "@wav"}, "", 240,
+        ErrorCase{"BadWidth", kConfWav, "n_width = 64\n", "n_width must be 40 or 80"},
+        ErrorCase{"BadDelay", kConfWav, "score_delay_frames = soon\n", "score_delay_frames"},
+        ErrorCase{"SegmentDirIsAFile", {"--conf", "@conf", "-w", "@wav", "@wav"}, "",
                   "not a writable directory"}),
     [](const testing::TestParamInfo<ErrorCase>& info) { return info.param.name; });
 
