@@ -11,8 +11,8 @@
 
 namespace rtc {
 
-// printf-style output to stderr.  FatalMessage hands its whole report to it
-// as the format string, so a '%' in a message is read as a conversion.
+// printf-style output to stderr.  FatalMessage hands its report to it as
+// an argument of "%s", so a '%' in a message prints as itself.
 void PrintError(const char* format, ...);
 
 // Prints nothing: there is no portable backtrace on the targets we ship to.

@@ -194,7 +194,7 @@ INSTANTIATE_TEST_SUITE_P(
         FatalCase{"GroupsSplitChannels", "Convolution",
                   {{"kernel", "(1,1)"}, {"num_filter", "4"}, {"num_group", "2"}},
                   {TShape{1, 3, 3, 7}, TShape(), TShape()},
-                  // "% n" would be a writing conversion: it must print as text.
+                  // A "%" in a report prints as itself, never as a conversion.
                   Fatal("dshape[3] % num_group_ == 0 (1 vs. 0)",
                         "input num_filter must divide group size")},
         FatalCase{"WeightShape", "AlphaConvolution", k3x3,
