@@ -11,16 +11,21 @@
 #include "ruvo/layer.h"
 #include "ruvo/src/layer/activation.h"
 #include "ruvo/src/layer/alphaconvolution.h"
+#include "ruvo/src/layer/batchnorm.h"
 #include "ruvo/src/layer/concat.h"
 #include "ruvo/src/layer/convolution.h"
+#include "ruvo/src/layer/dropout.h"
+#include "ruvo/src/layer/elementwise.h"
 #include "ruvo/src/layer/flatten.h"
 #include "ruvo/src/layer/fullyconnected.h"
+#include "ruvo/src/layer/pooling.h"
 #include "ruvo/src/layer/quanti_layers.h"
 #include "ruvo/src/layer/reshape.h"
 #include "ruvo/src/layer/slice.h"
 #include "ruvo/src/layer/slice_axis.h"
 #include "ruvo/src/layer/softmaxactivation.h"
 #include "ruvo/src/layer/softmaxoutput.h"
+#include "ruvo/src/layer/upsampling.h"
 
 namespace orvik {
 namespace ruvo {
@@ -39,14 +44,14 @@ const LayerRegistryEntry layer_registry[] = {
     {"Input",                     Input_layer_creator},  // 0  Input
     {"FullyConnected",            FullyConnected_layer_creator},  // 1  FullyConnected
     {"Activation",                Activation_layer_creator},  // 2  Activation
-    {"Pooling",                   nullptr},  // 3  Pooling
+    {"Pooling",                   Pooling_layer_creator},  // 3  Pooling
     {"SoftmaxActivation",         SoftmaxActivation_layer_creator},  // 4  SoftmaxActivation
     {"Concat",                    Concat_layer_creator},  // 5  Concat
-    {"_Plus",                     nullptr},  // 6  ElementWiseBinary_Plus
-    {"elemwise_add",              nullptr},  // 7  ElementWiseBinary_Plus
+    {"_Plus",                     ElementWiseBinary_Plus_layer_creator},  // 6  ElementWiseBinary_Plus
+    {"elemwise_add",              ElementWiseBinary_Plus_layer_creator},  // 7  ElementWiseBinary_Plus
     {"Convolution",               Convolution_layer_creator},  // 8  Convolution
     {"Flatten",                   Flatten_layer_creator},  // 9  Flatten
-    {"BatchNorm",                 nullptr},  // 10 BatchNorm
+    {"BatchNorm",                 BatchNorm_layer_creator},  // 10 BatchNorm
     {"QuantiInput",               QuantiInput_layer_creator},  // 11 QuantiInput
     {"AlphaPooling",              nullptr},  // 12 AlphaPooling
     {"QuantiFlatten",             QuantiFlatten_layer_creator},  // 13 QuantiFlatten
@@ -58,18 +63,18 @@ const LayerRegistryEntry layer_registry[] = {
     {"SoftmaxOutput",             SoftmaxOutput_layer_creator},  // 19 SoftmaxOutput
     {"Reshape",                   Reshape_layer_creator},  // 20 Reshape
     {"slice_axis",                slice_axis_layer_creator},  // 21 slice_axis
-    {"_mul_scalar",               nullptr},  // 22 ElementWiseBinaryScalar_Mul_Scalar
-    {"_MulScalar",                nullptr},  // 23 ElementWiseBinaryScalar_Mul_Scalar
-    {"_plus_scalar",              nullptr},  // 24 ElementWiseBinaryScalar_Plus_Scalar
-    {"_PlusScalar",               nullptr},  // 25 ElementWiseBinaryScalar_Plus_Scalar
-    {"add_n",                     nullptr},  // 26 ElementWiseSum
-    {"ElementWiseSum",            nullptr},  // 27 ElementWiseSum
-    {"broadcast_mul",             nullptr},  // 28 ElementWiseBinaryBroadcastbroadcast_mul
+    {"_mul_scalar",               ElementWiseBinaryScalar_Mul_Scalar_layer_creator},  // 22 ElementWiseBinaryScalar_Mul_Scalar
+    {"_MulScalar",                ElementWiseBinaryScalar_Mul_Scalar_layer_creator},  // 23 ElementWiseBinaryScalar_Mul_Scalar
+    {"_plus_scalar",              ElementWiseBinaryScalar_Plus_Scalar_layer_creator},  // 24 ElementWiseBinaryScalar_Plus_Scalar
+    {"_PlusScalar",               ElementWiseBinaryScalar_Plus_Scalar_layer_creator},  // 25 ElementWiseBinaryScalar_Plus_Scalar
+    {"add_n",                     ElementWiseSum_layer_creator},  // 26 ElementWiseSum
+    {"ElementWiseSum",            ElementWiseSum_layer_creator},  // 27 ElementWiseSum
+    {"broadcast_mul",             ElementWiseBinaryBroadcastbroadcast_mul_layer_creator},  // 28 ElementWiseBinaryBroadcastbroadcast_mul
     {"RNN",                       nullptr},  // 29 Rnn
-    {"Dropout",                   nullptr},  // 30 Dropout
-    {"sum",                       nullptr},  // 31 BroadcastReduce_Sum
+    {"Dropout",                   Dropout_layer_creator},  // 30 Dropout
+    {"sum",                       BroadcastReduce_Sum_layer_creator},  // 31 BroadcastReduce_Sum
     {"AlphaPlusConvolution",      nullptr},  // 32 AlphaPlusConvolution
-    {"UpSampling",                nullptr},  // 33 UpSampling
+    {"UpSampling",                UpSampling_layer_creator},  // 33 UpSampling
     {"QuantiTemporalConvolution", nullptr},  // 34 QuantiTemporalConvolution
     {"slice",                     slice_layer_creator},  // 35 slice
 };

@@ -1,0 +1,128 @@
+// Pooling, BatchNorm and Dropout, the element-wise family and UpSampling,
+// run through the prediction interface on nets written by
+// gen_float_fixtures.py against numpy, then the fatal checks on bad
+// attributes and shapes.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ruvo/layer.h"
+#include "tests/ruvo/death_text.h"
+#include "tests/ruvo/net_fixture.h"
+
+long AllocCount();
+
+namespace {
+
+using net_test::GetOutput;
+using net_test::LoadModel;
+using net_test::Model;
+using orvik::ruvo::Layer;
+using orvik::ruvo::LayerAttrs;
+using orvik::ruvo::TShape;
+using ruvo_test::Fatal;
+using ruvo_test::RegexEscape;
+
+// Each net's heads are in name order, as the outputs of a case are.  The
+// second and third runs give the same (BatchNorm inverts its variance only
+// once) and allocate nothing.
+TEST(FloatLayersTest, NetsMatchNumpy) {
+  for (const char* name : {"pool", "bn", "elemwise", "upsample"}) {
+    Model m = LoadModel(name);
+    ASSERT_FALSE(m.cases.empty()) << name;
+    for (const auto& c : m.cases) {
+      PredictorHandle h = net_test::Create(m, c);
+      ASSERT_NE(h, nullptr) << name;
+      for (int run = 0; run < 3; ++run) {
+        net_test::SetInputs(h, c);
+        const long before = AllocCount();
+        EXPECT_EQ(MXPredForward(h), 0);
+        if (run == 2) {
+          EXPECT_EQ(AllocCount() - before, 0) << name;
+        }
+      }
+      uint32_t i = 0;
+      for (const auto& out : c.outputs) {
+        net_test::ExpectNear(GetOutput(h, i++), out.second, 1e-6f, 1e-5f,
+                             std::string(name) + "/" + c.name + "/" + out.first);
+      }
+      MXPredFree(h);
+    }
+  }
+}
+
+std::unique_ptr<Layer> MakeLayer(const std::string& op, const LayerAttrs& attrs) {
+  std::unique_ptr<Layer> layer(orvik::ruvo::create_layer(orvik::ruvo::layer_to_index(op.c_str())));
+  EXPECT_NE(layer, nullptr) << op;
+  if (layer) layer->Init(attrs);
+  return layer;
+}
+
+struct FatalCase {
+  const char* name;
+  const char* op;
+  LayerAttrs attrs;
+  std::vector<TShape> in;  // the failure is in Init when InferShape is not reached
+  std::string expected;
+};
+
+class FloatLayerDeathTest : public testing::TestWithParam<FatalCase> {};
+
+TEST_P(FloatLayerDeathTest, Aborts) {
+  const FatalCase& fc = GetParam();
+  std::vector<TShape> in = fc.in, out(1), aux;
+  EXPECT_DEATH(MakeLayer(fc.op, fc.attrs)->InferShape(in, out, aux), fc.expected);
+}
+
+const LayerAttrs kMax3 = {{"kernel", "(3,3)"}, {"pool_type", "max"}};
+
+INSTANTIATE_TEST_SUITE_P(
+    Layers, FloatLayerDeathTest,
+    testing::Values(
+        FatalCase{"PoolNoKernel", "Pooling", {{"pool_type", "max"}}, {},
+                  Fatal("kernel_.ndim() == 2 (0 vs. 2)", "")},
+        FatalCase{"PoolUnknownType", "Pooling", {{"kernel", "(2,2)"}, {"pool_type", "min"}}, {},
+                  RegexEscape("Check failed: pool::pool_map.count(pool_type_symbol)")},
+        // The default's own spelling is no legal value.
+        FatalCase{"PoolConventionDefaultSpelling", "Pooling",
+                  {{"kernel", "(2,2)"}, {"pool_type", "avg"}, {"pooling_convention", "kValid"}},
+                  {},
+                  RegexEscape("Check failed: pool::pool_convention_map.count("
+                              "pooling_convention_symbol)")},
+        FatalCase{"PoolNot4d", "Pooling", kMax3, {TShape{7, 7, 3}},
+                  Fatal("dshape.ndim() == 4 (3 vs. 4)",
+                        "Pooling: Input data should be 4D in (batch, y, x, channel)")},
+        // Sizes are unsigned: 2 - 3 wraps, and one more makes 0.
+        FatalCase{"PoolKernelExceedsInput", "Pooling", kMax3, {TShape{1, 2, 5, 1}},
+                  RegexEscape("Pooling: kernel size exceed input")},
+        FatalCase{"BatchNormNot4d", "BatchNorm", {}, {TShape{2, 3, 4}, TShape(), TShape()},
+                  Fatal("dshape.ndim() == 4 (3 vs. 4)", "For predict, input shape must be 4")},
+        FatalCase{"BatchNormBadBool", "BatchNorm", {{"fix_gamma", "1"}}, {},
+                  RegexEscape("Check failed: ((str_fix_gamma) == \"True\" || (str_fix_gamma) == "
+                              "\"False\")")},
+        FatalCase{"DropoutPOne", "Dropout", {{"p", "1.0"}}, {},
+                  RegexEscape("Check failed: p_ >= 0 && p_ < 1")},
+        FatalCase{"DropoutMode", "Dropout", {{"mode", "never"}}, {},
+                  RegexEscape("Check failed: dropout::mode_map.count(mode_symbol)")},
+        FatalCase{"PlusScalarZero", "_plus_scalar", {{"scalar", "0"}}, {},
+                  RegexEscape("Check failed: scalar_ != 0")},
+        FatalCase{"PlusShapes", "elemwise_add", {}, {TShape{2, 3}, TShape{3, 2}},
+                  Fatal("out == dshape", "Shape inconsistent, Provided (3,2) inferrend shape=(2,3)")},
+        FatalCase{"BroadcastIncompatible", "broadcast_mul", {}, {TShape{2, 3}, TShape{2, 4}},
+                  RegexEscape("operands could not be broadcast together with shapes (2,3) (2,4)")},
+        FatalCase{"BroadcastRank", "broadcast_mul", {}, {TShape{1, 1, 1, 1, 1, 2}, TShape{2}},
+                  RegexEscape("NDim too large ")},
+        FatalCase{"SumAxisOutOfRange", "sum", {{"axis", "3"}}, {TShape{2, 3, 4}},
+                  RegexEscape("axis 3 exceeds the input dimension of 3")},
+        FatalCase{"UpScaleZero", "UpSampling", {{"scale", "0"}, {"sample_type", "nearest"}}, {},
+                  RegexEscape("Check failed: scale_ >= 1 && scale_ <= 1000")},
+        FatalCase{"UpNot4d", "UpSampling", {{"scale", "2"}, {"sample_type", "nearest"}},
+                  {TShape{3, 4, 5}},
+                  RegexEscape("UpSamplingNearest: Input data should be 4D in (batch, channel, y, "
+                              "x)")}),
+    [](const testing::TestParamInfo<FatalCase>& info) { return std::string(info.param.name); });
+
+}  // namespace

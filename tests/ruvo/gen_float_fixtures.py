@@ -1,0 +1,205 @@
+#!/usr/bin/python3
+"""Writes the float layer nets of the layer tests (pooling, batch norm and
+dropout, the element-wise family, upsampling, LSTM), with expected outputs
+computed here: numpy in float64, and PyTorch's LSTM for the recurrent net.
+
+    /usr/bin/python3 tests/ruvo/gen_float_fixtures.py           (write)
+    /usr/bin/python3 tests/ruvo/gen_float_fixtures.py --check   (compare)
+
+Files go to tests/data/net/ in the .io form of gen_net_fixtures.py.  The
+heads of every net are in name order, so output i of a predictor is the
+i-th output key of a case.  Everything is seeded.
+"""
+
+import math
+import os
+import sys
+import tempfile
+
+import numpy as np
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(os.path.dirname(HERE))
+sys.path.insert(0, os.path.join(ROOT, "tools"))
+sys.path.insert(0, HERE)
+
+from model_writer import SymbolGraph, write_params  # noqa: E402
+from gen_net_fixtures import IoFile  # noqa: E402
+from gen_quant_fixtures import save  # noqa: E402
+
+F32 = np.float32
+
+
+def build(out_dir, name, nodes, params, cases):
+    """nodes: {head name: (op, input names, attrs)}; an input name that is
+    no node is a variable.  cases: [(case, {input: array}, {head: array})]."""
+    g = SymbolGraph()
+    made = {}
+
+    def get(n):
+        if n not in made:
+            made[n] = g.node(nodes[n][0], n, [get(i) for i in nodes[n][1]], attr=nodes[n][2]) \
+                if n in nodes else g.variable(n)
+        return made[n]
+
+    g.heads = [get(n) for n in sorted(nodes)]
+    io = IoFile()
+    for case, inputs, outputs in cases:
+        io.case(case)
+        for k, v in inputs.items():
+            io.input(k, v)
+        for k in sorted(outputs):
+            io.output(k, outputs[k].astype(F32))
+    save(name, g, params, io, out_dir)
+
+
+# -------------------------------------------------------------- pooling
+
+def pool_out(n, k, s, p, conv):
+    if conv == "legacy":
+        return min(n + 2 * p - 1 - k + s, n + 2 * p - 1) // s + 1
+    if conv == "full":
+        return math.ceil((n + 2 * p - k) / s) + 1
+    return (n + 2 * p - k) // s + 1
+
+
+def pool_ref(x, kind, k, s, p, conv):
+    """Windows over a zero (avg) or -inf (max) border wide enough for every
+    window; the average divides by the whole kernel area."""
+    n, h, w, c = x.shape
+    oh, ow = pool_out(h, k[0], s[0], p[0], conv), pool_out(w, k[1], s[1], p[1], conv)
+    fill = 0.0 if kind == "avg" else -np.inf
+    big = np.full((n, h + 2 * p[0] + k[0] + s[0] * oh, w + 2 * p[1] + k[1] + s[1] * ow, c), fill)
+    big[:, p[0]:p[0] + h, p[1]:p[1] + w] = x
+    out = np.zeros((n, oh, ow, c))
+    for y in range(oh):
+        for z in range(ow):
+            win = big[:, y * s[0]:y * s[0] + k[0], z * s[1]:z * s[1] + k[1]]
+            out[:, y, z] = win.sum(axis=(1, 2)) / (k[0] * k[1]) if kind == "avg" else win.max(axis=(1, 2))
+    return out
+
+
+# name: type, kernel, stride, pad, convention ("legacy" sets legacy_shape)
+POOLS = {
+    "p_max_valid": ("max", (3, 3), (2, 2), (0, 0), "valid"),
+    "p_max_full": ("max", (3, 3), (2, 2), (0, 0), "full"),
+    "p_avg_pad": ("avg", (3, 2), (1, 2), (1, 1), "valid"),
+    "p_avg_full_wide": ("avg", (2, 3), (3, 3), (0, 1), "full"),
+    "p_max_stride_gt_k": ("max", (2, 2), (3, 3), (0, 0), "valid"),
+    "p_legacy": ("avg", (3, 3), (2, 2), (1, 1), "legacy"),
+}
+
+
+def pool_net(rng, out_dir):
+    nodes = {}
+    for name, (kind, k, s, p, conv) in POOLS.items():
+        a = {"kernel": "(%d,%d)" % k, "stride": "(%d,%d)" % s, "pad": "(%d,%d)" % p, "pool_type": kind}
+        a.update({"legacy_shape": "True"} if conv == "legacy" else {"pooling_convention": conv})
+        nodes[name] = ("Pooling", ["data"], a)
+    for kind in ("max", "avg"):
+        nodes["p_global_" + kind] = ("Pooling", ["data"],
+                                     {"kernel": "(1,1)", "global_pool": "True", "pool_type": kind})
+    cases = []
+    for case, shape in (("h7w8", (2, 7, 8, 5)), ("h8w7", (1, 8, 7, 19))):
+        x = rng.uniform(-3, 2, shape).astype(F32)
+        outs = {n: pool_ref(x.astype(np.float64), *v) for n, v in POOLS.items()}
+        outs["p_global_max"] = x.max(axis=(1, 2), keepdims=True)
+        outs["p_global_avg"] = x.astype(np.float64).mean(axis=(1, 2), keepdims=True)
+        cases.append((case, {"data": x}, outs))
+    build(out_dir, "pool", nodes, [], cases)
+
+
+# ---------------------------------------------------- batch norm, dropout
+
+def bn_net(rng, out_dir):
+    c = 6
+    gamma, beta = rng.uniform(0.5, 2, c).astype(F32), rng.uniform(-1, 1, c).astype(F32)
+    mean, var = rng.uniform(-1, 1, c).astype(F32), rng.uniform(0.1, 3, c).astype(F32)
+    var[2] = 0.0  # 1 / sqrt(eps)
+    params = []
+    for n in ("bn", "bn_fixed"):
+        params += [("arg:%s_gamma" % n, gamma if n == "bn" else np.full(c, 2.0, F32)),
+                   ("arg:%s_beta" % n, beta), ("aux:%s_moving_mean" % n, mean),
+                   ("aux:%s_moving_var" % n, var)]
+    ins = lambda n: ["data", n + "_gamma", n + "_beta", n + "_moving_mean", n + "_moving_var"]  # noqa: E731
+    nodes = {"bn": ("BatchNorm", ins("bn"), {"eps": "0.0001", "fix_gamma": "False"}),
+             "bn_fixed": ("BatchNorm", ins("bn_fixed"), {}),
+             "drop": ("Dropout", ["bn"], {"p": "0.9", "mode": "always"})}
+    x = rng.uniform(-4, 4, (2, 3, 4, c)).astype(F32)
+    x64 = x.astype(np.float64)
+    bn = gamma * (x64 - mean) / np.sqrt(var + 1e-4) + beta
+    outs = {"bn": bn, "bn_fixed": (x64 - mean) / np.sqrt(var + np.float64(F32(1e-3))) + beta, "drop": bn}
+    build(out_dir, "bn", nodes, params, [("mixed", {"data": x}, outs)])
+
+
+# ------------------------------------------------------- element-wise
+
+def elemwise_net(rng, out_dir):
+    nodes = {
+        "plus": ("_Plus", ["a", "b"], None),
+        "add": ("elemwise_add", ["a", "b"], None),
+        "mul_s": ("_mul_scalar", ["a"], {"scalar": "2.5"}),
+        "mul_S": ("_MulScalar", ["a"], {"scalar": "-0.75"}),
+        "plus_s": ("_plus_scalar", ["a"], {"scalar": "-1.25"}),
+        "plus_S": ("_PlusScalar", ["a"], {"scalar": "3"}),
+        "add_n3": ("add_n", ["a", "b", "a"], {"num_args": "3"}),
+        "ews1": ("ElementWiseSum", ["b"], {"num_args": "1"}),
+        "bmul_mid": ("broadcast_mul", ["a", "col"], None),
+        "bmul_row": ("broadcast_mul", ["row", "a"], None),
+        "bmul_both": ("broadcast_mul", ["lone", "row"], None),
+    }
+    sums = {"sum_all": {}, "sum_0": {"axis": "0"}, "sum_1": {"axis": "1"}, "sum_2": {"axis": "(2,)"},
+            "sum_neg": {"axis": "-2"}, "sum_02": {"axis": "(0,2)"},
+            "sum_keep1": {"axis": "1", "keepdims": "True"}, "sum_excl1": {"axis": "1", "exclude": "True"}}
+    for n, a in sums.items():
+        nodes[n] = ("sum", ["a"], a)
+    a = rng.uniform(-2, 2, (2, 3, 4)).astype(F32)
+    b = rng.uniform(-2, 2, (2, 3, 4)).astype(F32)
+    col = rng.uniform(-2, 2, (3, 1)).astype(F32)
+    row = rng.uniform(-2, 2, (1, 1, 4)).astype(F32)
+    lone = rng.uniform(-2, 2, (2, 3, 1)).astype(F32)
+    A, B = a.astype(np.float64), b.astype(np.float64)
+    outs = {"plus": A + B, "add": A + B, "mul_s": A * 2.5, "mul_S": A * -0.75, "plus_s": A - 1.25,
+            "plus_S": A + 3, "add_n3": A + B + A, "ews1": B, "bmul_mid": A * col, "bmul_row": row * A,
+            "bmul_both": lone.astype(np.float64) * row,
+            "sum_all": A.sum().reshape(1), "sum_0": A.sum(0), "sum_1": A.sum(1), "sum_2": A.sum(2),
+            "sum_neg": A.sum(-2), "sum_02": A.sum((0, 2)), "sum_keep1": A.sum(1, keepdims=True),
+            "sum_excl1": A.sum((0, 2))}
+    build(out_dir, "elemwise", nodes, [],
+          [("mixed", {"a": a, "b": b, "col": col, "row": row, "lone": lone}, outs)])
+
+
+# ------------------------------------------------------------ upsampling
+
+def upsample_net(rng, out_dir):
+    nodes = {"up%d" % s: ("UpSampling", ["data"], {"scale": str(s), "sample_type": "nearest"})
+             for s in (1, 2, 3)}
+    x = rng.uniform(-1, 1, (2, 3, 4, 5)).astype(F32)
+    outs = {"up%d" % s: x.repeat(s, axis=1).repeat(s, axis=2) for s in (1, 2, 3)}
+    build(out_dir, "upsample", nodes, [], [("mixed", {"data": x}, outs)])
+
+
+def generate(out_dir):
+    rng = np.random.default_rng(20261124)
+    pool_net(rng, out_dir)
+    bn_net(rng, out_dir)
+    elemwise_net(rng, out_dir)
+    upsample_net(rng, out_dir)
+
+
+def main(argv):
+    out_dir = os.path.join(ROOT, "tests", "data", "net")
+    if argv[1:] != ["--check"]:
+        return generate(out_dir)
+    with tempfile.TemporaryDirectory() as tmp:
+        generate(tmp)
+        stale = [n for n in sorted(os.listdir(tmp))
+                 if open(os.path.join(tmp, n), "rb").read() != open(os.path.join(out_dir, n), "rb").read()]
+    if stale:
+        print("stale test data, run tests/ruvo/gen_float_fixtures.py: " + ", ".join(stale))
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv))
