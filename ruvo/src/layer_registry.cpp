@@ -21,6 +21,7 @@
 #include "ruvo/src/layer/pooling.h"
 #include "ruvo/src/layer/quanti_layers.h"
 #include "ruvo/src/layer/reshape.h"
+#include "ruvo/src/layer/rnn.h"
 #include "ruvo/src/layer/slice.h"
 #include "ruvo/src/layer/slice_axis.h"
 #include "ruvo/src/layer/softmaxactivation.h"
@@ -70,7 +71,7 @@ const LayerRegistryEntry layer_registry[] = {
     {"add_n",                     ElementWiseSum_layer_creator},  // 26 ElementWiseSum
     {"ElementWiseSum",            ElementWiseSum_layer_creator},  // 27 ElementWiseSum
     {"broadcast_mul",             ElementWiseBinaryBroadcastbroadcast_mul_layer_creator},  // 28 ElementWiseBinaryBroadcastbroadcast_mul
-    {"RNN",                       nullptr},  // 29 Rnn
+    {"RNN",                       Rnn_layer_creator},  // 29 Rnn
     {"Dropout",                   Dropout_layer_creator},  // 30 Dropout
     {"sum",                       BroadcastReduce_Sum_layer_creator},  // 31 BroadcastReduce_Sum
     {"AlphaPlusConvolution",      nullptr},  // 32 AlphaPlusConvolution

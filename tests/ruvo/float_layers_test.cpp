@@ -22,6 +22,7 @@ using net_test::LoadModel;
 using net_test::Model;
 using orvik::ruvo::Layer;
 using orvik::ruvo::LayerAttrs;
+using orvik::ruvo::NDArray;
 using orvik::ruvo::TShape;
 using ruvo_test::Fatal;
 using ruvo_test::RegexEscape;
@@ -30,7 +31,7 @@ using ruvo_test::RegexEscape;
 // second and third runs give the same (BatchNorm inverts its variance only
 // once) and allocate nothing.
 TEST(FloatLayersTest, NetsMatchNumpy) {
-  for (const char* name : {"pool", "bn", "elemwise", "upsample"}) {
+  for (const char* name : {"pool", "bn", "elemwise", "upsample", "lstm"}) {
     Model m = LoadModel(name);
     ASSERT_FALSE(m.cases.empty()) << name;
     for (const auto& c : m.cases) {
@@ -117,6 +118,15 @@ INSTANTIATE_TEST_SUITE_P(
                   RegexEscape("NDim too large ")},
         FatalCase{"SumAxisOutOfRange", "sum", {{"axis", "3"}}, {TShape{2, 3, 4}},
                   RegexEscape("axis 3 exceeds the input dimension of 3")},
+        FatalCase{"RnnNoLayers", "RNN", {{"state_size", "4"}}, {},
+                  RegexEscape("Invalid key: num_layers")},
+        FatalCase{"RnnMode", "RNN", {{"state_size", "4"}, {"num_layers", "1"}, {"mode", "rnn_relu"}},
+                  {}, RegexEscape("Check failed: rnn::mode_map.count(mode_symbol)")},
+        FatalCase{"RnnStateShape", "RNN",
+                  {{"state_size", "4"}, {"num_layers", "2"}, {"state_inputs", "True"}},
+                  {TShape{3, 2, 5}, TShape(), TShape{1, 2, 4}, TShape()},
+                  Fatal("out == Shape3(total_layers, batch_size, state_size_)",
+                        "Shape inconsistent, Provided (1,2,4) inferrend shape=(2,2,4)")},
         FatalCase{"UpScaleZero", "UpSampling", {{"scale", "0"}, {"sample_type", "nearest"}}, {},
                   RegexEscape("Check failed: scale_ >= 1 && scale_ <= 1000")},
         FatalCase{"UpNot4d", "UpSampling", {{"scale", "2"}, {"sample_type", "nearest"}},
@@ -124,5 +134,41 @@ INSTANTIATE_TEST_SUITE_P(
                   RegexEscape("UpSamplingNearest: Input data should be 4D in (batch, channel, y, "
                               "x)")}),
     [](const testing::TestParamInfo<FatalCase>& info) { return std::string(info.param.name); });
+
+// Cells other than the LSTM, and states that are not inputs, pass Init and
+// InferShape and stop at the first Forward.
+TEST(RnnDeathTest, ForwardRefusesWhatDoesNotCompute) {
+  const struct {
+    const char* mode;
+    const char* state_inputs;
+    std::string expected;
+  } cases[] = {
+      {"gru", "True", Fatal("false", "Not impl rnn.gru currently")},
+      {"rnn_tanh", "True", Fatal("false", "Not impl rnnrelu and rnntanh currently")},
+      {"rnn_reln", "True", Fatal("false", "Not impl rnnrelu and rnntanh currently")},
+      {"lstm", "False",
+       Fatal("state_inputs_", "state inputs must be true when using Rnn op's cpu version")},
+  };
+  for (const auto& c : cases) {
+    auto layer = MakeLayer("RNN", {{"state_size", "4"},
+                                   {"num_layers", "1"},
+                                   {"mode", c.mode},
+                                   {"state_inputs", c.state_inputs}});
+    std::vector<TShape> in(layer->get_num_inputs()), out, aux;
+    in[0] = TShape{2, 1, 3};
+    ASSERT_TRUE(layer->InferShape(in, out, aux)) << c.mode;
+    std::vector<NDArray> arrays;
+    for (const auto* shapes : {&in, &out}) {
+      for (const TShape& s : *shapes) arrays.emplace_back(s, orvik::ruvo::kFloat32);
+    }
+    std::vector<NDArray*> bottoms, tops, auxes;
+    for (size_t i = 0; i < arrays.size(); ++i) {
+      (i < in.size() ? bottoms : tops).push_back(&arrays[i]);
+    }
+    orvik::ruvo::Resource resource;
+    layer->resource_ = &resource;
+    EXPECT_DEATH(layer->Forward(bottoms, tops, auxes), c.expected) << c.mode;
+  }
+}
 
 }  // namespace

@@ -179,12 +179,70 @@ def upsample_net(rng, out_dir):
     build(out_dir, "upsample", nodes, [], [("mixed", {"data": x}, outs)])
 
 
+# ------------------------------------------------------------------ LSTM
+
+# name: layers, bidirectional, state outputs
+LSTMS = {"l1": (1, False, True), "l2": (2, False, False), "l1_bi": (1, True, True),
+         "l2_bi": (2, True, True), "l3_bi": (3, True, False)}
+
+
+def lstm_net(rng, out_dir):
+    """Each LSTM above on one (T, N, 5) input with its own non-zero initial
+    states; expectations from torch.nn.LSTM in float64."""
+    import torch
+    I, H = 5, 4
+    g = SymbolGraph()
+    x = g.variable("data")
+    params, heads, models = [], [], {}
+    for name, (L, bi, so) in LSTMS.items():
+        lstm = torch.nn.LSTM(I, H, num_layers=L, bidirectional=bi).double()
+        flat = {}
+        for pname, _ in lstm.named_parameters():
+            flat[pname] = rng.uniform(-0.6, 0.6, getattr(lstm, pname).shape).astype(F32)
+            getattr(lstm, pname).data = torch.from_numpy(flat[pname].astype(np.float64))
+        sfx = ["", "_reverse"] if bi else [""]
+        order = ["weight_ih_l%d%s", "weight_hh_l%d%s"], ["bias_ih_l%d%s", "bias_hh_l%d%s"]
+        packed = np.concatenate([flat[k % (l, d)].ravel() for kinds in order
+                                 for l in range(L) for d in sfx for k in kinds])
+        params.append(("arg:%s_parameters" % name, packed))
+        ins = [x, g.variable(name + "_parameters"), g.variable(name + "_h0"), g.variable(name + "_c0")]
+        node = g.node("RNN", name, ins, attr={
+            "state_size": str(H), "num_layers": str(L), "mode": "lstm", "state_inputs": "True",
+            "bidirectional": str(bi), "state_outputs": str(so), "p": "0.2"})
+        heads += [(name, node)] + ([(name + ".cy", (node, 2)), (name + ".hy", (node, 1))] if so else [])
+        models[name] = (lstm, L * (2 if bi else 1), so)
+    heads.sort()
+    g.heads = [h for _, h in heads]
+    io = IoFile()
+    for case, (T, N) in (("t4n2", (4, 2)), ("t1n3", (1, 3))):
+        io.case(case)
+        data = rng.uniform(-1, 1, (T, N, I)).astype(F32)
+        io.input("data", data)
+        outs = {}
+        for name, (lstm, S, so) in models.items():
+            h0 = rng.uniform(-0.5, 0.5, (S, N, H)).astype(F32)
+            c0 = rng.uniform(-0.5, 0.5, (S, N, H)).astype(F32)
+            io.input(name + "_h0", h0)
+            io.input(name + "_c0", c0)
+            with torch.no_grad():
+                y, (hy, cy) = lstm(*(torch.from_numpy(a.astype(np.float64)) for a in (data,)),
+                                   (torch.from_numpy(h0.astype(np.float64)),
+                                    torch.from_numpy(c0.astype(np.float64))))
+            outs[name] = y.numpy()
+            if so:
+                outs[name + ".hy"], outs[name + ".cy"] = hy.numpy(), cy.numpy()
+        for k in sorted(outs):
+            io.output(k, outs[k].astype(F32))
+    save("lstm", g, params, io, out_dir)
+
+
 def generate(out_dir):
     rng = np.random.default_rng(20261124)
     pool_net(rng, out_dir)
     bn_net(rng, out_dir)
     elemwise_net(rng, out_dir)
     upsample_net(rng, out_dir)
+    lstm_net(rng, out_dir)
 
 
 def main(argv):
