@@ -176,8 +176,11 @@ void orvik_f32_sgemm(int Order, int TransA, int TransB, int M, int N, int K, con
   // Matrix-vector shaped products need no scratch and skip the pool.
   const bool needs_scratch = args.m > 1 && args.n > 1 && K > 0 && alpha != 0.0f;
   float* sa = nullptr;
-  if (needs_scratch) sa = static_cast<float*>(orvik_blas_memory_alloc(0));
-  float* sb = reinterpret_cast<float*>(reinterpret_cast<char*>(sa) + kOrvikBlasSbOffset);
+  float* sb = nullptr;
+  if (needs_scratch) {
+    sa = static_cast<float*>(orvik_blas_memory_alloc(0));
+    sb = reinterpret_cast<float*>(reinterpret_cast<char*>(sa) + kOrvikBlasSbOffset);
+  }
   sgemm_routines[x * 2 + y](args, sa, sb);
   if (needs_scratch) orvik_blas_memory_free(sa);
 }
