@@ -10,6 +10,8 @@ packages=(
   python3 python3-numpy python3-scipy python3-matplotlib python3-torch
   libfftw3-dev libopenblas-dev
   libsndfile1-dev libsoxr-dev
+  # Fuzz harnesses: clang's libFuzzer and sanitizer runtimes.
+  clang-14 libclang-rt-14-dev
 )
 
 # --- aarch64 cross build (begin) ---
