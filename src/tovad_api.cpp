@@ -1,6 +1,7 @@
 #include "tovadmod/tovad_api.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "src/debuger.h"
@@ -19,6 +20,17 @@ constexpr int32_t kHistoryDropFrames = 100;
 constexpr int kMaxClasses = 8;
 
 inline Tovad_handle* as_handle(void* handle) { return static_cast<Tovad_handle*>(handle); }
+
+// The exported functions return no error value, and a null handle or
+// buffer would be dereferenced at once: stop with a line that names the
+// call and the argument instead of a crash somewhere inside.
+void require(bool ok, const char* function, const char* argument, int line) {
+  if (ok) return;
+  fprintf(stderr, "src/tovad_api:%d ERROR: %s called with a null %s\n", line, function, argument);
+  abort();
+}
+#define TOVAD_REQUIRE(ptr, argument) \
+  Tovad_toolkit::require((ptr) != nullptr, __func__, argument, __LINE__)
 
 void run_frame(Tovad_handle* h, int* vad_start, int* vad_end) {
   h->n_remain_sample = 0;
@@ -91,6 +103,7 @@ using Tovad_toolkit::Tovad_handle;
 
 void* Tovad_toolkit_init(const char* config_file, const char* config_path) {
   using namespace Tovad_toolkit;
+  TOVAD_REQUIRE(config_file, "config_file");
   fprintf(stderr, "INFO: confirmed little-endian (o ^v^)o\n");
   ConfigMap user = load_conf_with_prefix(config_file, config_path);
 
@@ -133,6 +146,10 @@ void* Tovad_toolkit_init(const char* config_file, const char* config_path) {
 int Tovad_toolkit_predict(void* handle, int n_samples, const short* pcm, int* vad_start,
                           int* vad_end) {
   if (n_samples < 1) return 0;
+  TOVAD_REQUIRE(handle, "handle");
+  TOVAD_REQUIRE(pcm, "pcm");
+  TOVAD_REQUIRE(vad_start, "vad_start");
+  TOVAD_REQUIRE(vad_end, "vad_end");
   Tovad_handle* h = as_handle(handle);
   for (int i = 0; i < n_samples; ++i) {
     h->pcm_buff[h->n_remain_sample++] = pcm[i];
@@ -144,6 +161,7 @@ int Tovad_toolkit_predict(void* handle, int n_samples, const short* pcm, int* va
 }
 
 int Tovad_toolkit_reset(void* handle, bool full) {
+  TOVAD_REQUIRE(handle, "handle");
   Tovad_handle* h = as_handle(handle);
   if (h->debuger != nullptr) {
     h->debuger->dump_save_debug_info();
@@ -164,6 +182,7 @@ int Tovad_toolkit_reset(void* handle, bool full) {
 }
 
 int Tovad_toolkit_destory(void* handle) {
+  TOVAD_REQUIRE(handle, "handle");
   Tovad_handle* h = as_handle(handle);
   delete h->predictor;
   // Reports what is pending, flushes and closes its files.
@@ -177,6 +196,7 @@ int Tovad_toolkit_destory(void* handle) {
 }
 
 int Tovad_toolkit_pre_set_filter(void* handle, int n_samples, const short* pcm) {
+  TOVAD_REQUIRE(handle, "handle");
   Tovad_handle* h = as_handle(handle);
   if (pcm == nullptr || n_samples < Tovad_toolkit::kInternalInitWavLength) {
     // The second argument counts frames: 8000 here is a frame count.
@@ -188,6 +208,9 @@ int Tovad_toolkit_pre_set_filter(void* handle, int n_samples, const short* pcm) 
 }
 
 int Tovad_toolkit_get_vad_segment_raw_data(void* handle, int* n_samples, short** data) {
+  TOVAD_REQUIRE(handle, "handle");
+  TOVAD_REQUIRE(n_samples, "n_samples");
+  TOVAD_REQUIRE(data, "data");
   Tovad_handle* h = as_handle(handle);
   if (h->vad_start == -1) {
     *data = nullptr;
@@ -210,43 +233,55 @@ int Tovad_toolkit_get_vad_segment_raw_data(void* handle, int* n_samples, short**
   return 0;
 }
 
-int Tovad_toolkit_get_batch_size(void* handle) { return as_handle(handle)->n_batch; }
+int Tovad_toolkit_get_batch_size(void* handle) {
+  TOVAD_REQUIRE(handle, "handle");
+  return as_handle(handle)->n_batch;
+}
 
 int Tovad_toolkit_get_suspected_vad_end(void* handle) {
+  TOVAD_REQUIRE(handle, "handle");
   return as_handle(handle)->suspected_vad_end;
 }
 
 int Tovad_toolkit_check_sil_frame(void* handle) {
+  TOVAD_REQUIRE(handle, "handle");
   return as_handle(handle)->post_process->check_sil_frame();
 }
 
 int Tovad_toolkit_get_leading_sil(void* handle) {
+  TOVAD_REQUIRE(handle, "handle");
   return as_handle(handle)->post_process->get_extra_leading_sil();
 }
 
 int Tovad_toolkit_get_voice_to_sil_th(void* handle) {
+  TOVAD_REQUIRE(handle, "handle");
   return as_handle(handle)->post_process->get_voice_to_sil_hangover();
 }
 
 int Tovad_toolkit_get_sil_to_voice_th(void* handle) {
+  TOVAD_REQUIRE(handle, "handle");
   return as_handle(handle)->post_process->get_sil_to_voice_hangover();
 }
 
 float TOVAD_toolkit_get_curr_wkp_threshold(void* handle) {
+  TOVAD_REQUIRE(handle, "handle");
   return as_handle(handle)->post_process->get_curr_wkp_threshold();
 }
 
 float TOVAD_toolkit_get_curr_suspected_wkp_threshold(void* handle) {
+  TOVAD_REQUIRE(handle, "handle");
   Tovad_handle* h = as_handle(handle);
   if (h->suspected_post_process == nullptr) return 0.0f;
   return h->suspected_post_process->get_curr_wkp_threshold();
 }
 
 void TOVAD_toolkit_set_wkp_threshold(void* handle, float threshold) {
+  TOVAD_REQUIRE(handle, "handle");
   as_handle(handle)->post_process->set_wkp_threshold(threshold);
 }
 
 void TOVAD_toolkit_set_suspected_wkp_threshold(void* handle, float threshold) {
+  TOVAD_REQUIRE(handle, "handle");
   Tovad_handle* h = as_handle(handle);
   if (h->suspected_post_process != nullptr) {
     h->suspected_post_process->set_wkp_threshold(threshold);

@@ -5,9 +5,11 @@
 //
 // A predictor owns one configured net.  Every function returns 0 (the
 // net's own result for the forwarding ones); the create functions return
-// -1 for a graph that names an operator the engine does not have.  All
-// other failures (bad model bytes, sizes that do not match, indices out of
-// range) are fatal: the engine prints a report to stderr and aborts.
+// -1 for a graph that names an operator the engine does not have, and, with
+// a line on stderr, for a null text, key list or handle pointer or a
+// negative parameter size.  All other failures (bad model bytes, sizes
+// that do not match, indices out of range, a null predictor handle) are
+// fatal: the engine prints a report to stderr and aborts.
 // A predictor serves one thread at a time.
 
 #include <stddef.h>
