@@ -45,3 +45,13 @@ run_aarch64() {
 unset UBSAN_OPTIONS
 run_aarch64
 # --- aarch64 under qemu-user (end) ---
+# --- Hardening: fuzz harnesses and ThreadSanitizer ---------------------------
+# Every harness over its corpus plus a short bounded fuzzing run (clang).
+scripts/fuzz.sh 20
+# Handles and predictors on eight threads under ThreadSanitizer; only the
+# thread test and the library it links are built.
+cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=Debug -DTOVAD_TSAN=ON \
+  -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g" -DCMAKE_C_FLAGS_DEBUG="-O1 -g"
+cmake --build build/tsan -j"$jobs" --target threads_test
+(cd build/tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -R '^Threads\.')
+# --- end of hardening --------------------------------------------------------

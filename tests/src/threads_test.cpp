@@ -1,0 +1,150 @@
+// Handles and predictors on many threads at once.  Built also under
+// ThreadSanitizer (-DTOVAD_TSAN=ON), where a race anywhere in the library
+// fails the run.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/synth/voiced_audio.h"
+#include "tovadmod/c_predict_api.h"
+#include "tovadmod/tovad_api.h"
+
+namespace {
+
+const std::string kData = TOVAD_TEST_DATA_DIR "/toolkit/";
+constexpr int kThreads = 8;
+constexpr int kSignals = 3;  // threads i and i + 3 share a signal
+constexpr int kSeconds = 20;
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+// Start the threads together, so their work overlaps.
+class Gate {
+ public:
+  void Arrive() {
+    ++waiting_;
+    while (waiting_.load() < kThreads) std::this_thread::yield();
+  }
+
+ private:
+  std::atomic<int> waiting_{0};
+};
+
+struct Segment {
+  int start, end;
+  bool operator==(const Segment& o) const { return start == o.start && end == o.end; }
+};
+
+// Every closed segment, in blocks of an odd size so that frames straddle
+// calls; the handle is reset after each.
+std::vector<Segment> Segments(void* vad, const std::vector<int16_t>& pcm) {
+  std::vector<Segment> out;
+  int start = -1, end = -1;
+  constexpr size_t kBlock = 373;
+  for (size_t i = 0; i < pcm.size(); i += kBlock) {
+    const int n = static_cast<int>(std::min(kBlock, pcm.size() - i));
+    Tovad_toolkit_predict(vad, n, pcm.data() + i, &start, &end);
+    if (end >= 0) {
+      out.push_back({start, end});
+      Tovad_toolkit_reset(vad, false);
+      start = end = -1;
+    }
+  }
+  return out;
+}
+
+TEST(Threads, HandlesOnEightThreadsGiveTheSingleHandlePositions) {
+  const std::string conf = testing::TempDir() + "threads_" + std::to_string(getpid()) + ".conf";
+  std::ofstream(conf) << "path_to_json=" << kData << "tone_model.json\npath_to_param=" << kData
+                      << "tone_model.params\npath_to_meanvar=" << kData
+                      << "tone_meanvar.txt\nfeature_type=pcen\n"
+                         "n_batch=1\nn_chan=3\nn_height=5\nn_width=40\nn_classes=2\n"
+                         "target_class=1\nwakeup_threshold=0.5\nsil_to_voice_hangover=5\n"
+                         "voice_to_sil_hangover=30\nextra_leading_sil=10\n"
+                         "cutoff_n_frame_max_vad_length=0\n";
+  std::vector<std::vector<int16_t>> signals(kSignals,
+                                            std::vector<int16_t>(kSeconds * 16000));
+  std::vector<std::vector<Segment>> expected(kSignals);
+  testing::internal::CaptureStderr();  // start-up reports every key
+  for (int s = 0; s < kSignals; ++s) {
+    tovad_synth::VoicedAudio(s + 1).Fill(signals[s].data(), signals[s].size());
+    void* vad = Tovad_toolkit_init(conf.c_str(), nullptr);
+    expected[s] = Segments(vad, signals[s]);
+    Tovad_toolkit_destory(vad);
+    ASSERT_GE(expected[s].size(), 2u) << "signal " << s << " should hold several segments";
+  }
+  // Handles are made on the threads too: start-up runs concurrently.
+  std::vector<std::vector<Segment>> got(kThreads);
+  Gate gate;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      gate.Arrive();
+      void* vad = Tovad_toolkit_init(conf.c_str(), nullptr);
+      got[t] = Segments(vad, signals[t % kSignals]);
+      Tovad_toolkit_destory(vad);
+    });
+  }
+  for (std::thread& th : threads) th.join();
+  testing::internal::GetCapturedStderr();
+  for (int t = 0; t < kThreads; ++t) {
+    EXPECT_EQ(got[t], expected[t % kSignals]) << "thread " << t;
+  }
+  remove(conf.c_str());
+}
+
+TEST(Threads, PredictorsCreatedAndFreedConcurrently) {
+  const std::string json = ReadFile(kData + "tone_model.json");
+  const std::string params = ReadFile(kData + "tone_model.params");
+  const char* keys[] = {"data"};
+  const uint32_t indptr[] = {0, 4};
+  const uint32_t shape[] = {1, 5, 3, 40};
+  auto run = [&](float offset, std::vector<float>* out) {
+    PredictorHandle pred = nullptr;
+    ASSERT_EQ(MXPredCreate(json.c_str(), params.data(), static_cast<int>(params.size()), 1, 0, 1,
+                           keys, indptr, shape, &pred),
+              0);
+    std::vector<float> input(600);
+    for (size_t i = 0; i < input.size(); ++i) input[i] = offset + 0.01f * (i % 40);
+    MXPredSetInput(pred, "data", input.data(), 600);
+    MXPredForward(pred);
+    out->assign(2, 0.0f);
+    MXPredGetOutput(pred, 0, out->data(), 2);
+    MXPredFree(pred);
+  };
+  std::vector<std::vector<float>> expected(kThreads);
+  for (int t = 0; t < kThreads; ++t) run(0.25f * t, &expected[t]);
+
+  constexpr int kRounds = 40;
+  std::vector<int> mismatches(kThreads, 0);
+  Gate gate;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      gate.Arrive();
+      std::vector<float> out;
+      for (int r = 0; r < kRounds; ++r) {
+        run(0.25f * t, &out);
+        if (out != expected[t]) ++mismatches[t];
+      }
+    });
+  }
+  for (std::thread& th : threads) th.join();
+  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(mismatches[t], 0) << "thread " << t;
+}
+
+}  // namespace
