@@ -122,6 +122,17 @@ void BM_SoakTovadProgram(benchmark::State& state) {
       execl(tovad.c_str(), tovad.c_str(), fifo.c_str(), static_cast<char*>(nullptr));
       _exit(127);
     }
+    // tovad opens each file once to check it before it reads it: the first
+    // opening gets the header and silence until it lets go of the pipe.
+    signal(SIGPIPE, SIG_IGN);
+    {
+      const int probe = open(fifo.c_str(), O_WRONLY);
+      WriteAuHeader(probe);
+      const std::vector<uint8_t> silence(4096, 0);
+      while (write(probe, silence.data(), silence.size()) > 0) {
+      }
+      close(probe);
+    }
     const int fd = open(fifo.c_str(), O_WRONLY);
     WriteAuHeader(fd);
     Trace trace;

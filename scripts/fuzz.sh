@@ -39,8 +39,12 @@ for h in "${harnesses[@]}"; do
   log="$out/$h.log"
   # A leak check after every input that aborts costs a hundredfold in
   # speed; leaks are covered by the corpus run above.
+  # Loads that abort leave their memory behind, so a process grows as it
+  # fuzzes: runs longer than a few minutes go through short-lived children.
+  fork=()
+  [ "$seconds" -gt 180 ] && fork=(-fork=1 -ignore_crashes=0)
   status=0
-  "$bin" "${limits[@]}" -detect_leaks=0 -max_total_time="$seconds" -print_final_stats=1 \
+  "$bin" "${limits[@]}" "${fork[@]}" -detect_leaks=0 -max_total_time="$seconds" -print_final_stats=1 \
     -artifact_prefix="$out/$h-" "$scratch" "tests/fuzz/$h" >"$log" 2>&1 || status=$?
   rm -rf "$scratch"
   grep -E '^(stat::number_of_executed_units|stat::new_units_added|#[0-9]+ +DONE)' "$log" || true
