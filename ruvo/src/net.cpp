@@ -141,23 +141,14 @@ int DefaultNet::Config(const char* symbol_json, const void* param_bytes, size_t 
   }
   InferTypes(arg_types, blob_types);
 
-  // Arguments: the parameter's own array (no copy), or a fresh array for
-  // inputs and parameters the file lacks.  Layers size their loops from
-  // their arrays' shapes, so a parameter of another shape than the graph
-  // implies would make its layer read or write past an array: refused.
-  auto check_param_shape = [&](const std::string& name, const NDArray& param, uint32_t b) {
-    const TShape& want = blob_shapes[b];
-    CHECK(want.ndim() == 0 || param.shape() == want)
-        << "parameter " << name << " has shape " << param.shape() << ", the graph needs "
-        << want;
-  };
+  // Arguments: the parameter's own array (no copy, no shape comparison), or
+  // a fresh array for inputs and parameters the file lacks.
   for (const std::string& name : args_names_) {
     const uint32_t b = args_blobs_index_[args_name_to_index_[name]];
     auto it = arg_params.find(name);
     if (it == arg_params.end()) {
       blobs_[b] = NDArray(blob_shapes[b], blob_types[b]);
     } else {
-      check_param_shape(name, it->second, b);
       blobs_[b] = it->second;
     }
   }
@@ -166,9 +157,7 @@ int DefaultNet::Config(const char* symbol_json, const void* param_bytes, size_t 
   CHECK_EQ(aux_blobs_index.size(), aux_names_.size());
   for (size_t i = 0; i < aux_blobs_index.size(); ++i) {
     auto it = aux_params.find(aux_names_[i]);
-    if (it == aux_params.end()) continue;
-    check_param_shape(aux_names_[i], it->second, aux_blobs_index[i]);
-    blobs_[aux_blobs_index[i]] = it->second;
+    if (it != aux_params.end()) blobs_[aux_blobs_index[i]] = it->second;
   }
 
   InitInternalBlobs(blob_shapes, blob_types);

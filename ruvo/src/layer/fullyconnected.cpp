@@ -107,6 +107,13 @@ int FullyConnected::Forward(const std::vector<NDArray*>& bottom_blobs,
   const NDArray& weight = *bottom_blobs[1];
   NDArray& out = *top_blobs[0];
   if (!prepared_) {
+    // The loops below are sized by the arrays' own shapes; parameters bound
+    // from a file are not compared with the graph, so compare them here.
+    CHECK(weight.shape().ndim() == 2 && weight.shape()[0] == num_hidden_ &&
+          weight.shape()[1] == ProdFrom(data.shape(), 1))
+        << "weight " << weight.shape() << " does not fit input " << data.shape();
+    CHECK(no_bias_ || bottom_blobs[2]->shape().Size() == num_hidden_)
+        << "bias " << bottom_blobs[2]->shape() << " does not fit " << num_hidden_ << " outputs";
     Prepare(data, weight);
     prepared_ = true;
   }
