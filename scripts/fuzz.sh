@@ -21,6 +21,8 @@ out=build/fuzz/findings
 mkdir -p "$out"
 # Gigabyte allocations and hangs are findings too.
 limits=(-rss_limit_mb=2048 -malloc_limit_mb=256 -timeout=20)
+# A fixed seed (FUZZ_SEED) makes a run repeat the same mutations; 0 draws one.
+seed=(-seed="${FUZZ_SEED:-0}")
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 for h in "${harnesses[@]}"; do
   bin=build/fuzz/tests/fuzz/fuzz_$h
@@ -44,7 +46,7 @@ for h in "${harnesses[@]}"; do
   fork=()
   [ "$seconds" -gt 180 ] && fork=(-fork=1 -ignore_crashes=0)
   status=0
-  "$bin" "${limits[@]}" "${fork[@]}" -detect_leaks=0 -max_total_time="$seconds" -print_final_stats=1 \
+  "$bin" "${limits[@]}" "${seed[@]}" "${fork[@]}" -detect_leaks=0 -max_total_time="$seconds" -print_final_stats=1 \
     -artifact_prefix="$out/$h-" "$scratch" "tests/fuzz/$h" >"$log" 2>&1 || status=$?
   rm -rf "$scratch"
   grep -E '^(stat::number_of_executed_units|stat::new_units_added|#[0-9]+ +DONE)' "$log" || true
