@@ -5,6 +5,9 @@
 # a finding is written to build/fuzz/findings/ and fails the script.
 #
 #   scripts/fuzz.sh [SECONDS] [HARNESS...]
+#
+# FUZZ_RUNS=N bounds each harness to N inputs as well (in one process);
+# FUZZ_SEED=N fixes the mutations.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -42,11 +45,16 @@ for h in "${harnesses[@]}"; do
   # A leak check after every input that aborts costs a hundredfold in
   # speed; leaks are covered by the corpus run above.
   # Loads that abort leave their memory behind, so a process grows as it
-  # fuzzes: runs longer than a few minutes go through short-lived children.
-  fork=()
-  [ "$seconds" -gt 180 ] && fork=(-fork=1 -ignore_crashes=0)
+  # fuzzes (a few KB per input): a run bounded by FUZZ_RUNS inputs stays in
+  # one process and repeats exactly with a fixed seed; a run bounded only
+  # by time goes through short-lived children.
+  if [ -n "${FUZZ_RUNS:-}" ]; then
+    bound=(-runs="$FUZZ_RUNS")
+  else
+    bound=(-fork=1 -ignore_crashes=0)
+  fi
   status=0
-  "$bin" "${limits[@]}" "${seed[@]}" "${fork[@]}" -detect_leaks=0 -max_total_time="$seconds" -print_final_stats=1 \
+  "$bin" "${limits[@]}" "${seed[@]}" "${bound[@]}" -detect_leaks=0 -max_total_time="$seconds" -print_final_stats=1 \
     -artifact_prefix="$out/$h-" "$scratch" "tests/fuzz/$h" >"$log" 2>&1 || status=$?
   rm -rf "$scratch"
   grep -E '^(stat::number_of_executed_units|stat::new_units_added|#[0-9]+ +DONE)' "$log" || true

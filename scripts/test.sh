@@ -46,9 +46,9 @@ unset UBSAN_OPTIONS
 run_aarch64
 # --- aarch64 under qemu-user (end) ---
 # --- Hardening: fuzz harnesses and ThreadSanitizer ---------------------------
-# Every harness over its corpus plus a short bounded fuzzing run (clang),
-# with a fixed seed so that a run can be repeated.
-FUZZ_SEED=20261123 scripts/fuzz.sh 20
+# Every harness over its corpus plus a short bounded fuzzing run (clang):
+# a fixed seed and a fixed number of inputs, so that a run can be repeated.
+FUZZ_SEED=20261123 FUZZ_RUNS=20000 scripts/fuzz.sh 40
 # Handles and predictors on eight threads under ThreadSanitizer; only the
 # thread test and the library it links are built.
 cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=Debug -DTOVAD_TSAN=ON \

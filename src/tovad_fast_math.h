@@ -12,7 +12,17 @@
 // FMA instruction, picked at load time; elsewhere std::fma is either a
 // single instruction already or the library call.  A fused multiply-add
 // rounds once whichever way it is computed, so the results are the same.
-#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+// ThreadSanitizer cannot run the load-time picker (it runs before the
+// sanitizer is up), so that build keeps one copy.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define TOVAD_NO_CLONES 1
+#endif
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define TOVAD_NO_CLONES 1
+#endif
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__)) && !defined(TOVAD_NO_CLONES)
 #define TOVAD_FMA_CLONES __attribute__((target_clones("fma", "default")))
 #else
 #define TOVAD_FMA_CLONES
