@@ -49,12 +49,12 @@ void Mfcc_Computer::interp1(const float* in, float* out) {
 }
 
 uint32_t Mfcc_Computer::compute_feats(float* out) {
-  const float* spec = mem->wave_fft;
+  const float* fft_bins = mem->wave_fft;
   float* mag = mem->fft_out;
   float* warped = mem->general_buff;
   float* log_spec = mem->fft_in;
 
-  for (uint32_t k = 0; k < kBins; ++k) mag[k] = abs_complex(spec[2 * k], spec[2 * k + 1]);
+  for (uint32_t k = 0; k < kBins; ++k) mag[k] = abs_complex(fft_bins[2 * k], fft_bins[2 * k + 1]);
   interp1(mag, warped);
   // Natural logarithm by the shared approximation; a zero magnitude gives
   // about -88 and needs no guard.

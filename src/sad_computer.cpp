@@ -72,10 +72,10 @@ uint32_t Sad_Computer::compute_feats(float* out) {
 const float* Sad_Computer::compute_corr() {
   // The inverse transform of the power spectrum is the circular
   // autocorrelation of the windowed frame; r[0] is its energy.
-  const float* spec = mem->wave_fft;
+  const float* fft_bins = mem->wave_fft;
   float* power = mem->fft_in;
   for (uint32_t k = 0; k < kBins; ++k) {
-    power[2 * k] = spec[2 * k] * spec[2 * k] + spec[2 * k + 1] * spec[2 * k + 1];
+    power[2 * k] = fft_bins[2 * k] * fft_bins[2 * k] + fft_bins[2 * k + 1] * fft_bins[2 * k + 1];
     power[2 * k + 1] = 0.0f;
   }
   float* r = mem->general_buff + 32;
@@ -145,10 +145,11 @@ float Sad_Computer::LevinsonSolver_12points(const float* r, float* a) {
 void Sad_Computer::compute_hps(float* out) {
   // Log power in decibels of the lowest 128 bins; a zero bin gives about
   // -382 from the approximation.
-  const float* spec = mem->wave_fft;
+  const float* fft_bins = mem->wave_fft;
   float* p = mem->fft_out;
   for (uint32_t k = 0; k < kHpsBins; ++k) {
-    const float power = spec[2 * k] * spec[2 * k] + spec[2 * k + 1] * spec[2 * k + 1];
+    const float power =
+        fft_bins[2 * k] * fft_bins[2 * k] + fft_bins[2 * k + 1] * fft_bins[2 * k + 1];
     p[k] = static_cast<float>(fast_log2(power) * 0.30103 * 10.0);
   }
   // Eight harmonics of bases 2 .. 16 bins, read one bin low (h * b - 1).

@@ -72,16 +72,16 @@ std::vector<Case> ReadCaseFile(const std::string& text) {
 }
 
 // raw:D0,D1,...:FILE
-std::vector<Case> ReadRaw(const std::string& spec) {
-  const size_t colon = spec.find(':', 4);
+std::vector<Case> ReadRaw(const std::string& arg) {
+  const size_t colon = arg.find(':', 4);
   Input t{"data", {}, {}};
-  std::istringstream dims(spec.substr(4, colon - 4));
+  std::istringstream dims(arg.substr(4, colon - 4));
   size_t count = 1;
   for (std::string d; std::getline(dims, d, ',');) {
     t.shape.push_back(static_cast<uint32_t>(std::stoul(d)));
     count *= t.shape.back();
   }
-  const std::string bytes = ReadFile(spec.substr(colon + 1));
+  const std::string bytes = ReadFile(arg.substr(colon + 1));
   std::vector<Case> cases;
   for (size_t at = 0; at + count * sizeof(float) <= bytes.size(); at += count * sizeof(float)) {
     t.values.resize(count);
