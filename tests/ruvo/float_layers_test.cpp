@@ -11,6 +11,7 @@
 
 #include "ruvo/layer.h"
 #include "tests/ruvo/death_text.h"
+#include "tests/ruvo/layer_cases.h"
 #include "tests/ruvo/net_fixture.h"
 
 long AllocCount();
@@ -24,7 +25,11 @@ using orvik::ruvo::Layer;
 using orvik::ruvo::LayerAttrs;
 using orvik::ruvo::NDArray;
 using orvik::ruvo::TShape;
+using ruvo_test::CaseName;
+using ruvo_test::ExpectBuildAborts;
 using ruvo_test::Fatal;
+using ruvo_test::FatalCase;
+using ruvo_test::MakeLayer;
 using ruvo_test::RegexEscape;
 
 // Each net's heads are in name order, as the outputs of a case are.  The
@@ -55,28 +60,9 @@ TEST(FloatLayersTest, NetsMatchNumpy) {
   }
 }
 
-std::unique_ptr<Layer> MakeLayer(const std::string& op, const LayerAttrs& attrs) {
-  std::unique_ptr<Layer> layer(orvik::ruvo::create_layer(orvik::ruvo::layer_to_index(op.c_str())));
-  EXPECT_NE(layer, nullptr) << op;
-  if (layer) layer->Init(attrs);
-  return layer;
-}
-
-struct FatalCase {
-  const char* name;
-  const char* op;
-  LayerAttrs attrs;
-  std::vector<TShape> in;  // the failure is in Init when InferShape is not reached
-  std::string expected;
-};
-
 class FloatLayerDeathTest : public testing::TestWithParam<FatalCase> {};
 
-TEST_P(FloatLayerDeathTest, Aborts) {
-  const FatalCase& fc = GetParam();
-  std::vector<TShape> in = fc.in, out(1), aux;
-  EXPECT_DEATH(MakeLayer(fc.op, fc.attrs)->InferShape(in, out, aux), fc.expected);
-}
+TEST_P(FloatLayerDeathTest, Aborts) { ExpectBuildAborts(GetParam()); }
 
 const LayerAttrs kMax3 = {{"kernel", "(3,3)"}, {"pool_type", "max"}};
 
@@ -133,7 +119,7 @@ INSTANTIATE_TEST_SUITE_P(
                   {TShape{3, 4, 5}},
                   RegexEscape("UpSamplingNearest: Input data should be 4D in (batch, channel, y, "
                               "x)")}),
-    [](const testing::TestParamInfo<FatalCase>& info) { return std::string(info.param.name); });
+    CaseName);
 
 // Cells other than the LSTM, and states that are not inputs, pass Init and
 // InferShape and stop at the first Forward.

@@ -14,6 +14,7 @@
 #include "ruvo/layer.h"
 #include "ruvo/src/net.h"
 #include "tests/ruvo/death_text.h"
+#include "tests/ruvo/layer_cases.h"
 #include "tests/ruvo/net_fixture.h"
 
 // Allocations made so far by this binary through operator new (replaced in
@@ -32,7 +33,11 @@ using orvik::ruvo::Layer;
 using orvik::ruvo::LayerAttrs;
 using orvik::ruvo::NDArray;
 using orvik::ruvo::TShape;
+using ruvo_test::CaseName;
+using ruvo_test::ExpectBuildAborts;
 using ruvo_test::Fatal;
+using ruvo_test::FatalCase;
+using ruvo_test::MakeLayer;
 using ruvo_test::RegexEscape;
 
 // Heads of the "conv" net, in graph order: each float convolution, then its
@@ -146,30 +151,11 @@ TEST(ConvAllocTest, SteadyStateRunsAllocateNothing) {
   }
 }
 
-std::unique_ptr<Layer> MakeLayer(const std::string& op, const LayerAttrs& attrs) {
-  std::unique_ptr<Layer> layer(orvik::ruvo::create_layer(orvik::ruvo::layer_to_index(op.c_str())));
-  EXPECT_NE(layer, nullptr) << op;
-  if (layer) layer->Init(attrs);
-  return layer;
-}
-
 // Bad attributes and shapes are fatal at build time, bad files at the first
 // run, with the layers' own words.
-struct FatalCase {
-  const char* name;
-  const char* op;
-  LayerAttrs attrs;
-  std::vector<TShape> in;  // empty: the failure is in Init
-  std::string expected;
-};
-
 class ConvDeathTest : public testing::TestWithParam<FatalCase> {};
 
-TEST_P(ConvDeathTest, Aborts) {
-  const FatalCase& fc = GetParam();
-  std::vector<TShape> in = fc.in, out(1), aux;
-  EXPECT_DEATH(MakeLayer(fc.op, fc.attrs)->InferShape(in, out, aux), fc.expected);
-}
+TEST_P(ConvDeathTest, Aborts) { ExpectBuildAborts(GetParam()); }
 
 const LayerAttrs k3x3 = {{"kernel", "(3,3)"}, {"num_filter", "4"}};
 
@@ -214,7 +200,7 @@ INSTANTIATE_TEST_SUITE_P(
                   RegexEscape("Check failed: quanti_input::truncate_map.count(trun_type_symbol)")},
         FatalCase{"NhcwNot4d", "NHCW2Conv", {}, {TShape{2, 3, 4}},
                   Fatal("shape0.ndim() == 4 (3 vs. 4)", "")}),
-    [](const testing::TestParamInfo<FatalCase>& info) { return std::string(info.param.name); });
+    CaseName);
 
 // "ceil" is a known word that no run accepts.
 TEST(QuantiInputDeathTest, CeilIsRefusedAtRun) {
