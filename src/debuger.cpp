@@ -201,7 +201,10 @@ void Debuger::write_dump(size_t n) {
   // Three interleaved tracks per sample: the audio, the score in Q15
   // (truncated), the flag as 30000.
   for (size_t f = 0; f < n; ++f) {
-    const int16_t score = static_cast<int16_t>(static_cast<int32_t>(prior_buffer[f] * 32767.0));
+    // A score outside [0, 1] or NaN (a net without softmax) saturates
+    // rather than wraps.
+    const double q15 = prior_buffer[f] * 32767.0;
+    const int16_t score = q15 != q15 ? 0 : static_cast<int16_t>(std::max(-32768.0, std::min(32767.0, q15)));
     const int16_t flag = static_cast<int16_t>(vad_buffer[f] * 30000);
     for (int32_t j = 0; j < kFrameSamples; ++j) {
       const int16_t sample[3] = {wav_buffer[f * kFrameSamples + j], score, flag};

@@ -200,8 +200,10 @@ void Tovad_predictor::push_int8_frame(const float* frame) {
         q = 127;
       } else if (v <= -1.0f) {
         q = -128;
-      } else {
+      } else if (v == v) {
         q = static_cast<int8_t>(static_cast<int32_t>(v * 128.0f));  // truncates toward zero
+      } else {
+        q = 0;  // NaN: what the target's conversion gives
       }
       newest[c + w * n_chan] = q;
     }

@@ -40,8 +40,14 @@ float exp_approx(float x) {
   static const float kLog2e = FromBits(0x3FB8AA3B);  // 1.442695
   static const float kLn2 = FromBits(0x3F317218);    // 0.6931472
   const float(&c)[8][4] = exp_tab.c;
-  // m: truncation toward zero, not rounding.
-  const int32_t m = static_cast<int32_t>(x * kLog2e);
+  // m: truncation toward zero, not rounding.  NaN and arguments beyond
+  // int32 (a -inf or huge logit) saturate as the target's conversion does,
+  // rather than leave the result to the machine.
+  const float t = x * kLog2e;
+  const int32_t m = t != t ? 0
+                  : t <= -2147483648.0f ? INT32_MIN
+                  : t >= 2147483648.0f  ? INT32_MAX
+                                        : static_cast<int32_t>(t);
   // r = x - m*ln2 with a single rounding (fused multiply-subtract).
   const float r = std::fma(-static_cast<float>(m), kLn2, x);
   const float A = c[0][0] + c[4][0] * r;

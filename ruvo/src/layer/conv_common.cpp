@@ -224,26 +224,11 @@ void Init_kernel(const NDArray& weight_blob, bool online_quanti, bool transpose_
     return;
   }
 
-  // Starting bounds as the dense layer seeds its scan.
-  float lo = 3.4028235e+38f;
-  float hi = 1.1754944e-38f;
-  math::orvik_cpu_min_max_neon<float>(static_cast<int>(weight_blob.Size()), w, &lo, &hi);
-  *weight_scale = 127.0f / std::max(std::fabs(lo), std::fabs(hi));
   *q_weight = NDArray(weight_blob.shape(), kInt8);
   *weight_row_sum = NDArray(TShape{static_cast<index_t>(rows)}, kFloat32);
   NDArray rows_q = transpose_weight ? NDArray(weight_blob.shape(), kInt8) : *q_weight;
   signed char* q = rows_q.dptr<signed char>();
-  float* row_sum = weight_row_sum->dptr<float>();
-  for (int r = 0; r < rows; ++r) {
-    int32_t sum = 0;
-    for (int c = 0; c < k; ++c) {
-      int32_t v = static_cast<int32_t>(*weight_scale * w[static_cast<size_t>(r) * k + c]);
-      v = std::min(127, std::max(-127, v));
-      q[static_cast<size_t>(r) * k + c] = static_cast<signed char>(v);
-      sum += v;
-    }
-    row_sum[r] = static_cast<float>(sum) / *weight_scale;
-  }
+  *weight_scale = QuantizeWeightRows(w, rows, k, q, weight_row_sum->dptr<float>());
   if (transpose_weight) {
     TransposeGroups<signed char>(q, q_weight->dptr<signed char>(), rows, k, num_group);
   }

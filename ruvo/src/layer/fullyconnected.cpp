@@ -63,29 +63,9 @@ void FullyConnected::Prepare(const NDArray& data, const NDArray& weight) {
   q_weight_ = NDArray(weight.shape(), kInt8);
   weight_row_sum_ = NDArray(Shape1(num_hidden_), kFloat32);
 
-  const float* w = weight.dptr<float>();
-  // Starting bounds as the scan has always been seeded: the largest float
-  // and the smallest normal one.
-  float lo = 3.4028235e+38f;
-  float hi = 1.1754944e-38f;
-  math::orvik_cpu_min_max_neon<float>(static_cast<int>(weight.Size()), w, &lo, &hi);
-  weight_scale_ = 127.0f / std::max(std::fabs(lo), std::fabs(hi));
-
   NDArray rows_q = transpose_weight_ ? NDArray(weight.shape(), kInt8) : q_weight_;
   signed char* q = rows_q.dptr<signed char>();
-  float* row_sum = weight_row_sum_.dptr<float>();
-  for (int r = 0; r < n; ++r) {
-    int32_t sum = 0;
-    for (int c = 0; c < k; ++c) {
-      // Truncation toward zero, then a clamp for products that round just
-      // past 127.
-      int32_t v = static_cast<int32_t>(weight_scale_ * w[r * k + c]);
-      v = std::min(127, std::max(-127, v));
-      q[r * k + c] = static_cast<signed char>(v);
-      sum += v;
-    }
-    row_sum[r] = static_cast<float>(sum) / weight_scale_;
-  }
+  weight_scale_ = QuantizeWeightRows(weight.dptr<float>(), n, k, q, weight_row_sum_.dptr<float>());
   if (transpose_weight_) {
     // (num_input, num_hidden_), so that the GEMM reads B untransposed.
     q_weight_ = q_weight_.Reshape(Shape2(k, n));

@@ -1,8 +1,12 @@
 #include "ruvo/src/layer/layer_util.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
+
+#include "orvik_blas_64/src/math_functions.h"
 
 namespace orvik {
 namespace ruvo {
@@ -89,6 +93,28 @@ int ParseIntOrNone(const std::string& text, const char* key) {
   SkipSpace(text, &p);
   CHECK(ok && p == text.size()) << "Invalid integer for " << key << ": " << text;
   return v;
+}
+
+float QuantizeWeightRows(const float* w, int rows, int k, signed char* q, float* row_sum) {
+  // Starting bounds as the scan has always been seeded: the largest float
+  // and the smallest normal one.
+  float lo = 3.4028235e+38f;
+  float hi = 1.1754944e-38f;
+  math::orvik_cpu_min_max_neon<float>(rows * k, w, &lo, &hi);
+  const float scale = 127.0f / std::max(std::fabs(lo), std::fabs(hi));
+  for (int r = 0; r < rows; ++r) {
+    int32_t sum = 0;
+    for (int c = 0; c < k; ++c) {
+      const size_t i = static_cast<size_t>(r) * k + c;
+      // Truncation toward zero, then a clamp for products that round just
+      // past 127.
+      const int32_t v = std::min(127, std::max(-127, TruncToInt32(scale * w[i])));
+      q[i] = static_cast<signed char>(v);
+      sum += v;
+    }
+    row_sum[r] = static_cast<float>(sum) / scale;
+  }
+  return scale;
 }
 
 }  // namespace ruvo

@@ -52,6 +52,21 @@ std::vector<int> ParseSignedTuple(const std::string& text, const char* key);
 // Reads one integer, or kNoneValue for "None".  Fatal on anything else.
 int ParseIntOrNone(const std::string& text, const char* key);
 
+// float to int32, truncated toward zero; saturates at both ends and NaN
+// gives 0, so that every machine agrees on weights with no finite scale.
+inline int32_t TruncToInt32(float f) {
+  if (f != f) return 0;
+  if (f >= 2147483648.0f) return INT32_MAX;
+  if (f < -2147483648.0f) return INT32_MIN;
+  return static_cast<int32_t>(f);
+}
+
+// The online 8-bit form of a float weight matrix of `rows` rows of `k`: one
+// scale 127 / max|w|, every weight scaled, truncated and held in [-127, 127],
+// and per row the sum of its 8-bit values divided back by the scale.
+// Returns the scale.
+float QuantizeWeightRows(const float* w, int rows, int k, signed char* q, float* row_sum);
+
 // Start of a view's elements as bytes, whatever its element type.
 inline char* RawData(const NDArray& a) {
   return static_cast<char*>(a.chunk_->dptr_) + a.offset_ * orvik_sizeof(a.dtype_);

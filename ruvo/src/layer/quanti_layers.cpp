@@ -15,18 +15,6 @@ const std::unordered_map<std::string, TruncateType> truncate_map = {
     {"floor", kFloor}, {"naive", kNaive}, {"ceil", kCeil}};
 }  // namespace quanti_input
 
-namespace {
-
-// float to int32 with saturation at both ends; NaN gives 0, so that every
-// machine agrees.
-inline int32_t SaturateToInt32(float f) {
-  if (f != f) return 0;
-  if (f >= 2147483648.0f) return INT32_MAX;
-  if (f < -2147483648.0f) return INT32_MIN;
-  return static_cast<int32_t>(f);
-}
-
-}  // namespace
 
 void QuantiInput::Init(const LayerAttrs& attrs) {
   fixed_output_shift_ = -128;
@@ -76,10 +64,10 @@ int QuantiInput::Forward(const std::vector<NDArray*>& bottom_blobs,
   const index_t n = data.Size();
   switch (truncate_) {
     case quanti_input::kFloor:
-      for (index_t i = 0; i < n; ++i) q[i] = quanti::SaturateInt8(SaturateToInt32(floorf(scale * x[i])));
+      for (index_t i = 0; i < n; ++i) q[i] = quanti::SaturateInt8(TruncToInt32(floorf(scale * x[i])));
       break;
     case quanti_input::kNaive:
-      for (index_t i = 0; i < n; ++i) q[i] = quanti::SaturateInt8(SaturateToInt32(scale * x[i]));
+      for (index_t i = 0; i < n; ++i) q[i] = quanti::SaturateInt8(TruncToInt32(scale * x[i]));
       break;
     case quanti_input::kCeil:
       CHECK(false) << "Not support ceil!";
