@@ -20,6 +20,8 @@
 #include "ruvo/src/layer/fullyconnected.h"
 #include "ruvo/src/layer/pooling.h"
 #include "ruvo/src/layer/quanti_layers.h"
+#include "ruvo/src/layer/quantifullyconnected.h"
+#include "ruvo/src/layer/quantitemporalconvolution.h"
 #include "ruvo/src/layer/reshape.h"
 #include "ruvo/src/layer/rnn.h"
 #include "ruvo/src/layer/slice.h"
@@ -60,7 +62,7 @@ const LayerRegistryEntry layer_registry[] = {
     {"NHCW2Conv",                 NHCW2Conv_layer_creator},  // 15 NHCW2Conv
     {"AlphaConvolution",          AlphaConvolution_layer_creator},  // 16 AlphaConvolution
     {"AlphaUpscale",              nullptr},  // 17 AlphaUpscale
-    {"QuantiFullyConnected",      nullptr},  // 18 QuantiFullyConnected
+    {"QuantiFullyConnected",      QuantiFullyConnected_layer_creator},  // 18 QuantiFullyConnected
     {"SoftmaxOutput",             SoftmaxOutput_layer_creator},  // 19 SoftmaxOutput
     {"Reshape",                   Reshape_layer_creator},  // 20 Reshape
     {"slice_axis",                slice_axis_layer_creator},  // 21 slice_axis
@@ -76,7 +78,7 @@ const LayerRegistryEntry layer_registry[] = {
     {"sum",                       BroadcastReduce_Sum_layer_creator},  // 31 BroadcastReduce_Sum
     {"AlphaPlusConvolution",      nullptr},  // 32 AlphaPlusConvolution
     {"UpSampling",                UpSampling_layer_creator},  // 33 UpSampling
-    {"QuantiTemporalConvolution", nullptr},  // 34 QuantiTemporalConvolution
+    {"QuantiTemporalConvolution", QuantiTemporalConvolution_layer_creator},  // 34 QuantiTemporalConvolution
     {"slice",                     slice_layer_creator},  // 35 slice
 };
 // clang-format on

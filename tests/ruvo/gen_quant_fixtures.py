@@ -153,6 +153,13 @@ def alpha_conv(xq, in_shift, w, k, s, p, d, groups, bias=None, wshift=None, out_
     shift); edata: (tensor, shift).  Returns (output, shift)."""
     acc = wrap32(conv_sum(xq.astype(np.int64), w.astype(np.int64), s, p, d, groups,
                           dtype=np.int64))
+    return output_stage(acc, in_shift, wshift, out_shift, bias, bn, edata, act, float_out)
+
+
+def output_stage(acc, in_shift, wshift, out_shift=0, bias=None, bn=None, edata=None, act=False,
+                 float_out=False):
+    """Bias, batch normalisation, edata and the narrowing of 32-bit
+    accumulators acc (..., channels).  Returns (output, shift)."""
     wt = wshift.astype(np.int64)
     if bias is not None:
         acc = wrap32(acc + bias)

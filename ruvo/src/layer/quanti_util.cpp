@@ -131,6 +131,39 @@ void BuildWeightShiftTable(const NDArray& scalar_or_vec, bool vector_quanti, boo
   }
 }
 
+std::vector<std::string> MatrixAuxStates(const char* output_shift_name, bool vector_quanti,
+                                         bool has_bias, bool use_batchnorm) {
+  std::vector<std::string> aux = {output_shift_name};
+  aux.push_back(vector_quanti ? "weight_vec_shift_history" : "weight_shift_history");
+  if (has_bias) aux.push_back(vector_quanti ? "bias_vec_shift_history" : "bias_shift_history");
+  if (use_batchnorm) aux.insert(aux.end(), {"bn_weight", "bn_right_shift", "bn_weight_shift"});
+  return aux;
+}
+
+std::vector<TShape> MatrixAuxShapes(index_t channels, bool vector_quanti, bool has_bias,
+                                    bool use_batchnorm) {
+  const TShape per_layer = vector_quanti ? TShape{channels} : TShape{1};
+  std::vector<TShape> shapes = {TShape{1}, per_layer};
+  if (has_bias) shapes.push_back(per_layer);
+  if (use_batchnorm) shapes.insert(shapes.end(), 3, TShape{channels});
+  return shapes;
+}
+
+void MatrixInferType(std::vector<int>& in_type, std::vector<int>& out_type,
+                     std::vector<int>& aux_type, bool has_bias, bool disable_output_quantization,
+                     bool use_batchnorm) {
+  CHECK_GE(in_type.size(), 1);
+  const int dtype = in_type[0];
+  CHECK(dtype != -1) << "First input must have specified type";
+  for (size_t i = 1; i < in_type.size(); ++i) {
+    if (in_type[i] == -1) in_type[i] = (has_bias && i == 2) ? kInt32 : dtype;
+  }
+  out_type.assign(1, disable_output_quantization ? kFloat32 : dtype);
+  const size_t tables = has_bias ? 3 : 2;
+  aux_type.assign(tables + (use_batchnorm ? 3 : 0), dtype);
+  if (use_batchnorm) aux_type[tables] = kInt32;
+}
+
 }  // namespace quanti
 }  // namespace ruvo
 }  // namespace orvik

@@ -103,6 +103,23 @@ void BuildWeightShiftTable(const NDArray& scalar_or_vec, bool vector_quanti, boo
                            const NDArray* bn_weight_shift, const NDArray* bn_right_shift,
                            int32_t channels, NDArray* table);
 
+// The auxiliary states of an 8-bit matrix layer, in file order: the output
+// shift under `output_shift_name`, the weight shift and (with a bias) the
+// bias shift tables, per channel with vector_quanti, then the three fused
+// batch-normalisation tables.
+std::vector<std::string> MatrixAuxStates(const char* output_shift_name, bool vector_quanti,
+                                         bool has_bias, bool use_batchnorm);
+// Their shapes for `channels` outputs.
+std::vector<TShape> MatrixAuxShapes(index_t channels, bool vector_quanti, bool has_bias,
+                                    bool use_batchnorm);
+// InferType of an 8-bit matrix layer with inputs (data, weight[, bias]...):
+// unknown inputs take the data's type but a bias is 32-bit, the output is
+// float with disable_output_quantization, the shift tables take the data's
+// type and bn_weight is 32-bit.
+void MatrixInferType(std::vector<int>& in_type, std::vector<int>& out_type,
+                     std::vector<int>& aux_type, bool has_bias, bool disable_output_quantization,
+                     bool use_batchnorm);
+
 }  // namespace quanti
 }  // namespace ruvo
 }  // namespace orvik

@@ -1,0 +1,206 @@
+#!/usr/bin/python3
+"""Writes the streaming 8-bit net of quant_stream_test.cpp: temporal
+convolutions and 8-bit dense layers over a sequence of frames, with the
+expected outputs computed here in integer numpy.
+
+    /usr/bin/python3 tests/ruvo/gen_stream_fixtures.py           (write)
+    /usr/bin/python3 tests/ruvo/gen_stream_fixtures.py --check   (compare)
+
+The net's batch axis is time.  For every head the .io file holds the
+outputs over the whole sequence (KEY), over the sequence restarted from
+silence at frame RESTART (KEY@reset), and over the sequence run one frame a
+call with an UpdateInterBuff after each frame in UPDATES (KEY@update).
+The first two come from a causal convolution over the whole sequence with
+zeros before its start; the third from a frame-by-frame model of the
+history window with the update's block moves.  Both agree where no update
+happens, which is checked here.
+"""
+
+import os
+import sys
+import tempfile
+
+import numpy as np
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
+
+from gen_quant_fixtures import (F32, IoFile, SymbolGraph, conv_attrs, output_stage,  # noqa: E402
+                                quanti_input, save, wrap32)
+
+I8, I32 = np.int8, np.int32
+FRAMES, WIDTH, CHANNELS = 12, 5, 3
+RESTART = 5
+UPDATES = (3, 4, 8)
+IN_SHIFT = 4
+
+
+def temporal_acc(seq, w, dilate):
+    """Causal convolution over time of seq (T, 1, W, C) with w (F, taps, W,
+    C): output t sees frames t - (taps - 1 - k) * dilate, zeros before 0."""
+    taps = w.shape[1]
+    lead = (taps - 1) * dilate
+    x = np.concatenate([np.zeros((lead,) + seq.shape[1:], np.int64), seq.astype(np.int64)])
+    acc = np.zeros((len(seq), w.shape[0]), np.int64)
+    for k in range(taps):
+        acc += x[k * dilate:k * dilate + len(seq)].reshape(len(seq), -1) @ \
+            w[:, k].reshape(w.shape[0], -1).astype(np.int64).T
+    return wrap32(acc)
+
+
+def temporal_stream(seq, w, dilate, updates):
+    """The same frame by frame through a window of (taps - 1) * dilate + 1
+    frames, oldest first.  After each frame in `updates` the window's bytes
+    move in blocks of (window frames * frame width) bytes, each block one
+    block toward the start, as far as whole blocks fit."""
+    taps = w.shape[1]
+    frames = (taps - 1) * dilate + 1
+    frame = seq[0].size
+    window = np.zeros(frames * frame, np.int64)
+    block = frames * seq.shape[2]
+    acc = []
+    for t in range(len(seq)):
+        window = np.concatenate([window[frame:], seq[t].ravel().astype(np.int64)])
+        row = np.concatenate([window[k * dilate * frame:(k * dilate + 1) * frame]
+                              for k in range(taps)])
+        acc.append(w.reshape(w.shape[0], -1).astype(np.int64) @ row)
+        if t in updates:
+            for i in range(frames - 1):
+                if (i + 2) * block <= window.size:
+                    window[i * block:(i + 1) * block] = window[(i + 1) * block:(i + 2) * block]
+    return wrap32(np.array(acc))
+
+
+def stream_net(rng, out_dir):
+    g = SymbolGraph()
+    params = []
+    nodes = {"data": g.variable("data")}
+
+    def aux(name, values, dtype):
+        params.append(("aux:" + name, np.asarray(values, dtype=dtype)))
+        return g.variable(name)
+
+    nodes["qin"] = g.node("QuantiInput", "qin", [nodes["data"], aux("qin_input_shift_history", [0], I8)],
+                          attr={"fixed_output_shift": str(IN_SHIFT)})
+    layers = []  # (name, source, kind, weight, stage arguments, dilate)
+
+    def shift_tables(name, n, vec, bias, first="output_shift_history", out_shift=3):
+        wshift = (rng.integers(5, 9, (n,)) if vec else np.full(n, 7)).astype(I8)
+        key = "vec_" if vec else ""
+        refs = [aux("%s_%s" % (name, first), [out_shift], I8),
+                aux("%s_weight_%sshift_history" % (name, key), wshift if vec else wshift[:1], I8)]
+        if bias:
+            refs.append(aux("%s_bias_%sshift_history" % (name, key), np.zeros(n if vec else 1), I8))
+        return wshift, refs
+
+    def temporal(name, src, taps, nf, width, channels, dilate=1, bias=True, vec=False, act=False,
+                 float_out=False, tw=True, out_shift=3, wmax=40):
+        w = rng.integers(-wmax, wmax + 1, (nf, taps, width, channels)).astype(I8)
+        params.append(("arg:%s_weight" % name, w))
+        inputs = [nodes[src], g.variable(name + "_weight")]
+        b = rng.integers(-3000, 3000, (nf,)).astype(I32) if bias else None
+        if bias:
+            params.append(("arg:%s_bias" % name, b))
+            inputs.append(g.variable(name + "_bias"))
+        wshift, refs = shift_tables(name, nf, vec, bias,
+                                    "output_shift_history" if bias else "out_shift_history",
+                                    out_shift)
+        nodes[name] = g.node("QuantiTemporalConvolution", name, inputs + refs,
+                             attr=conv_attrs((taps, width), dilate=(dilate, 1), nf=nf,
+                                             no_bias=not bias, vector_quanti=vec, use_activation=act,
+                                             disable_output_quantization=float_out,
+                                             transpose_weight=tw))
+        layers.append((name, src, "temporal", w, dict(bias=b, wshift=wshift, out_shift=out_shift,
+                                                      act=act, float_out=float_out), dilate))
+
+    def dense(name, src, nh, num_input, bias=True, vec=False, bn=False, float_out=False, tw=True,
+              out_shift=3):
+        w = rng.integers(-50, 51, (nh, num_input)).astype(I8)
+        params.append(("arg:%s_weight" % name, w))
+        inputs = [nodes[src], g.variable(name + "_weight")]
+        b = rng.integers(-3000, 3000, (nh,)).astype(I32) if bias else None
+        if bias:
+            params.append(("arg:%s_bias" % name, b))
+            inputs.append(g.variable(name + "_bias"))
+        wshift, refs = shift_tables(name, nh, vec, bias, out_shift=out_shift)
+        bnp = None
+        if bn:
+            bnp = (rng.integers(-300, 300, (nh,)).astype(I32), rng.integers(0, 4, (nh,)).astype(I8),
+                   rng.integers(6, 10, (nh,)).astype(I8))
+            refs += [aux(name + "_bn_" + n, v, v.dtype)
+                     for n, v in zip(["weight", "right_shift", "weight_shift"], bnp)]
+        attr = {"num_hidden": str(nh)}
+        attr.update({k: ("True" if v else "False") for k, v in
+                     dict(no_bias=not bias, vector_quanti=vec, use_batchnorm=bn,
+                          disable_output_quantization=float_out, transpose_weight=tw).items()})
+        nodes[name] = g.node("QuantiFullyConnected", name, inputs + refs, attr=attr)
+        layers.append((name, src, "dense", w, dict(bias=b, wshift=wshift, out_shift=out_shift,
+                                                   bn=bnp, float_out=float_out), 1))
+
+    # Every layer's window is at least three frames, so the net also runs
+    # three frames a call.
+    temporal("t1", "qin", 3, 6, WIDTH, CHANNELS, wmax=60)
+    temporal("t2", "qin", 3, 4, WIDTH, CHANNELS, dilate=2, bias=False, vec=True, act=True, tw=False)
+    temporal("t3", "t1", 3, 4, 1, 6, vec=True, act=True, float_out=True)
+    dense("f1", "t1", 5, 6, out_shift=4)
+    dense("f2", "t2", 3, 4, bias=False, vec=True, bn=True, float_out=True, tw=False)
+    dense("f3", "f1", 2, 5, float_out=True)
+    heads = ["t1", "t2", "t3", "f1", "f2", "f3"]
+    g.heads = [nodes[h] for h in heads]
+
+    def run(seq, updates=None):
+        """All layers over the float sequence; updates None: the whole
+        sequence at once, else frame by frame with those updates."""
+        q = {"qin": (quanti_input(seq, IN_SHIFT, True), IN_SHIFT)}
+        for name, src, kind, w, stage, dilate in layers:
+            x, shift = q[src]
+            if kind == "dense":
+                acc = wrap32(x.reshape(len(x), -1).astype(np.int64) @ w.astype(np.int64).T)
+            elif updates is None:
+                acc = temporal_acc(x, w, dilate)
+            else:
+                acc = temporal_stream(x, w, dilate, updates)
+            out, oshift = output_stage(acc, shift, **stage)
+            q[name] = (out.reshape((len(x), 1, 1, -1)) if kind == "temporal" else out, oshift)
+        return q
+
+    io = IoFile()
+    io.case("sequence")
+    seq = rng.uniform(-10.0, 10.0, (FRAMES, 1, WIDTH, CHANNELS)).astype(F32)
+    io.input("data", seq)
+    io.output("restart_at", np.array([RESTART]))
+    io.output("updates_after", np.array(UPDATES))
+    whole, restarted, updated = run(seq), run(seq[RESTART:]), run(seq, set(UPDATES))
+    plain = run(seq, set())
+    for h in heads:
+        assert np.array_equal(whole[h][0], plain[h][0]), h
+        assert not np.array_equal(whole[h][0][UPDATES[0] + 1:], updated[h][0][UPDATES[0] + 1:]), h
+        io.output(h, whole[h][0])
+        io.output(h + "@reset", restarted[h][0])
+        io.output(h + "@update", updated[h][0])
+    # The narrowing is seen saturating at both ends.
+    for h, lo in (("t1", -128), ("f1", -128), ("t2", 0)):
+        assert lo in whole[h][0] and 127 in whole[h][0], h
+    save("stream", g, params, io, out_dir)
+
+
+def generate(out_dir):
+    stream_net(np.random.default_rng(20261124), out_dir)
+
+
+def main(argv):
+    out_dir = os.path.join(os.path.dirname(HERE), "data", "net")
+    if argv[1:] != ["--check"]:
+        return generate(out_dir)
+    with tempfile.TemporaryDirectory() as tmp:
+        generate(tmp)
+        stale = [n for n in sorted(os.listdir(tmp))
+                 if open(os.path.join(tmp, n), "rb").read() != open(os.path.join(out_dir, n), "rb").read()]
+    if stale:
+        print("stale test data, run tests/ruvo/gen_stream_fixtures.py: " + ", ".join(stale))
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv))

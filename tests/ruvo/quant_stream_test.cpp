@@ -1,0 +1,195 @@
+// The streaming 8-bit layers through the prediction interface, on the net
+// written by gen_stream_fixtures.py: the batch axis is time, and pushing a
+// sequence one frame a call, three frames a call, with a reset in the
+// middle or with UpdateInterBuff between calls gives the integer numpy
+// results bit for bit.  Then the fatal checks.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/ruvo/death_text.h"
+#include "tests/ruvo/layer_cases.h"
+#include "tests/ruvo/net_fixture.h"
+
+long AllocCount();
+
+namespace {
+
+using net_test::Model;
+using net_test::Tensor;
+using orvik::ruvo::TShape;
+using ruvo_test::CaseName;
+using ruvo_test::ExpectBuildAborts;
+using ruvo_test::Fatal;
+using ruvo_test::FatalCase;
+using ruvo_test::RegexEscape;
+
+// Heads in graph order, and whether each is 8-bit (copied out a byte an
+// element) or float.
+const struct {
+  const char* name;
+  bool int8;
+} kHeads[] = {{"t1", true}, {"t2", true}, {"t3", false},
+              {"f1", true}, {"f2", false}, {"f3", false}};
+
+constexpr uint32_t kFrame = 5 * 3;  // floats of one input frame
+
+struct Schedule {
+  uint32_t batch = 1;
+  int reset_before = -1;        // MXResetInterBuff before this frame
+  std::set<int> update_after;   // MXUpdateInterBuff after these frames
+};
+
+struct Streamed {
+  std::map<std::string, std::vector<float>> out;  // 8-bit values widened
+  long steady_allocs = 0;  // allocations by the net after its first call
+};
+
+// Feeds the sequence `batch` frames a call, collecting every head's output
+// from frame `from` on.
+Streamed Stream(const Model& m, const Schedule& s, int from) {
+  const Tensor& seq = m.cases.at(0).inputs.at(0).second;
+  const int frames = static_cast<int>(seq.shape[0]);
+  const char* key = "data";
+  const uint32_t shape[] = {s.batch, 1, 5, 3};
+  const uint32_t indptr[] = {0, 4};
+  PredictorHandle h = nullptr;
+  EXPECT_EQ(MXPredCreate(m.json.c_str(), m.params.data(), static_cast<int>(m.params.size()), 1, 0,
+                         1, &key, indptr, shape, &h),
+            0);
+  Streamed run;
+  std::vector<float> got;
+  for (int t = 0; t < frames; t += static_cast<int>(s.batch)) {
+    // Only the net's calls are counted, from the second call on.
+    const long before = AllocCount();
+    if (t == s.reset_before) {
+      EXPECT_EQ(MXResetInterBuff(h), 0);
+    }
+    MXPredSetInput(h, key, seq.values.data() + t * kFrame, s.batch * kFrame);
+    MXPredForward(h);
+    if (s.update_after.count(t)) {
+      EXPECT_EQ(MXUpdateInterBuff(h), 0);
+    }
+    if (t > 0) run.steady_allocs += AllocCount() - before;
+    if (t < from) continue;
+    for (uint32_t i = 0; i < std::size(kHeads); ++i) {
+      uint32_t* dims = nullptr;
+      uint32_t ndim = 0;
+      MXPredGetOutputShape(h, i, &dims, &ndim);
+      uint32_t count = 1;
+      for (uint32_t d = 0; d < ndim; ++d) count *= dims[d];
+      got.resize(count);
+      MXPredGetOutput(h, i, got.data(), count);
+      std::vector<float>& dst = run.out[kHeads[i].name];
+      if (kHeads[i].int8) {
+        const auto* bytes = reinterpret_cast<const signed char*>(got.data());
+        dst.insert(dst.end(), bytes, bytes + count);
+      } else {
+        dst.insert(dst.end(), got.begin(), got.end());
+      }
+    }
+  }
+  MXPredFree(h);
+  return run;
+}
+
+TEST(QuantStreamTest, FramesAtAnyPaceResetAndUpdateMatchNumpy) {
+  Model m = net_test::LoadModel("stream");
+  ASSERT_EQ(m.cases.size(), 1u);
+  const auto& io = m.cases[0].outputs;
+  const int restart = static_cast<int>(io.at("restart_at").values.at(0));
+  Schedule updated;
+  for (float f : io.at("updates_after").values) updated.update_after.insert(static_cast<int>(f));
+  Schedule three;
+  three.batch = 3;
+  Schedule reset;
+  reset.reset_before = restart;
+
+  const struct {
+    const char* name;
+    Schedule schedule;
+    int from;
+    const char* suffix;
+  } runs[] = {
+      {"one frame a call", Schedule(), 0, ""},
+      {"three frames a call", three, 0, ""},
+      {"reset in the middle", reset, restart, "@reset"},
+      {"updates between calls", updated, 0, "@update"},
+  };
+  for (const auto& r : runs) {
+    Streamed got = Stream(m, r.schedule, r.from);
+    EXPECT_EQ(got.steady_allocs, 0) << r.name;
+    for (const auto& head : kHeads) {
+      EXPECT_EQ(got.out[head.name], io.at(head.name + std::string(r.suffix)).values)
+          << r.name << ": " << head.name;
+    }
+  }
+}
+
+// The first call's batch may not exceed any temporal window (three frames
+// here): its history holds one window per time step of that call.
+TEST(QuantStreamDeathTest, FirstCallLongerThanTheWindowIsFatal) {
+  Model m = net_test::LoadModel("stream");
+  const Tensor& seq = m.cases.at(0).inputs.at(0).second;
+  const char* key = "data";
+  const uint32_t shape[] = {6, 1, 5, 3}, indptr[] = {0, 4};
+  PredictorHandle h = nullptr;
+  ASSERT_EQ(MXPredCreate(m.json.c_str(), m.params.data(), static_cast<int>(m.params.size()), 1, 0,
+                         1, &key, indptr, shape, &h),
+            0);
+  MXPredSetInput(h, key, seq.values.data(), 6 * kFrame);
+  EXPECT_DEATH(MXPredForward(h),
+               RegexEscape("input_buff_frames_ >= ishape[0] (3 vs. 6)"));
+  MXPredFree(h);
+}
+
+class QuantStreamBuildDeathTest : public testing::TestWithParam<FatalCase> {};
+
+TEST_P(QuantStreamBuildDeathTest, Aborts) { ExpectBuildAborts(GetParam()); }
+
+const orvik::ruvo::LayerAttrs kTemporal = {{"kernel", "(3,5)"}, {"num_filter", "4"}};
+const TShape kFrames{1, 1, 5, 3};
+
+orvik::ruvo::LayerAttrs With(orvik::ruvo::LayerAttrs a, const char* key, const char* value) {
+  a[key] = value;
+  return a;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Layers, QuantStreamBuildDeathTest,
+    testing::Values(
+        FatalCase{"TemporalPadded", "QuantiTemporalConvolution", With(kTemporal, "pad", "(1,0)"),
+                  {kFrames, TShape(), TShape()},
+                  Fatal("pad_[0] == 0 (1 vs. 0)", "only no-padding is supported")},
+        FatalCase{"TemporalDilatedAcross", "QuantiTemporalConvolution",
+                  With(kTemporal, "dilate", "(1,2)"), {kFrames, TShape(), TShape()},
+                  Fatal("dilate_[1] == 1 (2 vs. 1)", "only time-dim dilate is supported")},
+        FatalCase{"TemporalTooWide", "QuantiTemporalConvolution", kTemporal,
+                  {TShape{1, 1, 4, 3}, TShape(), TShape()},
+                  Fatal("ksize_x <= dshape[2] + 2 * pad_[1]", "kernel size exceed input")},
+        FatalCase{"TemporalWeight", "QuantiTemporalConvolution",
+                  With(kTemporal, "no_bias", "True"), {kFrames, TShape{4, 3, 5, 2}},
+                  Fatal("out == Shape4(num_filter_, kernel_[0], kernel_[1], dshape[3])",
+                        "Shape inconsistent, Provided (4,3,5,2) inferrend shape=(4,3,5,3)")},
+        FatalCase{"TemporalBadBool", "QuantiTemporalConvolution",
+                  With(kTemporal, "use_activation", "1"), {},
+                  RegexEscape("Check failed: ((use_activation_symbol) == \"True\" || "
+                              "(use_activation_symbol) == \"False\")")},
+        FatalCase{"DenseNoHidden", "QuantiFullyConnected", {{"num_hidden", "0"}}, {},
+                  Fatal("num_hidden_ >= 1 (0 vs. 1)", "")},
+        FatalCase{"DenseWeight", "QuantiFullyConnected", {{"num_hidden", "2"}},
+                  {TShape{1, 1, 5, 3}, TShape{2, 14}, TShape()},
+                  Fatal("out == Shape2(num_hidden_, num_input)",
+                        "Shape inconsistent, Provided (2,14) inferrend shape=(2,15)")},
+        FatalCase{"DenseBadBool", "QuantiFullyConnected",
+                  {{"num_hidden", "2"}, {"use_batchnorm", "yes"}}, {},
+                  RegexEscape("Check failed: ((use_batchnorm_symbol) == \"True\" || "
+                              "(use_batchnorm_symbol) == \"False\")")}),
+    CaseName);
+
+}  // namespace
