@@ -1,0 +1,202 @@
+#!/usr/bin/python3
+"""Writes a streaming 8-bit VAD net made from the default dense model
+(models/default), for the streaming tests and the net bench.
+
+    /usr/bin/python3 tests/ruvo/gen_stream_vad.py           (write)
+    /usr/bin/python3 tests/ruvo/gen_stream_vad.py --check   (compare)
+    /usr/bin/python3 tests/ruvo/gen_stream_vad.py --calibrate FEATS.f32
+
+The dense model's first layer sees 20 frames of 3 x 40 features at once.
+Its weight, taken as one 120-wide row per (unit, frame), is split by SVD
+into a per-frame projection to RANK values and a temporal kernel over 20
+frames of those: one temporal convolution of width one frame, then one of
+20 taps, each costing one row per new frame.  The second layer becomes a
+one-tap temporal convolution, the last an 8-bit dense layer with float
+output, then softmax.  Weights get per-channel power-of-two shifts; the
+activation shifts below were measured with --calibrate on the features of
+tests/data/tovad_sample.wav (tovad_feature_dump output, before the meanvar
+terms), which also prints how close the 8-bit net stays to the float one.
+
+Also writes stream_vad.io: a random feature sequence and the 8-bit net's
+outputs for it, frame by frame from silence, computed in integer numpy.
+"""
+
+import os
+import sys
+import tempfile
+
+import numpy as np
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(os.path.dirname(HERE))
+sys.path.insert(0, HERE)
+
+from gen_quant_fixtures import F32, IoFile, SymbolGraph, output_stage, quanti_input, wrap32  # noqa: E402
+from gen_stream_fixtures import temporal_acc  # noqa: E402
+from model_writer import read_params, write_params  # noqa: E402
+
+RANK = 16
+TAPS = 20
+# Fractional bits of the features, the projection, and the two hidden
+# layers' outputs.  --calibrate on the sample gives the largest shifts that
+# never saturate as 3, 2, 0 and 1; one more bit on the features, the
+# projection and the temporal layer, which saturates their rare peaks, kept
+# the frame decisions closest to the float net's (98.0% agreement at 0.2).
+SHIFTS = {"in": 4, "proj": 3, "time": 1, "fc2": 1}
+I8, I32 = np.int8, np.int32
+
+
+def float_model():
+    params = dict(read_params(open(os.path.join(ROOT, "models", "default", "tovad.params"), "rb").read()))
+    return {k.split(":", 1)[1]: v.astype(np.float64) for k, v in params.items()}
+
+
+def factorise(p):
+    w1 = p["fc1_weight"]  # (64, 2400): 20 frames of (3, 40), oldest first
+    units = w1.shape[0]
+    rows = w1.reshape(units * TAPS, -1)
+    u, s, vt = np.linalg.svd(rows, full_matrices=False)
+    proj = vt[:RANK]  # (RANK, 120)
+    time = (u[:, :RANK] * s[:RANK]).reshape(units, TAPS, RANK)
+    return proj, time
+
+
+def weight_shifts(w):
+    """Per output channel: the most fractional bits that keep every weight
+    of the channel within 8 bits."""
+    peak = np.abs(w.reshape(len(w), -1)).max(axis=1)
+    return np.floor(np.log2(127.0 / peak)).astype(np.int64)
+
+
+def quantised():
+    """The layers as (name, weight int8 (F, taps, x, c), per-channel shift,
+    bias int32 or None, output shift, rectified)."""
+    p = float_model()
+    proj, time = factorise(p)
+    layers = []
+    in_shift = SHIFTS["in"]
+    spec = [("proj", proj.reshape(RANK, 1, 3, 40), None, "proj", False),
+            ("time", time.reshape(-1, TAPS, 1, RANK), p["fc1_bias"], "time", True),
+            ("fc2", p["fc2_weight"].reshape(-1, 1, 1, 64), p["fc2_bias"], "fc2", True),
+            ("fc3", p["fc3_weight"], p["fc3_bias"], None, False)]
+    for name, w, b, out_key, act in spec:
+        ws = weight_shifts(w)
+        scale = 2.0 ** ws.reshape((-1,) + (1,) * (w.ndim - 1))
+        wq = np.clip(np.trunc(w * scale), -127, 127).astype(I8)
+        bq = None if b is None else np.round(b * 2.0 ** (ws + in_shift)).astype(I32)
+        out_shift = SHIFTS[out_key] if out_key else 0
+        layers.append((name, wq, ws.astype(I8), bq, out_shift, act))
+        in_shift = out_shift
+    return layers
+
+
+def run_int8(layers, feats):
+    """Features (T, 120), already through the meanvar terms, one frame a
+    call from silence: the speech posteriors the engine must give."""
+    x = quanti_input(feats.reshape(-1, 1, 3, 40).astype(F32), SHIFTS["in"], True)
+    shift = SHIFTS["in"]
+    for name, w, ws, b, out_shift, act in layers:
+        if name == "fc3":
+            acc = wrap32(x.reshape(len(x), -1).astype(np.int64) @ w.astype(np.int64).T)
+            logits, _ = output_stage(acc, shift, ws, 0, bias=b, float_out=True)
+            break
+        acc = temporal_acc(x, w, 1)
+        x, shift = output_stage(acc, shift, ws, out_shift, bias=b, act=act)
+        x = x.reshape(len(x), 1, 1, -1)
+    # The engine's softmax works in float; only the logits are exact.
+    return logits
+
+
+def write(out_dir):
+    layers = quantised()
+    g = SymbolGraph()
+    params = []
+    src = g.node("QuantiInput", "qin", [g.variable("data"), g.variable("qin_input_shift_history")],
+                 attr={"fixed_output_shift": str(SHIFTS["in"])})
+    params.append(("aux:qin_input_shift_history", np.array([SHIFTS["in"]], I8)))
+    for name, w, ws, b, out_shift, act in layers:
+        inputs = [src, g.variable(name + "_weight")]
+        params.append(("arg:%s_weight" % name, w))
+        if b is not None:
+            inputs.append(g.variable(name + "_bias"))
+            params.append(("arg:%s_bias" % name, b))
+        tables = [("output_shift_history" if b is not None else "out_shift_history",
+                   np.array([out_shift], I8)), ("weight_vec_shift_history", ws)]
+        if b is not None:
+            tables.append(("bias_vec_shift_history", np.zeros(len(ws), I8)))
+        for key, v in tables:
+            inputs.append(g.variable("%s_%s" % (name, key)))
+            params.append(("aux:%s_%s" % (name, key), v))
+        # Weights stay as stored, (outputs, inputs): one frame a call is a
+        # matrix-vector product, which reads them in that order.
+        flags = {"vector_quanti": "True", "no_bias": "True" if b is None else "False",
+                 "transpose_weight": "False"}
+        if name == "fc3":
+            attr = dict(flags, num_hidden=str(len(w)), disable_output_quantization="True")
+            src = g.node("QuantiFullyConnected", name, inputs, attr=attr)
+        else:
+            attr = dict(flags, kernel="(%d,%d)" % w.shape[1:3], num_filter=str(len(w)),
+                        use_activation="True" if act else "False")
+            src = g.node("QuantiTemporalConvolution", name, inputs, attr=attr)
+    logits = src
+    g.heads = [g.node("SoftmaxActivation", "softmax", [src], attr={"mode": "instance"}), logits]
+    g.write(os.path.join(out_dir, "stream_vad-symbol.json"))
+    write_params(os.path.join(out_dir, "stream_vad.params"), params)
+
+    rng = np.random.default_rng(20261125)
+    feats = rng.normal(0.0, 2.0, (30, 120)).astype(F32)
+    io = IoFile()
+    io.case("random_features")
+    io.input("data", feats.reshape(-1, 1, 3, 40))
+    io.output("fc3", run_int8(layers, feats))
+    io.write(os.path.join(out_dir, "stream_vad.io"))
+
+
+def calibrate(path):
+    """Largest magnitudes in the float factorised net on real features, the
+    shifts they allow, and the 8-bit net's distance from the float net."""
+    mv = np.loadtxt(os.path.join(ROOT, "models", "default", "tovad.meanvar")).ravel()
+    feats = (mv[:120] + np.fromfile(path, "<f4").reshape(-1, 120)) * mv[120:]
+    p = float_model()
+    proj, time = factorise(p)
+    h0 = feats @ proj.T
+    pad = np.concatenate([np.zeros((TAPS - 1, RANK)), h0])
+    h1 = np.maximum(sum(pad[k:k + len(h0)] @ time[:, k].T for k in range(TAPS)) + p["fc1_bias"], 0)
+    h2 = np.maximum(h1 @ p["fc2_weight"].T + p["fc2_bias"], 0)
+    for key, v in (("in", feats), ("proj", h0), ("time", h1), ("fc2", h2)):
+        peak = np.abs(v).max()
+        print("%-5s max %8.3f  99.9%% %8.3f  shift <= %d" % (
+            key, peak, np.percentile(np.abs(v), 99.9), int(np.floor(np.log2(127.0 / peak)))))
+
+    def speech(logits):
+        e = np.exp(logits - logits.max(axis=1, keepdims=True))
+        return e[:, 1] / e.sum(axis=1)
+
+    win = np.concatenate([np.zeros((TAPS - 1, 120)), feats])
+    dense = np.stack([win[t:t + TAPS].ravel() for t in range(len(feats))])
+    h = np.maximum(dense @ p["fc1_weight"].T + p["fc1_bias"], 0)
+    h = np.maximum(h @ p["fc2_weight"].T + p["fc2_bias"], 0)
+    ref = speech(h @ p["fc3_weight"].T + p["fc3_bias"])
+    q = speech(run_int8(quantised(), feats.astype(F32)).astype(np.float64))
+    print("speech posterior: mean |8-bit - float| %.4f, max %.4f; decisions at 0.2 agree on %.1f%%"
+          % (np.abs(q - ref).mean(), np.abs(q - ref).max(), 100.0 * np.mean((q > 0.2) == (ref > 0.2))))
+
+
+def main(argv):
+    out_dir = os.path.join(ROOT, "tests", "data", "net")
+    if argv[1:2] == ["--calibrate"]:
+        return calibrate(argv[2])
+    if argv[1:] != ["--check"]:
+        return write(out_dir)
+    with tempfile.TemporaryDirectory() as tmp:
+        write(tmp)
+        stale = [n for n in sorted(os.listdir(tmp))
+                 if open(os.path.join(tmp, n), "rb").read() != open(os.path.join(out_dir, n), "rb").read()]
+    if stale:
+        print("stale test data, run tests/ruvo/gen_stream_vad.py: " + ", ".join(stale))
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv))
