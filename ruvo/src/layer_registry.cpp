@@ -11,6 +11,7 @@
 #include "ruvo/layer.h"
 #include "ruvo/src/layer/activation.h"
 #include "ruvo/src/layer/alphaconvolution.h"
+#include "ruvo/src/layer/alphapooling.h"
 #include "ruvo/src/layer/batchnorm.h"
 #include "ruvo/src/layer/concat.h"
 #include "ruvo/src/layer/convolution.h"
@@ -56,12 +57,12 @@ const LayerRegistryEntry layer_registry[] = {
     {"Flatten",                   Flatten_layer_creator},  // 9  Flatten
     {"BatchNorm",                 BatchNorm_layer_creator},  // 10 BatchNorm
     {"QuantiInput",               QuantiInput_layer_creator},  // 11 QuantiInput
-    {"AlphaPooling",              nullptr},  // 12 AlphaPooling
+    {"AlphaPooling",              AlphaPooling_layer_creator},  // 12 AlphaPooling
     {"QuantiFlatten",             QuantiFlatten_layer_creator},  // 13 QuantiFlatten
     {"QuantiActivation",          QuantiActivation_layer_creator},  // 14 QuantiActivation
     {"NHCW2Conv",                 NHCW2Conv_layer_creator},  // 15 NHCW2Conv
     {"AlphaConvolution",          AlphaConvolution_layer_creator},  // 16 AlphaConvolution
-    {"AlphaUpscale",              nullptr},  // 17 AlphaUpscale
+    {"AlphaUpscale",              AlphaUpscale_layer_creator},  // 17 AlphaUpscale
     {"QuantiFullyConnected",      QuantiFullyConnected_layer_creator},  // 18 QuantiFullyConnected
     {"SoftmaxOutput",             SoftmaxOutput_layer_creator},  // 19 SoftmaxOutput
     {"Reshape",                   Reshape_layer_creator},  // 20 Reshape

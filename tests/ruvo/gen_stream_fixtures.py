@@ -184,8 +184,112 @@ def stream_net(rng, out_dir):
     save("stream", g, params, io, out_dir)
 
 
+# ------------------------------------------- pooling and upscale, 8-bit
+
+
+def pool_ref(x, kernel, stride, pad, kind, full=False, global_pool=False):
+    """Windows clipped to the image; the 8-bit average multiplies by
+    trunc(512 / area) and shifts right by 9; the float one adds in the
+    engine's order (rows, then columns) and divides by the area."""
+    n, h, w, c = x.shape
+    if global_pool:
+        kernel, stride, pad = (h, w), (1, 1), (0, 0)
+    out_hw = []
+    for a in range(2):
+        t = (h, w)[a] + 2 * pad[a] - kernel[a]
+        out_hw.append(int(np.ceil(F32(t) / F32(stride[a]))) + 1 if full else t // stride[a] + 1)
+    out = np.zeros((n,) + tuple(out_hw) + (c,), x.dtype)
+    area = kernel[0] * kernel[1]
+    mult = int(F32(512.0) / F32(area))
+    for oy in range(out_hw[0]):
+        for ox in range(out_hw[1]):
+            y0, x0 = oy * stride[0] - pad[0], ox * stride[1] - pad[1]
+            win = x[:, max(y0, 0):min(y0 + kernel[0], h), max(x0, 0):min(x0 + kernel[1], w)]
+            if kind == "max":
+                out[:, oy, ox] = win.max(axis=(1, 2))
+            elif x.dtype == np.int8:
+                s = win.astype(np.int64).sum(axis=(1, 2))
+                out[:, oy, ox] = np.clip((s * mult) >> 9, -128, 127)
+            else:
+                acc = np.zeros((n, c), F32)
+                for row in range(win.shape[1]):
+                    for col in range(win.shape[2]):
+                        acc = (acc + win[:, row, col]).astype(F32)
+                out[:, oy, ox] = acc / F32(area)
+    return out
+
+
+def upscale_ref(x):
+    """Bilinear doubling, weights out of 256, the last row and column
+    repeated, every shift flooring."""
+    n, h, w, c = x.shape
+    r = np.arange(2 * h)
+    j = np.arange(2 * w)
+    y, fy = r // 2, np.where(r % 2, 128, 0)
+    xx, fx = j // 2, np.where(j % 2, 128, 0)
+    v = x.astype(np.int64)
+    y1, x1 = np.minimum(y + 1, h - 1), np.minimum(xx + 1, w - 1)
+    a = v[:, y][:, :, xx]
+    b = v[:, y][:, :, x1]
+    cc = v[:, y1][:, :, xx]
+    d = v[:, y1][:, :, x1]
+    fx4 = fx[None, None, :, None]
+    fy4 = fy[None, :, None, None]
+    t = a * (256 - fx4) + b * fx4
+    u = cc * (256 - fx4) + d * fx4
+    inner = (u * fy4 + t * (256 - fy4)) >> 16
+    last_cols = ((cc * 256) * fy4 + (a * 256) * (256 - fy4)) >> 16
+    last_rows = t >> 8
+    rows_end = (r >= 2 * h - 2)[None, :, None, None]
+    cols_end = (j >= 2 * w - 2)[None, None, :, None]
+    out = np.where(rows_end, np.where(cols_end, a, last_rows), np.where(cols_end, last_cols, inner))
+    return out.astype(np.int8)
+
+
+def alpha_net(rng, out_dir):
+    """float (2, 5, 7, 8) -> QuantiInput -> AlphaPooling in its forms (and
+    on the float data), AlphaUpscale on the image and on a 1 x 1 pool."""
+    g = SymbolGraph()
+    x = g.variable("data")
+    params = [("aux:qin_input_shift_history", np.array([0], I8))]
+    qin = g.node("QuantiInput", "qin", [x, g.variable("qin_input_shift_history")],
+                 attr={"fixed_output_shift": "4"})
+    pools = [("p_max", qin, (3, 3), (2, 2), (1, 1), "max", False, False),
+             ("p_avg_full", qin, (3, 3), (2, 2), (1, 1), "avg", True, False),
+             ("p_avg_global", qin, (1, 1), (1, 1), (0, 0), "avg", False, True),
+             ("p_float_avg", x, (2, 3), (1, 2), (0, 1), "avg", False, False),
+             ("p_float_max", x, (2, 2), (2, 2), (0, 0), "max", True, False)]
+    nodes = {}
+    for name, src, k, s, p, kind, full, glob in pools:
+        attr = {"kernel": "(%d,%d)" % k, "stride": "(%d,%d)" % s, "pad": "(%d,%d)" % p,
+                "pool_type": kind, "global_pool": "True" if glob else "False"}
+        if full:
+            attr["pooling_convention"] = "full"
+        nodes[name] = g.node("AlphaPooling", name, [src], attr=attr)
+    nodes["up"] = g.node("AlphaUpscale", "up", [qin])
+    nodes["up_1x1"] = g.node("AlphaUpscale", "up_1x1", [nodes["p_avg_global"]])
+    heads = [n for n, *_ in pools] + ["up", "up_1x1"]
+    g.heads = [nodes[h] for h in heads]
+
+    io = IoFile()
+    io.case("image")
+    data = rng.uniform(-9.0, 9.0, (2, 5, 7, 8)).astype(F32)
+    io.input("data", data)
+    q = quanti_input(data, 4, True)
+    got = {}
+    for name, src, k, s, p, kind, full, glob in pools:
+        got[name] = pool_ref(q if src == qin else data, k, s, p, kind, full, glob)
+    got["up"] = upscale_ref(q)
+    got["up_1x1"] = upscale_ref(got["p_avg_global"])
+    assert 127 in got["p_max"] and -128 in got["up"] and 127 in got["up"]
+    for h in heads:
+        io.output(h, got[h])
+    save("alpha", g, params, io, out_dir)
+
+
 def generate(out_dir):
     stream_net(np.random.default_rng(20261124), out_dir)
+    alpha_net(np.random.default_rng(20261126), out_dir)
 
 
 def main(argv):

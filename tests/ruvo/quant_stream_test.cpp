@@ -6,12 +6,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "ruvo/src/net.h"
 #include "tests/ruvo/death_text.h"
 #include "tests/ruvo/layer_cases.h"
 #include "tests/ruvo/net_fixture.h"
@@ -131,6 +133,49 @@ TEST(QuantStreamTest, FramesAtAnyPaceResetAndUpdateMatchNumpy) {
   }
 }
 
+// Pooling and doubling keep the input's scale; 8-bit results are exact,
+// and so is the float pooling, added in the same order.
+TEST(AlphaPoolingTest, PoolingAndUpscaleMatchNumpyAndKeepTheShift) {
+  Model m = net_test::LoadModel("alpha");
+  const auto& c = m.cases.at(0);
+  orvik::ruvo::DefaultNet net;
+  net_test::InputSpec s = net_test::SpecOf(c);
+  ASSERT_EQ(net.Config(m.json.c_str(), m.params.data(), m.params.size(), 1, s.keys.data(),
+                       s.indptr.data(), s.data.data(), 0, nullptr),
+            0);
+  net.SetInput("data", c.inputs[0].second.values.data(),
+               static_cast<uint32_t>(c.inputs[0].second.values.size()));
+  net.Forward();
+  const char* heads[] = {"p_max",       "p_avg_full", "p_avg_global", "p_float_avg",
+                         "p_float_max", "up",         "up_1x1"};
+  for (uint32_t i = 0; i < std::size(heads); ++i) {
+    const orvik::ruvo::NDArray& blob = net.blobs()[net.outs_blobs_index()[i]];
+    const std::vector<float>& want = c.outputs.at(heads[i]).values;
+    ASSERT_EQ(blob.Size(), want.size()) << heads[i];
+    std::vector<float> got(want.size());
+    if (blob.dtype() == orvik::ruvo::kFloat32) {
+      std::copy(blob.dptr<float>(), blob.dptr<float>() + got.size(), got.begin());
+    } else {
+      std::copy(blob.dptr<signed char>(), blob.dptr<signed char>() + got.size(), got.begin());
+      EXPECT_EQ(blob.shift_, 4) << heads[i];
+    }
+    EXPECT_EQ(got, want) << heads[i];
+  }
+}
+
+// A channel count outside the family is logged and writes nothing.
+TEST(AlphaPoolingTest, UpscaleOfUnsupportedChannelsLeavesTheOutput) {
+  auto layer = ruvo_test::MakeLayer("AlphaUpscale", {});
+  orvik::ruvo::NDArray in(TShape{1, 2, 2, 5}, orvik::ruvo::kInt8),
+      out(TShape{1, 4, 4, 5}, orvik::ruvo::kInt8);
+  std::fill(in.dptr<signed char>(), in.dptr<signed char>() + in.Size(), 9);
+  std::fill(out.dptr<signed char>(), out.dptr<signed char>() + out.Size(), 0x55);
+  std::vector<orvik::ruvo::NDArray*> bottoms = {&in}, tops = {&out}, auxes;
+  EXPECT_EQ(layer->Forward(bottoms, tops, auxes), 0);
+  EXPECT_EQ(std::count(out.dptr<signed char>(), out.dptr<signed char>() + out.Size(), 0x55),
+            static_cast<long>(out.Size()));
+}
+
 // The first call's batch may not exceed any temporal window (three frames
 // here): its history holds one window per time step of that call.
 TEST(QuantStreamDeathTest, FirstCallLongerThanTheWindowIsFatal) {
@@ -189,7 +234,19 @@ INSTANTIATE_TEST_SUITE_P(
         FatalCase{"DenseBadBool", "QuantiFullyConnected",
                   {{"num_hidden", "2"}, {"use_batchnorm", "yes"}}, {},
                   RegexEscape("Check failed: ((use_batchnorm_symbol) == \"True\" || "
-                              "(use_batchnorm_symbol) == \"False\")")}),
+                              "(use_batchnorm_symbol) == \"False\")")},
+        FatalCase{"PoolNot4d", "AlphaPooling", {{"kernel", "(2,2)"}, {"pool_type", "max"}},
+                  {TShape{2, 3, 4}},
+                  Fatal("dshape.ndim() == 4 (3 vs. 4)",
+                        "AlphaPooling: Input data should be 4D in (batch, y, x, channel)")},
+        FatalCase{"PoolKernelExceedsInput", "AlphaPooling",
+                  {{"kernel", "(5,2)"}, {"pool_type", "avg"}}, {TShape{1, 3, 4, 2}},
+                  Fatal("oshape[1] > 0 && oshape[2] > 0", "AlphaPooling: kernel size exceed input")},
+        FatalCase{"PoolUnknownType", "AlphaPooling", {{"kernel", "(2,2)"}, {"pool_type", "min"}}, {},
+                  RegexEscape("Check failed: pool::pool_map.count(pool_type_symbol)")},
+        FatalCase{"UpscaleNot4d", "AlphaUpscale", {}, {TShape{2, 3, 4}},
+                  Fatal("dshape.ndim() == 4 (3 vs. 4)",
+                        "AlphaUpscale's input should have 4 dimensions")}),
     CaseName);
 
 }  // namespace
