@@ -11,6 +11,7 @@
 #include "ruvo/layer.h"
 #include "ruvo/src/layer/activation.h"
 #include "ruvo/src/layer/alphaconvolution.h"
+#include "ruvo/src/layer/alphaplusconvolution.h"
 #include "ruvo/src/layer/alphapooling.h"
 #include "ruvo/src/layer/batchnorm.h"
 #include "ruvo/src/layer/concat.h"
@@ -77,7 +78,7 @@ const LayerRegistryEntry layer_registry[] = {
     {"RNN",                       Rnn_layer_creator},  // 29 Rnn
     {"Dropout",                   Dropout_layer_creator},  // 30 Dropout
     {"sum",                       BroadcastReduce_Sum_layer_creator},  // 31 BroadcastReduce_Sum
-    {"AlphaPlusConvolution",      nullptr},  // 32 AlphaPlusConvolution
+    {"AlphaPlusConvolution",      AlphaPlusConvolution_layer_creator},  // 32 AlphaPlusConvolution
     {"UpSampling",                UpSampling_layer_creator},  // 33 UpSampling
     {"QuantiTemporalConvolution", QuantiTemporalConvolution_layer_creator},  // 34 QuantiTemporalConvolution
     {"slice",                     slice_layer_creator},  // 35 slice

@@ -25,8 +25,8 @@ import numpy as np
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 
-from gen_quant_fixtures import (F32, IoFile, SymbolGraph, conv_attrs, output_stage,  # noqa: E402
-                                quanti_input, save, wrap32)
+from gen_quant_fixtures import (F32, IoFile, SymbolGraph, conv_attrs, conv_sum,  # noqa: E402
+                                output_stage, quanti_input, save, wrap32)
 
 I8, I32 = np.int8, np.int32
 FRAMES, WIDTH, CHANNELS = 12, 5, 3
@@ -284,12 +284,101 @@ def alpha_net(rng, out_dir):
     assert 127 in got["p_max"] and -128 in got["up"] and 127 in got["up"]
     for h in heads:
         io.output(h, got[h])
+        if got[h].dtype == np.int8:
+            io.output(h + ".shift", np.array([4]))
     save("alpha", g, params, io, out_dir)
+
+
+# ------------------------------------------------- convolution overrides
+
+
+def alpha_plus_net(rng, out_dir):
+    """float (2, 5, 6, 4) -> QuantiInput (shift 4) -> AlphaPlusConvolution
+    with a forced input shift, 8-bit biases aligned by left and by
+    (count mod 32) right shifts, a forced edata shift, and the float output
+    on the coarsest channel's grid."""
+    g = SymbolGraph()
+    x = g.variable("data")
+    params = [("aux:qin_input_shift_history", np.array([0], I8))]
+    qin = g.node("QuantiInput", "qin", [x, g.variable("qin_input_shift_history")],
+                 attr={"fixed_output_shift": "4"})
+
+    def aux(name, values):
+        params.append(("aux:" + name, np.asarray(values, I8)))
+        return g.variable(name)
+
+    refs, heads = [], []
+
+    def plus(name, k, p, nf, wshift, out_shift, in_shift=None, bias_d=None, edata_shift=None,
+             act=False, align=False):
+        w = rng.integers(-128, 128, (nf,) + k + (4,)).astype(I8)
+        params.append(("arg:%s_weight" % name, w))
+        inputs = [qin, g.variable(name + "_weight")]
+        vec = len(wshift) > 1
+        wshift = np.resize(np.asarray(wshift), nf).astype(I8)
+        used_in = in_shift if in_shift else 4
+        b = None
+        if bias_d is not None:
+            b = rng.integers(-128, 128, (nf,)).astype(I8)
+            params.append(("arg:%s_bias" % name, b))
+            inputs.append(g.variable(name + "_bias"))
+        if edata_shift is not None:
+            inputs.append(qin)
+        key = "vec_" if vec else ""
+        inputs += [aux(name + "_output_shift_history", [out_shift]),
+                   aux("%s_weight_%sshift_history" % (name, key), wshift if vec else wshift[:1])]
+        bias_al = None
+        if b is not None:
+            d = np.resize(np.asarray(bias_d), nf).astype(np.int64)
+            bshift = (wshift.astype(np.int64) + used_in - d).astype(I8)
+            inputs.append(aux("%s_bias_%sshift_history" % (name, key), bshift if vec else bshift[:1]))
+            bv = b.astype(np.int64)
+            bias_al = wrap32(np.where(d >= 0, bv << np.maximum(d, 0), bv >> (d % 32)))
+        attr = conv_attrs(k, pad=p, nf=nf, no_bias=b is None, vector_quanti=vec,
+                          elementwise_input=edata_shift is not None, use_activation=act,
+                          disable_output_quantization=align, align_output_shift=align)
+        if in_shift:
+            attr["input_shift"] = str(in_shift)
+        if edata_shift:
+            attr["elementwise_input_shift"] = str(edata_shift)
+        heads.append(g.node("AlphaPlusConvolution", name, inputs, attr=attr))
+
+        def ref(q):
+            acc = wrap32(conv_sum(q.astype(np.int64), w.astype(np.int64), (1, 1), p, (1, 1), 1,
+                                  dtype=np.int64))
+            if not align:
+                edata = None if edata_shift is None else (q, edata_shift)
+                return output_stage(acc, used_in, wshift, out_shift, bias=bias_al, edata=edata,
+                                    act=act)[0]
+            s = wshift.astype(np.int64) + used_in
+            a = min(128, int(s.min()))
+            v = np.where(act & (acc < 0), 0, acc)
+            return (v >> ((s - a) % 32)).astype(F32) * F32(2.0 ** -a)
+        refs.append((name, ref))
+
+    plus("ap_in_shift", (3, 3), (1, 1), 4, [7], 3, in_shift=5, bias_d=3)
+    plus("ap_bias_edata", (1, 1), (0, 0), 4, [6, 7, 5, 8], 3, bias_d=[2, 0, -1, -3],
+         edata_shift=2, act=True)
+    plus("ap_align", (3, 3), (0, 0), 6, [5, 8, 6, 7, 9, 6], 0, act=True, align=True)
+    g.heads = heads
+
+    io = IoFile()
+    io.case("image")
+    data = rng.uniform(-8.0, 8.0, (2, 5, 6, 4)).astype(F32)
+    io.input("data", data)
+    q = quanti_input(data, 4, True)
+    for name, ref in refs:
+        out = ref(q)
+        io.output(name, out)
+        if out.dtype == np.int8:
+            io.output(name + ".shift", np.array([3]))
+    save("alpha_plus", g, params, io, out_dir)
 
 
 def generate(out_dir):
     stream_net(np.random.default_rng(20261124), out_dir)
     alpha_net(np.random.default_rng(20261126), out_dir)
+    alpha_plus_net(np.random.default_rng(20261127), out_dir)
 
 
 def main(argv):

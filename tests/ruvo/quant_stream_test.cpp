@@ -1,8 +1,9 @@
-// The streaming 8-bit layers through the prediction interface, on the net
-// written by gen_stream_fixtures.py: the batch axis is time, and pushing a
+// The 8-bit layers of gen_stream_fixtures.py's nets.  The streaming ones
+// through the prediction interface: the batch axis is time, and pushing a
 // sequence one frame a call, three frames a call, with a reset in the
 // middle or with UpdateInterBuff between calls gives the integer numpy
-// results bit for bit.  Then the fatal checks.
+// results bit for bit.  Pooling, doubling and the convolution with scale
+// overrides bit for bit with their shifts.  Then the fatal checks.
 
 #include <gtest/gtest.h>
 
@@ -133,38 +134,49 @@ TEST(QuantStreamTest, FramesAtAnyPaceResetAndUpdateMatchNumpy) {
   }
 }
 
-// Pooling and doubling keep the input's scale; 8-bit results are exact,
-// and so is the float pooling, added in the same order.
-TEST(AlphaPoolingTest, PoolingAndUpscaleMatchNumpyAndKeepTheShift) {
-  Model m = net_test::LoadModel("alpha");
-  const auto& c = m.cases.at(0);
-  orvik::ruvo::DefaultNet net;
-  net_test::InputSpec s = net_test::SpecOf(c);
-  ASSERT_EQ(net.Config(m.json.c_str(), m.params.data(), m.params.size(), 1, s.keys.data(),
-                       s.indptr.data(), s.data.data(), 0, nullptr),
-            0);
-  net.SetInput("data", c.inputs[0].second.values.data(),
-               static_cast<uint32_t>(c.inputs[0].second.values.size()));
-  net.Forward();
-  const char* heads[] = {"p_max",       "p_avg_full", "p_avg_global", "p_float_avg",
-                         "p_float_max", "up",         "up_1x1"};
-  for (uint32_t i = 0; i < std::size(heads); ++i) {
-    const orvik::ruvo::NDArray& blob = net.blobs()[net.outs_blobs_index()[i]];
-    const std::vector<float>& want = c.outputs.at(heads[i]).values;
-    ASSERT_EQ(blob.Size(), want.size()) << heads[i];
-    std::vector<float> got(want.size());
-    if (blob.dtype() == orvik::ruvo::kFloat32) {
-      std::copy(blob.dptr<float>(), blob.dptr<float>() + got.size(), got.begin());
-    } else {
-      std::copy(blob.dptr<signed char>(), blob.dptr<signed char>() + got.size(), got.begin());
-      EXPECT_EQ(blob.shift_, 4) << heads[i];
+// Pooling and doubling keep the input's scale, the convolution with scale
+// overrides writes its own; 8-bit results are exact, and so are the float
+// ones, computed in the same order.
+TEST(AlphaLayersTest, OutputsAndShiftsMatchNumpy) {
+  const struct {
+    const char* net;
+    std::vector<const char*> heads;
+  } nets[] = {
+      {"alpha",
+       {"p_max", "p_avg_full", "p_avg_global", "p_float_avg", "p_float_max", "up", "up_1x1"}},
+      {"alpha_plus", {"ap_in_shift", "ap_bias_edata", "ap_align"}},
+  };
+  for (const auto& n : nets) {
+    Model m = net_test::LoadModel(n.net);
+    const auto& c = m.cases.at(0);
+    orvik::ruvo::DefaultNet net;
+    net_test::InputSpec s = net_test::SpecOf(c);
+    ASSERT_EQ(net.Config(m.json.c_str(), m.params.data(), m.params.size(), 1, s.keys.data(),
+                         s.indptr.data(), s.data.data(), 0, nullptr),
+              0);
+    net.SetInput("data", c.inputs[0].second.values.data(),
+                 static_cast<uint32_t>(c.inputs[0].second.values.size()));
+    net.Forward();
+    for (uint32_t i = 0; i < n.heads.size(); ++i) {
+      const std::string what = std::string(n.net) + "/" + n.heads[i];
+      const orvik::ruvo::NDArray& blob = net.blobs()[net.outs_blobs_index()[i]];
+      const std::vector<float>& want = c.outputs.at(n.heads[i]).values;
+      ASSERT_EQ(blob.Size(), want.size()) << what;
+      std::vector<float> got(want.size());
+      if (blob.dtype() == orvik::ruvo::kFloat32) {
+        std::copy(blob.dptr<float>(), blob.dptr<float>() + got.size(), got.begin());
+      } else {
+        std::copy(blob.dptr<signed char>(), blob.dptr<signed char>() + got.size(), got.begin());
+        EXPECT_EQ(blob.shift_, c.outputs.at(what.substr(what.find('/') + 1) + ".shift").values[0])
+            << what;
+      }
+      EXPECT_EQ(got, want) << what;
     }
-    EXPECT_EQ(got, want) << heads[i];
   }
 }
 
 // A channel count outside the family is logged and writes nothing.
-TEST(AlphaPoolingTest, UpscaleOfUnsupportedChannelsLeavesTheOutput) {
+TEST(AlphaLayersTest, UpscaleOfUnsupportedChannelsLeavesTheOutput) {
   auto layer = ruvo_test::MakeLayer("AlphaUpscale", {});
   orvik::ruvo::NDArray in(TShape{1, 2, 2, 5}, orvik::ruvo::kInt8),
       out(TShape{1, 4, 4, 5}, orvik::ruvo::kInt8);
@@ -244,6 +256,10 @@ INSTANTIATE_TEST_SUITE_P(
                   Fatal("oshape[1] > 0 && oshape[2] > 0", "AlphaPooling: kernel size exceed input")},
         FatalCase{"PoolUnknownType", "AlphaPooling", {{"kernel", "(2,2)"}, {"pool_type", "min"}}, {},
                   RegexEscape("Check failed: pool::pool_map.count(pool_type_symbol)")},
+        FatalCase{"PlusBadBool", "AlphaPlusConvolution",
+                  {{"kernel", "(1,1)"}, {"align_output_shift", "false"}}, {},
+                  RegexEscape("Check failed: ((align_output_shift_symbol) == \"True\" || "
+                              "(align_output_shift_symbol) == \"False\")")},
         FatalCase{"UpscaleNot4d", "AlphaUpscale", {}, {TShape{2, 3, 4}},
                   Fatal("dshape.ndim() == 4 (3 vs. 4)",
                         "AlphaUpscale's input should have 4 dimensions")}),

@@ -50,7 +50,8 @@ class AlphaConvolution : public Layer {
   bool prepared_ = false;
   bool is_1x1_ = false;
 
- private:
+ protected:
+  // First-run work: transposed weight, group buffers and the weight shift table.
   void Prepare(const NDArray& data, const NDArray& weight, const NDArray& out,
                const std::vector<NDArray*>& aux_blobs);
 };

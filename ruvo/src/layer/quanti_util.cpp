@@ -1,6 +1,7 @@
 #include "ruvo/src/layer/quanti_util.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -64,6 +65,21 @@ void OutputStage::Run(int32_t* acc, index_t positions, signed char* out8, float*
     }
   }
 
+  if (disable_output_quantization && align_output_shift) {
+    int32_t align_shift = 128;
+    for (int32_t c = 0; c < channels; ++c) align_shift = std::min(align_shift, w[c] + in_shift - m);
+    CHECK(align_shift != 128);
+    const float scale = powf(2.0f, static_cast<float>(-align_shift));
+    for (index_t p = 0; p < positions; ++p) {
+      const int32_t* row = acc + p * nc;
+      float* o = outf + p * nc;
+      for (size_t c = 0; c < nc; ++c) {
+        const int32_t v = use_activation && row[c] < 0 ? 0 : row[c];
+        o[c] = static_cast<float>(ShiftRight(v, w[c] + in_shift - m - align_shift)) * scale;
+      }
+    }
+    return;
+  }
   if (disable_output_quantization) {
     for (index_t p = 0; p < positions; ++p) {
       const int32_t* row = acc + p * nc;

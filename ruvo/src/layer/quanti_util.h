@@ -82,6 +82,10 @@ struct OutputStage {
   int32_t edata_shift = 0;
   bool use_activation = false;
   bool disable_output_quantization = false;
+  // With disable_output_quantization: every channel is first cut to the
+  // coarsest channel's grid (its accumulator shifted right by the
+  // difference), then scaled by powf(2, -that exponent).
+  bool align_output_shift = false;
 
   // Alignment exponent m: 0 when the further tensor can be shifted up to
   // every channel's scale, else the most negative alignment (the tensor is
