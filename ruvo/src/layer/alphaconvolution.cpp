@@ -121,6 +121,53 @@ void AlphaConvolution::Prepare(const NDArray& data, const NDArray& weight, const
   }
 }
 
+void AlphaConvolution::RunImages(const NDArray& data, const NDArray& weight,
+                                 const conv::Geometry& g, const signed char* edata,
+                                 quanti::OutputStage* stage, NDArray* out) {
+  const index_t nf = static_cast<index_t>(attrs_.num_filter_);
+  NDArray& top = *out;
+  const int positions = g.positions();
+  const int depth = g.depth();
+  NDArray col = resource_->GetInterBuf(0, Shape2(positions, depth), data.dtype());
+  NDArray acc = resource_->GetInterBuf(1, Shape2(positions, nf), kInt32);
+  int* accp = acc.dptr<int>();
+  const signed char* in = data.dptr<signed char>();
+  const signed char* w =
+      transpose_weight_ ? weight_t_.dptr<signed char>() : weight.dptr<signed char>();
+  const size_t in_image = static_cast<size_t>(g.height) * g.width * g.channels;
+  const size_t out_image = static_cast<size_t>(positions) * nf;
+  signed char* out8 = disable_output_quantization_ ? nullptr : top.dptr<signed char>();
+  float* outf = disable_output_quantization_ ? top.dptr<float>() : nullptr;
+  const int batch = static_cast<int>(data.shape()[0]);
+  for (int n = 0; n < batch; ++n) {
+    const signed char* img = in + n * in_image;
+    if (g.num_group == 1) {
+      const signed char* a = img;
+      if (!is_1x1_) {
+        conv::im2col<signed char>(img, g.channels, g.height, g.width, g.kernel_h, g.kernel_w,
+                                  g.pad_h, g.pad_w, g.stride_h, g.stride_w, g.dilation_h,
+                                  g.dilation_w, 0, col.dptr<signed char>());
+        a = col.dptr<signed char>();
+      }
+      conv::GemmImage<signed char, int>(a, w, accp, g);
+    } else {
+      signed char* gin = group_in_.dptr<signed char>();
+      int* gout = group_out_.dptr<int>();
+      conv::GroupReorder<signed char>(img, gin, g.height * g.width, g.channels, g.num_group, false);
+      if (is_1x1_) {
+        conv::Forward1x1GEMMOneGroup<signed char, int>(gin, gout, w, g);
+      } else {
+        conv::ForwardGEMMOneGroupOneImage<signed char, int>(gin, gout, w,
+                                                            col.dptr<signed char>(), 0, g);
+      }
+      conv::GroupReorder<int>(gout, accp, positions, attrs_.num_filter_, g.num_group, true);
+    }
+    stage->edata = edata == nullptr ? nullptr : edata + n * out_image;
+    stage->Run(accp, static_cast<index_t>(positions), out8 ? out8 + n * out_image : nullptr,
+              outf ? outf + n * out_image : nullptr);
+  }
+}
+
 int AlphaConvolution::Forward(const std::vector<NDArray*>& bottom_blobs,
                               std::vector<NDArray*>& top_blobs, std::vector<NDArray*>& aux_blobs) {
   CHECK(inited_) << "Init first!";
@@ -162,46 +209,7 @@ int AlphaConvolution::Forward(const std::vector<NDArray*>& bottom_blobs,
   stage.use_activation = use_activation_;
   stage.disable_output_quantization = disable_output_quantization_;
 
-  const int positions = g.positions();
-  const int depth = g.depth();
-  NDArray col = resource_->GetInterBuf(0, Shape2(positions, depth), data.dtype());
-  NDArray acc = resource_->GetInterBuf(1, Shape2(positions, nf), kInt32);
-  int* accp = acc.dptr<int>();
-  const signed char* in = data.dptr<signed char>();
-  const signed char* w =
-      transpose_weight_ ? weight_t_.dptr<signed char>() : weight.dptr<signed char>();
-  const size_t in_image = static_cast<size_t>(g.height) * g.width * g.channels;
-  const size_t out_image = static_cast<size_t>(positions) * nf;
-  signed char* out8 = disable_output_quantization_ ? nullptr : top.dptr<signed char>();
-  float* outf = disable_output_quantization_ ? top.dptr<float>() : nullptr;
-  const int batch = static_cast<int>(data.shape()[0]);
-  for (int n = 0; n < batch; ++n) {
-    const signed char* img = in + n * in_image;
-    if (g.num_group == 1) {
-      const signed char* a = img;
-      if (!is_1x1_) {
-        conv::im2col<signed char>(img, g.channels, g.height, g.width, g.kernel_h, g.kernel_w,
-                                  g.pad_h, g.pad_w, g.stride_h, g.stride_w, g.dilation_h,
-                                  g.dilation_w, 0, col.dptr<signed char>());
-        a = col.dptr<signed char>();
-      }
-      conv::GemmImage<signed char, int>(a, w, accp, g);
-    } else {
-      signed char* gin = group_in_.dptr<signed char>();
-      int* gout = group_out_.dptr<int>();
-      conv::GroupReorder<signed char>(img, gin, g.height * g.width, g.channels, g.num_group, false);
-      if (is_1x1_) {
-        conv::Forward1x1GEMMOneGroup<signed char, int>(gin, gout, w, g);
-      } else {
-        conv::ForwardGEMMOneGroupOneImage<signed char, int>(gin, gout, w,
-                                                            col.dptr<signed char>(), 0, g);
-      }
-      conv::GroupReorder<int>(gout, accp, positions, attrs_.num_filter_, g.num_group, true);
-    }
-    stage.edata = edata == nullptr ? nullptr : edata + n * out_image;
-    stage.Run(accp, static_cast<index_t>(positions), out8 ? out8 + n * out_image : nullptr,
-              outf ? outf + n * out_image : nullptr);
-  }
+  RunImages(data, weight, g, edata, &stage, &top);
   top.shift_ = stage.out_shift;
   return 0;
 }

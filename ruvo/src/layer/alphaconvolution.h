@@ -3,6 +3,7 @@
 
 #include "ruvo/layer.h"
 #include "ruvo/src/layer/conv_common.h"
+#include "ruvo/src/layer/quanti_util.h"
 
 namespace orvik {
 namespace ruvo {
@@ -54,6 +55,11 @@ class AlphaConvolution : public Layer {
   // First-run work: transposed weight, group buffers and the weight shift table.
   void Prepare(const NDArray& data, const NDArray& weight, const NDArray& out,
                const std::vector<NDArray*>& aux_blobs);
+  // Every image of `data` through the GEMM (columns, groups or the image
+  // itself) and `stage` into `out`; `edata`, if any, is in the output's
+  // layout.
+  void RunImages(const NDArray& data, const NDArray& weight, const conv::Geometry& g,
+                 const signed char* edata, quanti::OutputStage* stage, NDArray* out);
 };
 
 Layer* AlphaConvolution_layer_creator();

@@ -60,7 +60,6 @@ int AlphaPlusConvolution::Forward(const std::vector<NDArray*>& bottom_blobs,
     prepared_ = true;
   }
 
-  const index_t nf = static_cast<index_t>(attrs_.num_filter_);
   const conv::Geometry g = attrs_.GeometryOf(data.shape(), top.shape(), transpose_weight_);
   quanti::OutputStage stage;
   stage.channels = attrs_.num_filter_;
@@ -83,43 +82,7 @@ int AlphaPlusConvolution::Forward(const std::vector<NDArray*>& bottom_blobs,
   stage.disable_output_quantization = disable_output_quantization_;
   stage.align_output_shift = align_output_shift_;
 
-  const int positions = g.positions();
-  NDArray col = resource_->GetInterBuf(0, Shape2(positions, g.depth()), data.dtype());
-  NDArray acc = resource_->GetInterBuf(1, Shape2(positions, nf), kInt32);
-  int* accp = acc.dptr<int>();
-  const signed char* w =
-      transpose_weight_ ? weight_t_.dptr<signed char>() : weight.dptr<signed char>();
-  const size_t in_image = static_cast<size_t>(g.height) * g.width * g.channels;
-  const size_t out_image = static_cast<size_t>(positions) * nf;
-  signed char* out8 = disable_output_quantization_ ? nullptr : top.dptr<signed char>();
-  float* outf = disable_output_quantization_ ? top.dptr<float>() : nullptr;
-  for (index_t n = 0; n < data.shape()[0]; ++n) {
-    const signed char* img = data.dptr<signed char>() + n * in_image;
-    if (g.num_group == 1) {
-      const signed char* a = img;
-      if (!is_1x1_) {
-        conv::im2col<signed char>(img, g.channels, g.height, g.width, g.kernel_h, g.kernel_w,
-                                  g.pad_h, g.pad_w, g.stride_h, g.stride_w, g.dilation_h,
-                                  g.dilation_w, 0, col.dptr<signed char>());
-        a = col.dptr<signed char>();
-      }
-      conv::GemmImage<signed char, int>(a, w, accp, g);
-    } else {
-      signed char* gin = group_in_.dptr<signed char>();
-      int* gout = group_out_.dptr<int>();
-      conv::GroupReorder<signed char>(img, gin, g.height * g.width, g.channels, g.num_group, false);
-      if (is_1x1_) {
-        conv::Forward1x1GEMMOneGroup<signed char, int>(gin, gout, w, g);
-      } else {
-        conv::ForwardGEMMOneGroupOneImage<signed char, int>(gin, gout, w,
-                                                            col.dptr<signed char>(), 0, g);
-      }
-      conv::GroupReorder<int>(gout, accp, positions, attrs_.num_filter_, g.num_group, true);
-    }
-    stage.edata = edata == nullptr ? nullptr : edata + n * out_image;
-    stage.Run(accp, static_cast<index_t>(positions), out8 ? out8 + n * out_image : nullptr,
-              outf ? outf + n * out_image : nullptr);
-  }
+  RunImages(data, weight, g, edata, &stage, &top);
   top.shift_ = stage.out_shift;
   return 0;
 }
