@@ -5,13 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "ruvo/layer.h"
 #include "ruvo/src/layer/fullyconnected.h"
 #include "tests/ruvo/death_text.h"
+#include "tests/ruvo/layer_cases.h"
 #include "tests/ruvo/net_fixture.h"
 
 namespace {
@@ -21,9 +20,12 @@ using net_test::GetOutput;
 using net_test::LoadModel;
 using net_test::Model;
 using net_test::Tensor;
-using orvik::ruvo::Layer;
-using orvik::ruvo::LayerAttrs;
 using orvik::ruvo::TShape;
+using ruvo_test::ExpectBuildAborts;
+using ruvo_test::Fatal;
+using ruvo_test::FatalCase;
+using ruvo_test::MakeLayer;
+using ruvo_test::RegexEscape;
 
 // Float results against numpy in double: a few float roundings per
 // element, and the polynomial exponential of the softmax (about 1e-7
@@ -114,17 +116,6 @@ TEST(FullyConnectedQuantTest, EightBitPathWithinQuantisationError) {
 
 // --------------------------------------------------------- single layers
 
-std::unique_ptr<Layer> MakeLayer(const std::string& op, const LayerAttrs& attrs) {
-  std::unique_ptr<Layer> layer(orvik::ruvo::create_layer(orvik::ruvo::layer_to_index(op.c_str())));
-  EXPECT_NE(layer, nullptr) << op;
-  if (layer) {
-    layer->SetType(op);
-    layer->SetName("l");
-    layer->Init(attrs);
-  }
-  return layer;
-}
-
 TEST(StructureLayerTest, ListsAndInplaceOptions) {
   auto concat = MakeLayer("Concat", {{"num_args", "3"}});
   EXPECT_EQ(concat->ListArguments(), (std::vector<std::string>{"arg0", "arg1", "arg2"}));
@@ -146,31 +137,9 @@ TEST(StructureLayerTest, ListsAndInplaceOptions) {
 
 // Bad attributes and shapes are fatal at build time with the layer's own
 // words.
-struct FatalCase {
-  const char* name;
-  const char* op;
-  LayerAttrs attrs;
-  std::vector<TShape> in;  // empty: the failure is in Init
-  std::string expected;
-};
-
 class LayerDeathTest : public testing::TestWithParam<FatalCase> {};
 
-TEST_P(LayerDeathTest, Aborts) {
-  const FatalCase& fc = GetParam();
-  EXPECT_DEATH(
-      {
-        auto layer = MakeLayer(fc.op, fc.attrs);
-        std::vector<TShape> in = fc.in;
-        std::vector<TShape> out(1);
-        std::vector<TShape> aux;
-        layer->InferShape(in, out, aux);
-      },
-      fc.expected);
-}
-
-using ruvo_test::Fatal;
-using ruvo_test::RegexEscape;
+TEST_P(LayerDeathTest, Aborts) { ExpectBuildAborts(GetParam()); }
 
 INSTANTIATE_TEST_SUITE_P(
     Layers, LayerDeathTest,
@@ -238,7 +207,7 @@ INSTANTIATE_TEST_SUITE_P(
                   Fatal("false", "softmaxoutput label shape error")},
         FatalCase{"SoftmaxOutputWrongModeLabel", "SoftmaxOutput", {}, {TShape{2, 3, 4}, TShape{2, 3}},
                   Fatal("out == label_shape", "Shape inconsistent, Provided (2,3) inferrend shape=(2,)")}),
-    [](const testing::TestParamInfo<FatalCase>& info) { return std::string(info.param.name); });
+    ruvo_test::CaseName);
 
 // Forward-time rules: a 2-d input in mode "channel", and a layer that was
 // never initialised.
