@@ -136,33 +136,6 @@ TEST(ResourceDeathTest, OnlyThreeSlots) {
                Fatal("idx >= 0 (-1 vs. 0)", "Only support 3share buffer"));
 }
 
-struct BoolCase {
-  const char* text;  // null: key absent
-  bool expected;
-};
-
-TEST(AttrTest, BooleansDefaultWhenAbsent) {
-  const BoolCase cases[] = {{"True", true}, {"False", false}, {nullptr, true}};
-  for (const BoolCase& c : cases) {
-    LayerAttrs attrs;
-    if (c.text) attrs["no_bias"] = c.text;
-    bool no_bias = false;
-    RUVO_BOOL_ATTR(attrs, "no_bias", "True", no_bias_symbol, no_bias);
-    EXPECT_EQ(no_bias, c.expected) << (c.text ? c.text : "(absent)");
-  }
-}
-
-TEST(AttrDeathTest, BooleanSpellingsOtherThanTrueFalseAreFatal) {
-  for (const char* text : {"true", "1", "FALSE", ""}) {
-    LayerAttrs attrs{{"no_bias", text}};
-    [[maybe_unused]] bool no_bias = false;
-    EXPECT_DEATH(RUVO_BOOL_ATTR(attrs, "no_bias", "False", no_bias_symbol, no_bias),
-                 ruvo_test::RegexEscape("# Check failed: ((no_bias_symbol) == \"True\" || "
-                                        "(no_bias_symbol) == \"False\")"))
-        << text;
-  }
-}
-
 }  // namespace
 }  // namespace ruvo
 }  // namespace orvik

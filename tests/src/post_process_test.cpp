@@ -326,38 +326,6 @@ TEST(PostProcessTest, ClassZeroWarns) {
   }
 }
 
-// Keys named in the INFO lines, in order of reading, each followed by a space.
-std::string KeysRead(const std::string& log) {
-  std::string keys;
-  std::regex key_re("INFO: use (user`s|default) value <[^>]*> for key <([^>]*)>\n");
-  for (auto it = std::sregex_iterator(log.begin(), log.end(), key_re); it != std::sregex_iterator();
-       ++it) {
-    keys += (*it)[2].str() + " ";
-  }
-  return keys;
-}
-
-TEST(PostProcessTest, ReadsKeysInOrder) {
-  std::string log;
-  MakePost(With(BaseConfig(), {{"E_post_process_type", "1"},
-                               {"cutoff_n_frame_max_vad_length", "51"},
-                               {"cutoff_n_frame_min_vad_length", "10"},
-                               {"cutoff_n_frame_judging", "10"},
-                               {"cutoff_threshold", "0.5"}}),
-           false, &log);
-  // The post-processing's own keys, the energy stage's, the force cutoff's.
-  EXPECT_EQ(KeysRead(log),
-            "target_class n_batch n_classes sil_to_voice_hangover voice_to_sil_hangover "
-            "extra_leading_sil wakeup_threshold first_vad_seg_trigger_threshold "
-            "first_vad_seg_extra_tailing_sil n_max_continuous_sil_frame sil_check_threshold "
-            "E_post_process_type E_post_process_type E_buff_length E_high_percent E_low_percent "
-            "E_high_th E_low_th E_pow_factor cutoff_n_frame_max_vad_length "
-            "cutoff_n_frame_max_vad_length cutoff_n_frame_min_vad_length cutoff_n_frame_judging "
-            "cutoff_threshold ");
-  EXPECT_NE(log.find("INFO: use default value <-1> for key <first_vad_seg_trigger_threshold>\n"),
-            std::string::npos);
-}
-
 ConfigMap SuspectedConfig() {
   return With(BaseConfig(), {{"suspected_sil_to_voice_hangover", "4"},
                              {"suspected_voice_to_sil_hangover", "6"},

@@ -36,7 +36,6 @@ TEST(UniversalPredictorTest, RunsTheNet) {
   const DataType dtypes[] = {DTFloat32};
   ASSERT_EQ(CreateMlp(m, &h, dtypes), 0);
   ASSERT_NE(h, nullptr);
-  EXPECT_NE(dynamic_cast<MxnetPredictorHandle*>(h)->input_dtype_list, nullptr);
 
   uint32_t* shape = nullptr;
   uint32_t ndim = 0;
@@ -72,7 +71,6 @@ TEST(UniversalPredictorTest, ResetInternalBufferOnlyWarns) {
   Model m = LoadModel("mlp");
   UniversalPredictorHandle* h = nullptr;
   ASSERT_EQ(CreateMlp(m, &h), 0);
-  EXPECT_EQ(dynamic_cast<MxnetPredictorHandle*>(h)->input_dtype_list, nullptr);
   testing::internal::CaptureStderr();
   EXPECT_EQ(UniversalPredictorResetInternalBuffer(h), 1);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
@@ -102,22 +100,6 @@ TEST(UniversalPredictorTest, FailedCreateStillGivesAHandle) {
   EXPECT_STREQ(UniversalPredictorGetLastError(h), "not support MXGetLastErr currently!");
   EXPECT_EQ(UniversalPredictorFreePredictor(h), 0);
   EXPECT_EQ(UniversalPredictorFreePredictor(nullptr), 0);
-}
-
-// createHandle on an existing object replaces its input types and builds
-// the net; the model path is not looked at.
-TEST(UniversalPredictorTest, CreateHandleReplacesInputTypes) {
-  Model m = LoadModel("mlp");
-  net_test::InputSpec s = net_test::SpecOf(m.cases.at(0));
-  MxnetPredictorHandle h;
-  const DataType dtypes[] = {DTInt8};
-  EXPECT_EQ(h.createHandle("/no/such/path", m.json.c_str(), m.params.data(),
-                           static_cast<int32_t>(m.params.size()), 1, 0, 1, s.keys.data(),
-                           s.indptr.data(), s.data.data(), dtypes),
-            0);
-  ASSERT_NE(h.input_dtype_list, nullptr);
-  EXPECT_EQ(h.input_dtype_list[0], static_cast<uint32_t>(DTInt8));
-  EXPECT_NE(h.predictorHandle, nullptr);
 }
 
 }  // namespace
