@@ -72,31 +72,33 @@ TEST(ForceCutoffTest, CutsWhereExpected) {
   }
 }
 
-TEST(ForceCutoffTest, NonOneFlagRestartsTheCount) {
-  auto f = MakeCutoff(6, 0, 2, "0");
-  std::vector<float> scores = Steady(0.9f, 8);
-  std::vector<int32_t> labels = {1, 1, 0, 1, 1, 1, 1, 1};
-  f->apply_force_cutoff_process(8, scores.data(), labels.data());
-  EXPECT_EQ(labels, (std::vector<int32_t>{1, 1, 0, 1, 1, 1, 1, 0}));
-}
-
-TEST(ForceCutoffTest, NullLabelsFeedTheSumsOnly) {
-  auto f = MakeCutoff(6, 0, 2, "0");
-  std::vector<float> lead = Steady(0.9f, 3);
-  f->apply_force_cutoff_process(3, lead.data(), nullptr);
-  EXPECT_EQ(CutPlaces(*f, Steady(0.9f, 4)), (std::vector<int>{1}));
-  // A cut during a null-labels call still restarts the count.
-  auto g = MakeCutoff(6, 0, 2, "0");
-  std::vector<float> longer = Steady(0.9f, 7);
-  g->apply_force_cutoff_process(7, longer.data(), nullptr);
-  EXPECT_EQ(CutPlaces(*g, Steady(0.9f, 4)), (std::vector<int>{2}));
-}
-
-TEST(ForceCutoffTest, ResetRestartsTheCount) {
-  auto f = MakeCutoff(6, 0, 2, "0");
-  EXPECT_EQ(CutPlaces(*f, Steady(0.9f, 3)), std::vector<int>{});
-  f->reset();
-  EXPECT_EQ(CutPlaces(*f, Steady(0.9f, 6)), (std::vector<int>{4}));
+// What restarts the length count: a flag other than 1, a cut during a call
+// without flags (which only feeds the sums), and reset.  Each case feeds a
+// lead-in of steady 0.9 (with `lead_labels`, or none), then 0.9 with all
+// flags 1, under a length limit of 6.
+TEST(ForceCutoffTest, CountRestarts) {
+  const struct {
+    std::vector<int32_t> lead_labels;  // empty: a null-labels call
+    int lead;
+    bool reset;
+    int after;
+    std::vector<int> cuts;
+  } cases[] = {
+      {{1, 1, 0, 1, 1, 1, 1}, 7, false, 1, {0}},
+      {{}, 3, false, 4, {1}},
+      {{}, 7, false, 4, {2}},
+      {{1, 1, 1}, 3, true, 6, {4}},
+  };
+  for (size_t k = 0; k < sizeof(cases) / sizeof(cases[0]); ++k) {
+    const auto& c = cases[k];
+    auto f = MakeCutoff(6, 0, 2, "0");
+    std::vector<float> lead = Steady(0.9f, c.lead);
+    std::vector<int32_t> labels = c.lead_labels;
+    f->apply_force_cutoff_process(c.lead, lead.data(), labels.empty() ? nullptr : labels.data());
+    EXPECT_EQ(labels, c.lead_labels) << "no cut in the lead-in, case " << k;
+    if (c.reset) f->reset();
+    EXPECT_EQ(CutPlaces(*f, Steady(0.9f, c.after)), c.cuts) << "case " << k;
+  }
 }
 
 TEST(ForceCutoffDeathTest, MissingKeyAborts) {
