@@ -197,14 +197,17 @@ TEST_P(WrittenParamsTest, LoadBackWithNamesShapesTypesAndBytes) {
 INSTANTIATE_TEST_SUITE_P(BothShapeForms, WrittenParamsTest,
                          ::testing::Values("params_modern.params", "params_legacy.params"));
 
-// Ten arrays with nine names pass this reader: the net's own check on
-// that is in net_test.
-TEST(ParamsTest, EmptyListClearsTheTargets) {
+// An empty list clears the targets; ten arrays with nine names pass this
+// reader (the net's own check on that is in net_test).
+TEST(ParamsTest, CountsAsTheFileHasThem) {
   std::vector<NDArray> data(3);
   std::vector<std::string> names(2);
   LoadAll(ReadDataFile("params_empty.params"), &data, &names);
   EXPECT_TRUE(data.empty());
   EXPECT_TRUE(names.empty());
+  LoadAll(ReadDataFile("params_ten_nine.params"), &data, &names);
+  EXPECT_EQ(data.size(), 10u);
+  EXPECT_EQ(names.size(), 9u);
 }
 
 TEST(ParamsTest, ShapeFormsAndEmptyRecords) {

@@ -5,8 +5,7 @@
     /usr/bin/python3 tests/data/ruvo/gen_engine_files.py --check  (compare)
 
 The array contents follow simple formulas that the C++ tests restate
-(tests/ruvo/model_files_test.cpp); change both together.  The files are
-also the seeds of the mutation test.
+(tests/ruvo/model_files_test.cpp); change both together.
 """
 
 import os
