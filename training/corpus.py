@@ -1,26 +1,33 @@
 #!/usr/bin/python3
-"""Deterministic synthetic corpus for voice activity detection.
+"""Deterministic corpus for voice activity detection.
 
 Speech comes from espeak-ng (random syllable text, many voices, languages,
-speeds and pitches), mixed with white, pink and brown noise, babble, mains
-hum or clicks at SNRs from clean to 0 dB.  Each clip gets frame labels
-(10 ms) from the energy of its clean speech.  The held-out split uses
-voices, languages, noise instances and seeds that training never sees.
+speeds and pitches) and, in every other training clip, from recorded
+speakers (real_audio.py).  It is mixed with white, pink and brown noise,
+babble, mains hum, clicks, music or machine and ambient sound effects at
+SNRs from clean to 0 dB.  Each clip gets frame labels (10 ms) from the
+energy of its clean speech.  The held-out split uses voices, languages,
+noise instances, noise files and seeds that training never sees; the
+held-out real split is one recorded speaker whom training never hears.
 
-Usage: corpus.py --out DIR [--train-clips N] [--heldout-clips N]
-Writes DIR/{train,heldout}/NNNN.wav (16 kHz, 16-bit mono),
+Usage: corpus.py --out DIR [--train-clips N] [--heldout-clips N] [--real-clips N]
+Writes DIR/{train,heldout,heldout_real}/NNNN.wav (16 kHz, 16-bit mono),
 NNNN.labels (one 0/1 per 10 ms frame) and DIR/{split}/manifest.json.
 """
 
 import argparse
 import io
 import json
+import multiprocessing
 import os
 import subprocess
 import sys
 import wave
 
 import numpy as np
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import real_audio  # noqa: E402
 
 RATE = 16000
 FRAME = 160  # 10 ms
@@ -34,13 +41,19 @@ TRAIN_VARIANTS = ["", "m1", "m2", "m3", "m4", "m6", "m7", "f1", "f2", "f3", "f5"
                   "steph", "zac"]
 HELDOUT_VARIANTS = ["m5", "m8", "f4", "klatt4", "klatt5", "Annie", "belinda",
                     "michel", "quincy", "victor", "norbert", "grandma", "grandpa"]
-NOISES = ["white", "pink", "brown", "babble", "hum", "clicks"]
+NOISES = ["white", "pink", "brown", "babble", "hum", "clicks", "music", "effects"]
 SNRS = [None, 20, 10, 5, 0]  # None: clean
 
 SPLITS = {
     # Seeds of the two splits never meet: clip k of a split uses seed base + k.
-    "train": dict(langs=TRAIN_LANGS, variants=TRAIN_VARIANTS, seed=1000, hum_hz=50.0),
-    "heldout": dict(langs=HELDOUT_LANGS, variants=HELDOUT_VARIANTS, seed=900000, hum_hz=60.0),
+    # Every other training clip is spoken by one of the recorded speakers.
+    "train": dict(name="train", langs=TRAIN_LANGS, variants=TRAIN_VARIANTS, seed=1000,
+                  hum_hz=50.0, speakers=real_audio.TRAIN_SPEAKERS, real_every=2),
+    "heldout": dict(name="heldout", langs=HELDOUT_LANGS, variants=HELDOUT_VARIANTS,
+                    seed=900000, hum_hz=60.0, speakers=[], real_every=0),
+    "heldout_real": dict(name="heldout_real", langs=HELDOUT_LANGS, variants=HELDOUT_VARIANTS,
+                         seed=950000, hum_hz=60.0, speakers=[real_audio.HELDOUT_SPEAKER],
+                         real_every=1),
 }
 
 CONSONANTS = "bdfgklmnprstvz"
@@ -166,6 +179,10 @@ def make_noise(rng, kind, n, cfg):
         return hum(rng, n, cfg["hum_hz"])
     if kind == "clicks":
         return clicks(rng, n)
+    if kind == "music":
+        return real_audio.music(rng, n, cfg["name"])
+    if kind == "effects":
+        return real_audio.effects(rng, n, cfg["name"])
     raise ValueError(kind)
 
 
@@ -179,11 +196,18 @@ def make_clip(split, index, seconds=(9.0, 14.0), noise=None, snr="random"):
     voice = lang + ("+" + var if var else "")
     speed = int(rng.integers(120, 230))
     pitch = int(rng.integers(15, 85))
+    real = cfg["real_every"] and index % cfg["real_every"] == 0
+    if real:
+        voice = str(rng.choice(cfg["speakers"]))
     target = rng.uniform(*seconds)
     parts = [np.zeros(int(rng.uniform(0.3, 2.0) * RATE))]
     total = parts[0].size
     while total < target * RATE:
-        utt = speak(random_text(rng, int(rng.integers(3, 12))), voice, speed, pitch)
+        text = random_text(rng, int(rng.integers(3, 12)))
+        if real:
+            utt = real_audio.speaker_utterance(rng, voice, text)
+        else:
+            utt = speak(text, voice, speed, pitch)
         utt *= 10 ** (rng.uniform(-6, 0) / 20)  # loudness varies per utterance
         gap = np.zeros(int(rng.uniform(0.3, 2.5) * RATE))
         parts += [utt, gap]
@@ -236,20 +260,29 @@ def read_frame_values(path):
         return np.array([float(line) for line in f if line.strip()])
 
 
-def build(out, split, n_clips):
+def _write_clip(job):
+    d, split, i = job
+    pcm, labels, meta = make_clip(split, i)
+    name = "%04d" % i
+    write_wav(os.path.join(d, name + ".wav"), pcm)
+    write_labels(os.path.join(d, name + ".labels"), labels)
+    meta["name"] = name
+    meta["speech_fraction"] = round(float(labels.mean()), 3)
+    print("%s %s %-14s %-7s snr=%s %.1fs" % (split, name, meta["voice"], meta["noise"],
+                                             meta["snr"], meta["seconds"]), flush=True)
+    return meta
+
+
+def build(out, split, n_clips, jobs=1):
     d = os.path.join(out, split)
     os.makedirs(d, exist_ok=True)
-    manifest = []
-    for i in range(n_clips):
-        pcm, labels, meta = make_clip(split, i)
-        name = "%04d" % i
-        write_wav(os.path.join(d, name + ".wav"), pcm)
-        write_labels(os.path.join(d, name + ".labels"), labels)
-        meta["name"] = name
-        meta["speech_fraction"] = round(float(labels.mean()), 3)
-        manifest.append(meta)
-        print("%s %s %-14s %-7s snr=%s %.1fs" % (split, name, meta["voice"], meta["noise"],
-                                                 meta["snr"], meta["seconds"]), flush=True)
+    work = [(d, split, i) for i in range(n_clips)]
+    if jobs > 1:
+        # Each clip depends on its own seed only, so the order of work is free.
+        with multiprocessing.Pool(jobs) as pool:
+            manifest = pool.map(_write_clip, work, chunksize=1)
+    else:
+        manifest = [_write_clip(w) for w in work]
     with open(os.path.join(d, "manifest.json"), "w") as f:
         json.dump(manifest, f, indent=1)
 
@@ -259,9 +292,13 @@ def main():
     ap.add_argument("--out", required=True)
     ap.add_argument("--train-clips", type=int, default=240)
     ap.add_argument("--heldout-clips", type=int, default=60)
+    ap.add_argument("--real-clips", type=int, default=40, help="clips of the held-out speaker")
+    ap.add_argument("--splits", default="train,heldout,heldout_real")
+    ap.add_argument("--jobs", type=int, default=1)
     a = ap.parse_args()
-    build(a.out, "train", a.train_clips)
-    build(a.out, "heldout", a.heldout_clips)
+    counts = dict(train=a.train_clips, heldout=a.heldout_clips, heldout_real=a.real_clips)
+    for split in a.splits.split(","):
+        build(a.out, split, counts[split], a.jobs)
 
 
 if __name__ == "__main__":

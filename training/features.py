@@ -20,8 +20,10 @@ def main():
     ap.add_argument("--corpus", required=True)
     ap.add_argument("--out", required=True)
     a = ap.parse_args()
-    for split in ("train", "heldout"):
+    for split in ("train", "heldout", "heldout_real"):
         src = os.path.join(a.corpus, split)
+        if not os.path.isdir(src):
+            continue
         dst = os.path.join(a.out, split)
         os.makedirs(dst, exist_ok=True)
         names = sorted(n[:-4] for n in os.listdir(src) if n.endswith(".wav"))

@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# The whole run that makes the bundled streaming model: corpus, features,
+# training in the engine's fixed-point arithmetic, export and the export's
+# check data.  About an hour on two idle cores.
+#
+#   training/make_streaming_model.sh BUILD [WORK]
+#
+# BUILD is a build tree with tools/tovad_feature_dump; WORK (default
+# training/work) receives the corpus, the features and the trained model.
+# Writes models/default/ and tests/data/streaming_model_*.
+set -euo pipefail
+here="$(cd "$(dirname "$0")" && pwd)"
+root="$(dirname "$here")"
+build="$(cd "$1" && pwd)"
+work="${2:-$here/work}"
+py=/usr/bin/python3
+run() { echo "== $*" >&2; nice -n 19 "$@"; }
+
+[ -f "$work/corpus/heldout_real/manifest.json" ] ||
+  run $py "$here/corpus.py" --out "$work/corpus" --train-clips 480 --heldout-clips 80 \
+    --real-clips 40 --jobs 2
+[ -f "$work/features/heldout_real/0000.f32" ] ||
+  run $py "$here/features.py" --dump "$build/tools/tovad_feature_dump" \
+    --corpus "$work/corpus" --out "$work/features"
+run $py "$here/train_stream.py" --features "$work/features" --corpus "$work/corpus" \
+  --out "$work/stream"
+run $py "$here/export_stream.py" --model "$work/stream" --out "$root/models/default" \
+  --check-features "$work/features/heldout_real/0000.f32" --check-out "$root/tests/data"
