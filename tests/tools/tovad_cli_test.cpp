@@ -327,6 +327,8 @@ INSTANTIATE_TEST_SUITE_P(
         ErrorCase{"MissingConf", {"--conf", "/nonexistent/x.conf", "@wav"}, "",
                   "cannot read conf '/nonexistent/x.conf'"},
         ErrorCase{"NoBundledModel", {"@wav"}, "", "no model found"},
+        ErrorCase{"UnknownModel", {"--model", "nope", "@wav"}, "", "/models/nope"},
+        ErrorCase{"PathAsModelName", {"-m", "../dense", "@wav"}, "", "bad model name '../dense'"},
         ErrorCase{"MissingJson", kConfWav, "path_to_json = gone.json\n",
                   "cannot read path_to_json"},
         ErrorCase{"ObmModel", kConfWav, "path_to_obm = m.obm\n", "path_to_obm is not supported"},

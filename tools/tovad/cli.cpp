@@ -43,6 +43,8 @@ constexpr const char* kUsage =
     "\n"
     "Options:\n"
     "  -c, --conf FILE            model conf to use (default: the bundled model)\n"
+    "  -m, --model NAME           bundled model to use: default (8-bit, streaming)\n"
+    "                             or dense (float, 20-frame window)\n"
     "  -f, --format FMT           default, json, rttm or audacity\n"
     "  -w, --write-segments DIR   write each segment as a 16 kHz WAV into DIR\n"
     "      --raw                  print the library's own positions (with its\n"
@@ -66,6 +68,7 @@ int Fail(const std::string& msg) {
 
 struct Options {
   std::string conf;
+  std::string model = kDefaultModelName;
   Format format = Format::kDefault;
   std::string segment_dir;
   bool verbose = false;
@@ -90,6 +93,7 @@ bool ParseCount(const char* text, int lo, int hi, int* out) {
 int ParseArgs(int argc, char** argv, Options* o) {
   enum { kRawOpt = 1000, kRawInputOpt, kRateOpt, kChannelsOpt };
   static const option kLong[] = {{"conf", required_argument, nullptr, 'c'},
+                                 {"model", required_argument, nullptr, 'm'},
                                  {"format", required_argument, nullptr, 'f'},
                                  {"write-segments", required_argument, nullptr, 'w'},
                                  {"raw", no_argument, nullptr, kRawOpt},
@@ -105,10 +109,15 @@ int ParseArgs(int argc, char** argv, Options* o) {
   optind = 0;  // getopt state is global; start afresh on every run
   opterr = 0;
   int c;
-  while ((c = getopt_long(argc, argv, ":c:f:w:qvj:hV", kLong, nullptr)) != -1) {
+  while ((c = getopt_long(argc, argv, ":c:m:f:w:qvj:hV", kLong, nullptr)) != -1) {
     switch (c) {
       case 'c':
         o->conf = optarg;
+        break;
+      case 'm':
+        if (!IsModelName(optarg))
+          return Fail(std::string("bad model name '") + optarg + "' (letters, digits, '-', '_')");
+        o->model = optarg;
         break;
       case 'f':
         if (!ParseFormat(optarg, &o->format))
@@ -171,7 +180,7 @@ int ParseArgs(int argc, char** argv, Options* o) {
 bool FindModel(const Options& o, ModelConf* model, std::string* error) {
   if (!o.conf.empty()) return LoadModelConf(o.conf, model, error);
   std::string looked;
-  for (const std::string& dir : DefaultModelDirs(ExecutableDir())) {
+  for (const std::string& dir : BundledModelDirs(ExecutableDir(), o.model)) {
     const std::string conf = dir + "/" + kConfName;
     if (access(conf.c_str(), F_OK) == 0) return LoadModelConf(conf, model, error);
     looked += (looked.empty() ? "" : ", ") + dir;

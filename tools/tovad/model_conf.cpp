@@ -221,9 +221,20 @@ std::string ExecutableDir() {
   return DirName(buf);
 }
 
-std::vector<std::string> DefaultModelDirs(const std::string& exe_dir) {
-  return {exe_dir + "/models/default", exe_dir + "/../share/tovadmod/models/default",
-          std::string(TOVAD_INSTALL_DATA_DIR) + "/models/default"};
+bool IsModelName(const std::string& name) {
+  if (name.empty()) return false;
+  for (const char c : name) {
+    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                    c == '-' || c == '_';
+    if (!ok) return false;
+  }
+  return true;
+}
+
+std::vector<std::string> BundledModelDirs(const std::string& exe_dir, const std::string& name) {
+  const std::string sub = "/models/" + name;
+  return {exe_dir + sub, exe_dir + "/../share/tovadmod" + sub,
+          std::string(TOVAD_INSTALL_DATA_DIR) + sub};
 }
 
 }  // namespace tovad_cli

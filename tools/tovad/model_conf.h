@@ -34,9 +34,16 @@ std::map<std::string, std::string> ParseConfText(const std::string& text);
 // failure returns false and sets `error` to one line.
 bool LoadModelConf(const std::string& conf_path, ModelConf* out, std::string* error);
 
-// Directories searched for the bundled model, in order: next to the
+// The bundled model used when none is named.
+constexpr const char* kDefaultModelName = "default";
+
+// A name that can only be a directory of models/: letters, digits, '-' and
+// '_' (so no path can be smuggled in).
+bool IsModelName(const std::string& name);
+
+// Directories searched for the bundled model `name`, in order: next to the
 // program, the data directory relative to it, the installed data directory.
-std::vector<std::string> DefaultModelDirs(const std::string& exe_dir);
+std::vector<std::string> BundledModelDirs(const std::string& exe_dir, const std::string& name);
 
 // Directory of the running program (from /proc/self/exe).
 std::string ExecutableDir();
