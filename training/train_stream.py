@@ -85,7 +85,7 @@ def main():
     ap.add_argument("--features", required=True)
     ap.add_argument("--corpus", required=True)
     ap.add_argument("--out", required=True)
-    ap.add_argument("--steps", type=int, default=6000)
+    ap.add_argument("--steps", type=int, default=4000)
     ap.add_argument("--batch", type=int, default=32)
     ap.add_argument("--length", type=int, default=400, help="frames scored per crop")
     ap.add_argument("--threads", type=int, default=1)

@@ -12,7 +12,7 @@ sample=$src/tests/data/tovad_sample.wav
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
 model=$prefix/share/tovadmod/models/default
-for f in include/tovadmod/tovad_api.h bin/tovad share/tovadmod/models/default/tovad.conf; do
+for f in include/tovadmod/tovad_api.h bin/tovad share/tovadmod/models/{default,dense}/tovad.conf; do
   [ -e "$prefix/$f" ] || { echo "not installed: $f"; exit 1; }
 done
 

@@ -90,7 +90,7 @@ TEST(TovadModelTest, StereoAt44kGivesTheSegmentsOf16kMono) {
 
 TEST(TovadModelTest, BundledModelIsFoundWithoutConf) {
   ToolRun with = RunProgram({"--quiet", "--conf", kConf, kSample});
-  ToolRun without = RunProgram({"--quiet", kSample});
+  ToolRun without = RunProgram({"--quiet", "--model", TOVAD_MODEL_NAME, kSample});
   ASSERT_EQ(without.code, 0) << without.err;
   EXPECT_EQ(without.out, with.out);
 }
