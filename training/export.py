@@ -29,7 +29,6 @@ import train  # noqa: E402
 from model_writer import SymbolGraph, write_params  # noqa: E402
 
 CONF = """\
-# Default model of tovad: a dense net over {n_height} frames of PCEN features.
 path_to_json = tovad.json
 path_to_param = tovad.params
 path_to_meanvar = tovad.meanvar
@@ -53,6 +52,22 @@ cutoff_n_frame_max_vad_length = 0
 # describes and the frame it is reported at (label delay + median filter).
 score_delay_frames = {score_delay}
 """
+
+
+def write_meanvar(out_dir, add, mul):
+    with open(os.path.join(out_dir, "tovad.meanvar"), "w") as f:
+        for terms in (add, mul):
+            # Nine significant digits give back the float32 exactly.
+            for row in np.asarray(terms, np.float32).reshape(-1, train.N_WIDTH):
+                f.write(" ".join("%.9g" % v for v in row) + "\n")
+
+
+def write_conf(out_dir, title, n_height, threshold, score_delay):
+    """The conf of a model over PCEN features; `title` may span lines."""
+    with open(os.path.join(out_dir, "tovad.conf"), "w") as f:
+        f.write("".join("# %s\n" % line for line in title.split("\n")))
+        f.write(CONF.format(n_chan=train.N_CHAN, n_width=train.N_WIDTH, n_height=n_height,
+                            threshold=threshold, score_delay=score_delay))
 
 
 def build_graph(widths):
@@ -107,14 +122,9 @@ def main():
         arrays.append(("arg:fc%d_weight" % (i + 1), m.weight.detach().numpy().astype(np.float32)))
         arrays.append(("arg:fc%d_bias" % (i + 1), m.bias.detach().numpy().astype(np.float32)))
     write_params(os.path.join(a.out, "tovad.params"), arrays)
-    with open(os.path.join(a.out, "tovad.meanvar"), "w") as f:
-        for terms in (ckpt["add"], ckpt["mul"]):
-            # Nine significant digits give back the float32 exactly.
-            for row in np.asarray(terms, np.float32).reshape(-1, train.N_WIDTH):
-                f.write(" ".join("%.9g" % v for v in row) + "\n")
-    with open(os.path.join(a.out, "tovad.conf"), "w") as f:
-        f.write(CONF.format(n_chan=train.N_CHAN, n_width=train.N_WIDTH, n_height=info["n_height"],
-                            threshold=info["threshold"], score_delay=info["score_delay_frames"]))
+    write_meanvar(a.out, ckpt["add"], ckpt["mul"])
+    write_conf(a.out, "Default model of tovad: a dense net over %d frames of PCEN features."
+               % info["n_height"], info["n_height"], info["threshold"], info["score_delay_frames"])
     if a.check_features and a.check_out:
         write_check(model, ckpt, info, a.check_features, a.check_out)
     total = sum(os.path.getsize(os.path.join(a.out, n)) for n in os.listdir(a.out))

@@ -28,40 +28,11 @@ import torch
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 sys.path.insert(0, os.path.join(HERE, "..", "tools"))
+import export  # noqa: E402
 import fixed_point  # noqa: E402
 import train  # noqa: E402
 import train_stream  # noqa: E402
 from model_writer import SymbolGraph, write_params  # noqa: E402
-
-CONF = """\
-# Default model of tovad: 8-bit dilated temporal convolutions that see one
-# PCEN frame per step and keep their own history ({field} frames).
-path_to_json = tovad.json
-path_to_param = tovad.params
-path_to_meanvar = tovad.meanvar
-feature_type = pcen
-n_batch = 1
-n_chan = {n_chan}
-n_height = 1
-n_width = {n_width}
-n_classes = 2
-target_class = 1
-am_skip_num = 0
-# Decisions: 10 voice frames (100 ms) open a segment, 30 silent frames
-# (300 ms) close it, and the start is moved 20 frames (200 ms) back.
-sil_to_voice_hangover = 9
-voice_to_sil_hangover = 29
-extra_leading_sil = 20
-wakeup_threshold = {threshold}
-# No forced cutoff; the segment history then holds 51 s.
-cutoff_n_frame_max_vad_length = 0
-# Read by the tovad program only: frames between the audio a score
-# describes and the frame it is reported at (label delay + median filter).
-score_delay_frames = {score_delay}
-"""
-
-FLAG = {True: "True", False: "False"}
-
 
 def layer_names(n_convs):
     return ["tconv%d" % (i + 1) for i in range(n_convs)] + ["fc"]
@@ -77,8 +48,8 @@ def build(model_layers, integers):
         return g.variable(name)
 
     x = g.variable("data")
-    x = g.node("QuantiInput", "quant_in",
-               [x, aux("quant_in_input_shift_history", np.array([integers[0]["in_shift"]], np.int8))],
+    in_shift = np.array([integers[0]["in_shift"]], np.int8)
+    x = g.node("QuantiInput", "quant_in", [x, aux("quant_in_input_shift_history", in_shift)],
                attr={"truncate": "floor"})
     names = layer_names(len(model_layers))
     frame_rows = train.N_CHAN  # rows of a frame: the kernel spans all of them
@@ -152,15 +123,11 @@ def main():
     os.makedirs(a.out, exist_ok=True)
     graph.write(os.path.join(a.out, "tovad.json"))
     write_params(os.path.join(a.out, "tovad.params"), params)
-    with open(os.path.join(a.out, "tovad.meanvar"), "w") as f:
-        for terms in (ckpt["add"], ckpt["mul"]):
-            # Nine significant digits give back the float32 exactly.
-            for row in np.asarray(terms, np.float32).reshape(-1, train.N_WIDTH):
-                f.write(" ".join("%.9g" % v for v in row) + "\n")
-    with open(os.path.join(a.out, "tovad.conf"), "w") as f:
-        f.write(CONF.format(field=model.receptive_field(), n_chan=train.N_CHAN,
-                            n_width=train.N_WIDTH, threshold=info["threshold"],
-                            score_delay=info["score_delay_frames"]))
+    export.write_meanvar(a.out, ckpt["add"], ckpt["mul"])
+    title = ("Default model of tovad: 8-bit dilated temporal convolutions that see one\n"
+             "PCEN frame per step and keep their own history (%d frames)."
+             % model.receptive_field())
+    export.write_conf(a.out, title, 1, info["threshold"], info["score_delay_frames"])
     if a.check_features and a.check_out:
         write_check(model, ckpt, layers, a.check_features, a.check_out, a.check_frames)
     total = sum(os.path.getsize(os.path.join(a.out, n)) for n in os.listdir(a.out))

@@ -102,7 +102,8 @@ class StreamingNet(nn.Module):
             s_in = s_out
         h = h.transpose(1, 2)
         ws = self.layer_weight_shifts(len(self.convs), s_in, s_in)
-        return F.linear(h, quantise_weight(self.fc.weight, ws), quantise_bias(self.fc.bias, ws, s_in))
+        return F.linear(h, quantise_weight(self.fc.weight, ws),
+                        quantise_bias(self.fc.bias, ws, s_in))
 
     @torch.no_grad()
     def calibrate(self, x, headroom=0.999):

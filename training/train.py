@@ -111,6 +111,20 @@ def median7(s):
     return np.median(np.lib.stride_tricks.sliding_window_view(pad, MEDIAN), axis=1)
 
 
+def best_threshold(scores, labels, delay):
+    """(frame F1, threshold) of the threshold that best separates the
+    validation clips after the decision stage's median filter, on labels
+    shifted by the score delay."""
+    s_all = np.concatenate([median7(s)[delay:] for s in scores])
+    l_all = np.concatenate([lab[: len(lab) - delay] for lab in labels]).astype(bool)
+    best = (0.0, 0.5)
+    for thr in np.arange(0.1, 0.91, 0.05):
+        d = s_all > thr
+        tp, fp, fn = np.sum(d & l_all), np.sum(d & ~l_all), np.sum(~d & l_all)
+        best = max(best, (float(2 * tp / max(1, 2 * tp + fp + fn)), round(float(thr), 2)))
+    return best
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     ap.add_argument("--features", required=True)
@@ -149,22 +163,10 @@ def main():
         sched.step()
         print("epoch %d loss %.4f (%.0f s)" % (epoch, total / n, time.time() - t0), flush=True)
 
-    # The threshold that best separates the validation clips after the
-    # decision stage's median filter, on labels shifted by the score delay.
     model.eval()
-    s_all, l_all = [], []
     delay = a.label_delay + MEDIAN // 2
-    for f, lab in zip(feats[-n_val:], labels[-n_val:]):
-        s = median7(clip_scores(model, f, add, mul))
-        s_all.append(s[delay:])
-        l_all.append(lab[: len(lab) - delay])
-    s_all, l_all = np.concatenate(s_all), np.concatenate(l_all).astype(bool)
-    best = (0.0, 0.5)
-    for thr in np.arange(0.1, 0.91, 0.05):
-        d = s_all > thr
-        tp, fp, fn = np.sum(d & l_all), np.sum(d & ~l_all), np.sum(~d & l_all)
-        f1 = 2 * tp / max(1, 2 * tp + fp + fn)
-        best = max(best, (float(f1), round(float(thr), 2)))
+    best = best_threshold([clip_scores(model, f, add, mul) for f in feats[-n_val:]],
+                          labels[-n_val:], delay)
     print("validation frame F1 %.4f at threshold %.2f" % best)
 
     os.makedirs(a.out, exist_ok=True)

@@ -130,18 +130,9 @@ def main():
             total, n = 0.0, 0
 
     model.eval()
-    s_all, l_all = [], []
     delay = a.label_delay + train.MEDIAN // 2
-    for f, lab in zip(feats[-n_val:], labels[-n_val:]):
-        s = train.median7(clip_scores(model, normalised(f, add, mul)))
-        s_all.append(s[delay:])
-        l_all.append(lab[: len(lab) - delay])
-    s_all, l_all = np.concatenate(s_all), np.concatenate(l_all).astype(bool)
-    best = (0.0, 0.5)
-    for thr in np.arange(0.1, 0.91, 0.05):
-        d = s_all > thr
-        tp, fp, fn = np.sum(d & l_all), np.sum(d & ~l_all), np.sum(~d & l_all)
-        best = max(best, (float(2 * tp / max(1, 2 * tp + fp + fn)), round(float(thr), 2)))
+    scores = [clip_scores(model, normalised(f, add, mul)) for f in feats[-n_val:]]
+    best = train.best_threshold(scores, labels[-n_val:], delay)
     print("validation frame F1 %.4f at threshold %.2f" % best)
 
     os.makedirs(a.out, exist_ok=True)

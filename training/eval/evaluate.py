@@ -99,7 +99,8 @@ def main():
         detectors = []
         for m in models:
             wall = run_tovad(a.tovad, m, wavs, out)
-            print("tovad --model %s: real-time factor %.4f (whole program, wall)" % (m, wall / audio))
+            print("tovad --model %s: real-time factor %.4f (whole program, wall)"
+                  % (m, wall / audio))
             detectors.append(("tovad " + m, ".tovad-%s.dec" % m))
         if not a.no_peers:
             res = subprocess.run(["node", os.path.join(HERE, "run_peers.mjs"), out] + wavs,
