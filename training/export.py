@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Exports a trained model as the library's model files.
 
-  export.py --model work/model --out ../models/default
+  export.py --model work/model --out ../models/dense
 
 Writes OUT/tovad.json (symbol graph), OUT/tovad.params (parameters),
 OUT/tovad.meanvar (negated means, then inverse deviations) and

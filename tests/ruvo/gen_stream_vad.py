@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""Writes a streaming 8-bit VAD net made from the default dense model
-(models/default), for the streaming tests and the net bench.
+"""Writes a streaming 8-bit VAD net made from the float dense model
+(models/dense), for the streaming tests and the net bench.
 
     /usr/bin/python3 tests/ruvo/gen_stream_vad.py           (write)
     /usr/bin/python3 tests/ruvo/gen_stream_vad.py --check   (compare)
@@ -47,7 +47,7 @@ I8, I32 = np.int8, np.int32
 
 
 def float_model():
-    params = dict(read_params(open(os.path.join(ROOT, "models", "default", "tovad.params"), "rb").read()))
+    params = dict(read_params(open(os.path.join(ROOT, "models", "dense", "tovad.params"), "rb").read()))
     return {k.split(":", 1)[1]: v.astype(np.float64) for k, v in params.items()}
 
 
@@ -155,7 +155,7 @@ def write(out_dir):
 def calibrate(path):
     """Largest magnitudes in the float factorised net on real features, the
     shifts they allow, and the 8-bit net's distance from the float net."""
-    mv = np.loadtxt(os.path.join(ROOT, "models", "default", "tovad.meanvar")).ravel()
+    mv = np.loadtxt(os.path.join(ROOT, "models", "dense", "tovad.meanvar")).ravel()
     feats = (mv[:120] + np.fromfile(path, "<f4").reshape(-1, 120)) * mv[120:]
     p = float_model()
     proj, time = factorise(p)

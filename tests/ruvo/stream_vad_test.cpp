@@ -70,10 +70,10 @@ TEST(StreamVadTest, ToolkitPositionsDoNotDependOnTheBlockSize) {
   const std::string dir = testing::TempDir() + "/stream_vad_" + std::to_string(getpid());
   ASSERT_EQ(system(("mkdir -p " + dir + " && cp " + data + "/net/stream_vad-symbol.json " + data +
                     "/net/stream_vad.params " + TOVAD_SOURCE_DIR +
-                    "/models/default/tovad.meanvar " + dir)
+                    "/models/dense/tovad.meanvar " + dir)
                        .c_str()),
             0);
-  // The default model's front end and decisions, with a window of one frame:
+  // The dense model's front end and decisions, with a window of one frame:
   // the net keeps the history itself.
   std::ofstream(dir + "/vad.conf") << "path_to_json=stream_vad-symbol.json\n"
                                       "path_to_param=stream_vad.params\n"

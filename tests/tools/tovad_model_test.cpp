@@ -1,4 +1,4 @@
-// The tovad program with the bundled model (models/default) on the sample
+// The tovad program with a bundled model (models/dense) on the sample
 // recording under tests/data, whose speech spans were written by the script
 // that made it (training/make_sample.py).
 #include <cjson/cJSON.h>
