@@ -87,14 +87,7 @@ inline Vh LoadH(const int16_t* p) {
 #endif
 }
 
-// acc + MaddPairs(a, b), in one instruction where the unit has it.
-inline Vu MaddAcc(Vu acc, Vh a, Vh b) {
-#if defined(__AVX512VNNI__)
-  return (Vu)_mm512_dpwssd_epi32((__m512i)acc, (__m512i)a, (__m512i)b);
-#else
-  return acc + MaddPairs(a, b);
-#endif
-}
+inline Vu MaddAcc(Vu acc, Vh a, Vh b) { return acc + MaddPairs(a, b); }
 
 inline Vh BroadcastPair(uint32_t pair) {
   Vu v = {};
@@ -203,14 +196,7 @@ void WriteTile(const Vu (*acc)[kVecsPerStrip], int ni, int nc, bool first, uint3
   }
 }
 
-#if ORVIK_ARM_TILES
-// On aarch64 both tile kernels take one operand of the product by lane
-// (the indexed forms of the multiply instructions), so a tile of kArmRows
-// rows reads all its A values for a depth group with one 16-byte load.
-// Depth is walked in groups of G: the quads of the 8-bit dot product
-// (SDOT), or pairs of 16-bit values for the widening multiply-add (SMLAL).
-constexpr int kArmRows = 4;
-
+#if ORVIK_ARM_TILES || defined(__AVX512VNNI__)
 template <bool kBTrans>
 inline int8_t BAt(const Operands& op, int p, int j) {
   return kBTrans ? op.B[static_cast<long>(j) * op.K + p] : op.B[static_cast<long>(p) * op.N + j];
@@ -218,7 +204,7 @@ inline int8_t BAt(const Operands& op, int p, int j) {
 
 // Packs depth [p0, p0 + np) of columns [j0, j0 + nj) of B per strip of
 // kCols columns and per depth group of G: the group's kCols x G values with
-// depth inner (SDOT reads a column's quad as one lane) or column inner
+// depth inner (a byte dot product reads a column's quad as one lane) or column inner
 // (SMLAL reads one depth across the columns).  Missing columns and depth
 // read as zero.
 template <typename E, int G, bool kDepthInner, bool kBTrans>
@@ -255,6 +241,16 @@ void PackBGroups(const Operands& op, int p0, int np, int j0, int nj, E* dst) {
     }
   }
 }
+
+#endif
+
+#if ORVIK_ARM_TILES
+// On aarch64 both tile kernels take one operand of the product by lane
+// (the indexed forms of the multiply instructions), so a tile of kArmRows
+// rows reads all its A values for a depth group with one 16-byte load.
+// Depth is walked in groups of G: the quads of the 8-bit dot product
+// (SDOT), or pairs of 16-bit values for the widening multiply-add (SMLAL).
+constexpr int kArmRows = 4;
 
 // Packs depth [p0, p0 + np) of rows [i0, i0 + ni) (ni <= kArmRows) of A:
 // per depth group, the G values of each row, row after row.
@@ -371,6 +367,121 @@ void ArmGemm(const Operands& op, uint32_t ubeta, int32_t* C) {
   }
 }
 #endif  // aarch64
+
+#if defined(__AVX512VNNI__)
+// With VNNI, depth is walked in quads by the unsigned-by-signed byte dot
+// product (vpdpbusd: four products summed into each 32-bit lane, wrapping,
+// twice the work of the 16-bit pair step per instruction).  A is taken
+// unsigned as a + 128 (the byte a ^ 0x80); each column's sums then hold
+// 128 * (sum of B over the depth) too much, which seeds the accumulators
+// negated.  In wrapping 32-bit arithmetic the result is exact.
+constexpr int kQuadRows = 8;  // rows of a tile; a tile is one or two strips
+
+// Packs depth [p0, p0 + np) of rows [i0, i0 + ni) of A as a ^ 0x80, one row
+// after another at a pitch of kDepthBlock, the depth padded to a whole quad
+// (B is zero there).  Rows past ni are zero and never written back.
+template <bool kATrans>
+void PackAOffset(const Operands& op, int p0, int np, int i0, int ni, uint8_t* dst) {
+  const int padded = (np + 3) & ~3;
+  for (int r = 0; r < kQuadRows; ++r) {
+    uint8_t* row = dst + r * kDepthBlock;
+    if (r >= ni) {
+      memset(row, 0, padded);
+      continue;
+    }
+    if (!kATrans) {
+      const int8_t* src = op.A + static_cast<long>(i0 + r) * op.K + p0;
+      for (int p = 0; p < np; ++p) row[p] = static_cast<uint8_t>(src[p]) ^ 0x80;
+    } else {
+      for (int p = 0; p < np; ++p) row[p] = static_cast<uint8_t>(AAt<true>(op, i0 + r, p0 + p)) ^ 0x80;
+    }
+    for (int p = np; p < padded; ++p) row[p] = 0;
+  }
+}
+
+// kS strips (16 columns each) of a tile of kQuadRows rows over `quads`
+// quads of one depth block; `first` applies beta to C, later blocks add.
+template <int kS>
+void QuadTile(const uint8_t* apack, const int8_t* const* bstrip, const int32_t* seed, int quads,
+              int ni, int nj, bool first, uint32_t ubeta, int32_t* C, int N) {
+  __m512i acc[kQuadRows][kS];
+  for (int v = 0; v < kS; ++v) {
+    const __m512i s = _mm512_load_si512(seed + v * kCols);
+#pragma GCC unroll 8
+    for (int r = 0; r < kQuadRows; ++r) acc[r][v] = s;
+  }
+  for (int g = 0; g < quads; ++g) {
+    __m512i b[kS];
+#pragma GCC unroll 2
+    for (int v = 0; v < kS; ++v) b[v] = _mm512_load_si512(bstrip[v] + g * 4 * kCols);
+#pragma GCC unroll 8
+    for (int r = 0; r < kQuadRows; ++r) {
+      int32_t quad;
+      memcpy(&quad, apack + r * kDepthBlock + 4 * g, sizeof(quad));
+      const __m512i a = _mm512_set1_epi32(quad);
+#pragma GCC unroll 2
+      for (int v = 0; v < kS; ++v) acc[r][v] = _mm512_dpbusd_epi32(acc[r][v], a, b[v]);
+    }
+  }
+  const __m512i beta = _mm512_set1_epi32(static_cast<int32_t>(ubeta));
+  for (int r = 0; r < ni; ++r) {
+    for (int v = 0; v < kS; ++v) {
+      int32_t* c = C + static_cast<long>(r) * N + v * kCols;
+      const int nc = Min(kCols, nj - v * kCols);
+      const __mmask16 mask = static_cast<__mmask16>((1u << nc) - 1u);
+      __m512i out = acc[r][v];
+      if (!first || ubeta != 0) {
+        __m512i old = _mm512_maskz_loadu_epi32(mask, c);
+        if (first) old = _mm512_mullo_epi32(old, beta);
+        out = _mm512_add_epi32(out, old);
+      }
+      _mm512_mask_storeu_epi32(c, mask, out);
+    }
+  }
+}
+
+template <bool kATrans, bool kBTrans>
+void QuadGemm(const Operands& op, uint32_t ubeta, int32_t* C) {
+  constexpr int kStrips = kColBlock / kCols;
+  const int M = op.M, N = op.N, K = op.K;
+  alignas(64) int8_t bpack[kStrips][kDepthBlock * kCols];
+  alignas(64) uint8_t apack[kQuadRows * kDepthBlock];
+  alignas(64) int32_t seed[kColBlock];  // -128 * column sums of B in the block
+  const __m512i offset = _mm512_set1_epi8(static_cast<char>(0x80));
+  for (int j0 = 0; j0 < N; j0 += kColBlock) {
+    const int nj = Min(kColBlock, N - j0);
+    const int strips = (nj + kCols - 1) / kCols;
+    for (int p0 = 0; p0 < K; p0 += kDepthBlock) {
+      const int np = Min(kDepthBlock, K - p0);
+      const int quads = (np + 3) / 4;
+      PackBGroups<int8_t, 4, true, kBTrans>(op, p0, np, j0, nj, &bpack[0][0]);
+      for (int s = 0; s < strips; ++s) {
+        __m512i sum = _mm512_setzero_si512();
+        for (int g = 0; g < quads; ++g) {
+          sum = _mm512_dpbusd_epi32(sum, offset, _mm512_load_si512(bpack[s] + g * 4 * kCols));
+        }
+        _mm512_store_si512(seed + s * kCols, _mm512_sub_epi32(_mm512_setzero_si512(), sum));
+      }
+      for (int i0 = 0; i0 < M; i0 += kQuadRows) {
+        const int ni = Min(kQuadRows, M - i0);
+        PackAOffset<kATrans>(op, p0, np, i0, ni, apack);
+        int32_t* c = C + static_cast<long>(i0) * N + j0;
+        int s = 0;
+        for (; s + 2 <= strips; s += 2) {
+          const int8_t* b[2] = {bpack[s], bpack[s + 1]};
+          QuadTile<2>(apack, b, seed + s * kCols, quads, ni, nj - s * kCols, p0 == 0, ubeta,
+                      c + s * kCols, N);
+        }
+        if (s < strips) {
+          const int8_t* b[1] = {bpack[s]};
+          QuadTile<1>(apack, b, seed + s * kCols, quads, ni, nj - s * kCols, p0 == 0, ubeta,
+                      c + s * kCols, N);
+        }
+      }
+    }
+  }
+}
+#endif  // __AVX512VNNI__
 
 
 }  // namespace
@@ -500,6 +611,8 @@ void I8GemmRows(const Operands& op, uint32_t ubeta, int32_t* C) {
   }
 #if ORVIK_ARM_TILES
   ArmGemm<kATrans, kBTrans>(op, ubeta, C);
+#elif defined(__AVX512VNNI__)
+  QuadGemm<kATrans, kBTrans>(op, ubeta, C);
 #else
   I8Gemm<kATrans, kBTrans, kRows>(op, ubeta, C);
 #endif
