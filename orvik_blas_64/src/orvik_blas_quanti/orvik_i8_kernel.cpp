@@ -201,10 +201,19 @@ template <bool kBTrans>
 inline int8_t BAt(const Operands& op, int p, int j) {
   return kBTrans ? op.B[static_cast<long>(j) * op.K + p] : op.B[static_cast<long>(p) * op.N + j];
 }
+#endif
+
+#if ORVIK_ARM_TILES
+// On aarch64 both tile kernels take one operand of the product by lane
+// (the indexed forms of the multiply instructions), so a tile of kArmRows
+// rows reads all its A values for a depth group with one 16-byte load.
+// Depth is walked in groups of G: the quads of the 8-bit dot product
+// (SDOT), or pairs of 16-bit values for the widening multiply-add (SMLAL).
+constexpr int kArmRows = 4;
 
 // Packs depth [p0, p0 + np) of columns [j0, j0 + nj) of B per strip of
 // kCols columns and per depth group of G: the group's kCols x G values with
-// depth inner (a byte dot product reads a column's quad as one lane) or column inner
+// depth inner (SDOT reads a column's quad as one lane) or column inner
 // (SMLAL reads one depth across the columns).  Missing columns and depth
 // read as zero.
 template <typename E, int G, bool kDepthInner, bool kBTrans>
@@ -241,16 +250,6 @@ void PackBGroups(const Operands& op, int p0, int np, int j0, int nj, E* dst) {
     }
   }
 }
-
-#endif
-
-#if ORVIK_ARM_TILES
-// On aarch64 both tile kernels take one operand of the product by lane
-// (the indexed forms of the multiply instructions), so a tile of kArmRows
-// rows reads all its A values for a depth group with one 16-byte load.
-// Depth is walked in groups of G: the quads of the 8-bit dot product
-// (SDOT), or pairs of 16-bit values for the widening multiply-add (SMLAL).
-constexpr int kArmRows = 4;
 
 // Packs depth [p0, p0 + np) of rows [i0, i0 + ni) (ni <= kArmRows) of A:
 // per depth group, the G values of each row, row after row.
@@ -378,24 +377,74 @@ void ArmGemm(const Operands& op, uint32_t ubeta, int32_t* C) {
 constexpr int kQuadRows = 8;  // rows of a tile; a tile is one or two strips
 
 // Packs depth [p0, p0 + np) of rows [i0, i0 + ni) of A as a ^ 0x80, one row
-// after another at a pitch of kDepthBlock, the depth padded to a whole quad
-// (B is zero there).  Rows past ni are zero and never written back.
+// after another at a pitch of kDepthBlock.  Bytes past np in a row are
+// left as they come (B is zero there); rows past ni are never written back.
 template <bool kATrans>
 void PackAOffset(const Operands& op, int p0, int np, int i0, int ni, uint8_t* dst) {
-  const int padded = (np + 3) & ~3;
-  for (int r = 0; r < kQuadRows; ++r) {
+  const __m512i offset = _mm512_set1_epi8(static_cast<char>(0x80));
+  for (int r = 0; r < ni; ++r) {
     uint8_t* row = dst + r * kDepthBlock;
-    if (r >= ni) {
-      memset(row, 0, padded);
-      continue;
-    }
     if (!kATrans) {
       const int8_t* src = op.A + static_cast<long>(i0 + r) * op.K + p0;
-      for (int p = 0; p < np; ++p) row[p] = static_cast<uint8_t>(src[p]) ^ 0x80;
+      for (int p = 0; p < np; p += 64) {
+        const int n = Min(64, np - p);
+        const __mmask64 mask = n == 64 ? ~0ull : (1ull << n) - 1;
+        const __m512i v = _mm512_maskz_loadu_epi8(mask, src + p);
+        _mm512_storeu_si512(row + p, _mm512_xor_si512(v, offset));
+      }
     } else {
-      for (int p = 0; p < np; ++p) row[p] = static_cast<uint8_t>(AAt<true>(op, i0 + r, p0 + p)) ^ 0x80;
+      for (int p = 0; p < np; ++p) {
+        row[p] = static_cast<uint8_t>(AAt<true>(op, i0 + r, p0 + p)) ^ 0x80;
+      }
     }
-    for (int p = np; p < padded; ++p) row[p] = 0;
+  }
+}
+
+// The layout of PackBGroups<int8_t, 4, true>: per strip of kCols columns and
+// per depth quad, each column's four depth bytes.  Whole quads of whole
+// strips take vector or word moves; the edges go element by element.
+template <bool kBTrans>
+void PackBQuads(const Operands& op, int p0, int np, int j0, int nj, int8_t* dst) {
+  const int quads = (np + 3) / 4;
+  const int whole = np / 4;
+  for (int s = 0; s < nj; s += kCols) {
+    int8_t* d = dst + static_cast<long>(s / kCols) * kDepthBlock * kCols;
+    const int nc = Min(kCols, nj - s);
+    int g0 = 0;
+    if (nc == kCols) {
+      g0 = whole;
+      if (kBTrans) {
+        for (int c = 0; c < kCols; ++c) {
+          const int8_t* col = op.B + static_cast<long>(j0 + s + c) * op.K + p0;
+          for (int g = 0; g < whole; ++g) memcpy(d + g * 4 * kCols + 4 * c, col + 4 * g, 4);
+        }
+      } else {
+        // Four rows of sixteen bytes interleave into sixteen quads.
+        for (int g = 0; g < whole; ++g) {
+          const int8_t* b = op.B + static_cast<long>(p0 + 4 * g) * op.N + j0 + s;
+          const __m128i r0 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b));
+          const __m128i r1 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + op.N));
+          const __m128i r2 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 2 * op.N));
+          const __m128i r3 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(b + 3 * op.N));
+          const __m128i lo01 = _mm_unpacklo_epi8(r0, r1), hi01 = _mm_unpackhi_epi8(r0, r1);
+          const __m128i lo23 = _mm_unpacklo_epi8(r2, r3), hi23 = _mm_unpackhi_epi8(r2, r3);
+          __m128i* out = reinterpret_cast<__m128i*>(d + g * 4 * kCols);
+          _mm_store_si128(out, _mm_unpacklo_epi16(lo01, lo23));
+          _mm_store_si128(out + 1, _mm_unpackhi_epi16(lo01, lo23));
+          _mm_store_si128(out + 2, _mm_unpacklo_epi16(hi01, hi23));
+          _mm_store_si128(out + 3, _mm_unpackhi_epi16(hi01, hi23));
+        }
+      }
+    }
+    for (int g = g0; g < quads; ++g) {
+      int8_t* out = d + g * 4 * kCols;
+      for (int c = 0; c < kCols; ++c) {
+        for (int t = 0; t < 4; ++t) {
+          const int p = 4 * g + t;
+          out[4 * c + t] = c < nc && p < np ? BAt<kBTrans>(op, p0 + p, j0 + s + c) : 0;
+        }
+      }
+    }
   }
 }
 
@@ -454,7 +503,7 @@ void QuadGemm(const Operands& op, uint32_t ubeta, int32_t* C) {
     for (int p0 = 0; p0 < K; p0 += kDepthBlock) {
       const int np = Min(kDepthBlock, K - p0);
       const int quads = (np + 3) / 4;
-      PackBGroups<int8_t, 4, true, kBTrans>(op, p0, np, j0, nj, &bpack[0][0]);
+      PackBQuads<kBTrans>(op, p0, np, j0, nj, &bpack[0][0]);
       for (int s = 0; s < strips; ++s) {
         __m512i sum = _mm512_setzero_si512();
         for (int g = 0; g < quads; ++g) {

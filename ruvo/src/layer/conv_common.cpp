@@ -15,8 +15,35 @@ namespace conv {
 
 namespace {
 
+// The runs of im2col are short (a kernel row, or one position's channels:
+// a few to a few hundred bytes), where a library call per run costs more
+// than the copy.  Chunks of 16 bytes, the last one overlapping the one
+// before it.
+inline void CopyRun(void* dst, const void* src, size_t bytes) {
+  unsigned char* d = static_cast<unsigned char*>(dst);
+  const unsigned char* s = static_cast<const unsigned char*>(src);
+  if (bytes >= 16) {
+    size_t i = 0;
+    for (; i + 16 <= bytes; i += 16) std::memcpy(d + i, s + i, 16);
+    if (i < bytes) std::memcpy(d + bytes - 16, s + bytes - 16, 16);
+  } else if (bytes >= 8) {
+    std::memcpy(d, s, 8);
+    std::memcpy(d + bytes - 8, s + bytes - 8, 8);
+  } else if (bytes >= 4) {
+    std::memcpy(d, s, 4);
+    std::memcpy(d + bytes - 4, s + bytes - 4, 4);
+  } else {
+    for (size_t i = 0; i < bytes; ++i) d[i] = s[i];
+  }
+}
+
 inline void Fill(float* p, int n, float v) { std::fill(p, p + n, v); }
-inline void Fill(signed char* p, int n, signed char v) { std::memset(p, v, n); }
+inline void Fill(signed char* p, int n, signed char v) {
+  signed char pattern[16];
+  std::memset(pattern, v, sizeof(pattern));
+  for (; n >= 16; n -= 16, p += 16) std::memcpy(p, pattern, 16);
+  CopyRun(p, pattern, static_cast<size_t>(n));
+}
 
 inline void Gemm(int trans_b, int m, int n, int k, const float* a, const float* b, float* c) {
   math::orvik_cpu_gemm<float>(CblasNoTrans, trans_b, m, n, k, 1.0f, a, b, 0.0f, c);
@@ -125,7 +152,7 @@ void im2col(const T* data, int channels, int height, int width, int kernel_h, in
         }
         const T* src_row = data + static_cast<size_t>(iy) * width * channels;
         if (dilation_w == 1 && x0 >= 0 && x0 + kernel_w <= width) {
-          std::memcpy(out, src_row + static_cast<size_t>(x0) * channels, run * sizeof(T));
+          CopyRun(out, src_row + static_cast<size_t>(x0) * channels, run * sizeof(T));
           out += run;
           continue;
         }
@@ -134,7 +161,7 @@ void im2col(const T* data, int channels, int height, int width, int kernel_h, in
           if (ix < 0 || ix >= width) {
             Fill(out, channels, pad_value);
           } else {
-            std::memcpy(out, src_row + static_cast<size_t>(ix) * channels, channels * sizeof(T));
+            CopyRun(out, src_row + static_cast<size_t>(ix) * channels, channels * sizeof(T));
           }
           out += channels;
         }
