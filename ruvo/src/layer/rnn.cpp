@@ -1,5 +1,6 @@
 #include "ruvo/src/layer/rnn.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "orvik_blas_64/src/math_functions.h"
@@ -20,44 +21,47 @@ size_t Gates(int mode) { return mode == rnn::kLstm ? 4 : mode == rnn::kGru ? 3 :
 
 inline float Sigmoid(float x) { return 1.0f / (1.0f + expf(-x)); }
 
-// One direction of one layer over all time steps.  x is (T * N, I), w
-// holds wx (4H, I) then wh (4H, H), b holds bx (4, H) then bh (4, H); y is
-// (T, N, H * D) and this direction writes its H columns at `offset`.
-void LstmForwardInferenceSingleLayer(float* ws, bool state_outputs, bool reverse, int T, int N,
-                                     int I, int H, int D, const float* x, const float* hx,
-                                     const float* cx, const float* w, const float* b, float* y,
-                                     float* hy, float* cy) {
-  const float* wx = w;
-  const float* wh = w + 4 * H * I;
-  const float* bx = b;
-  const float* bh = b + 4 * H;
-  float* yx = ws;
-  float* yh = yx + static_cast<size_t>(T) * N * 4 * H;
-  float* h = yh + static_cast<size_t>(N) * 4 * H;
+// Rows of one layer-direction's packed gate weights: the input size, then H.
+int PackedRows(int l, int I, int H, int D) { return (l == 0 ? I : H * D) + H; }
+
+// One direction of one layer over all time steps.  `wt` is the packed
+// (I + H, 4H) matrix [wx | wh] transposed, `bias` bx + bh (4H); x is
+// (T * N, I), y is (T, N, H * D) and this direction writes its H columns at
+// `offset`.  `xh` is scratch of N * (I + H) floats.
+void LstmForwardInferenceSingleLayer(float* ws, float* xh, bool state_outputs, bool reverse, int T,
+                                     int N, int I, int H, int D, const float* x, const float* hx,
+                                     const float* cx, const float* wt, const float* bias,
+                                     float* y, float* hy, float* cy) {
+  const int G = 4 * H;
+  const int K = I + H;
+  float* gates = ws + static_cast<size_t>(T) * N * G;
+  float* h = gates + static_cast<size_t>(N) * G;
   float* c = h + static_cast<size_t>(N) * H;
   const int offset = reverse ? H : 0;
-  // The input's share of every gate, for all steps at once.
-  math::orvik_cpu_gemm<float>(CblasNoTrans, CblasTrans, T * N, 4 * H, I, 1.0f, x, wx, 0.0f, yx);
   for (int i = 0; i < T; ++i) {
     const int t = reverse ? T - 1 - i : i;
     const float* hprev = i == 0 ? hx : h;
     const float* cprev = i == 0 ? cx : c;
-    math::orvik_cpu_gemm<float>(CblasNoTrans, CblasTrans, N, 4 * H, H, 1.0f, hprev, wh, 0.0f, yh);
-    const float* yxt = yx + static_cast<size_t>(t) * N * 4 * H;
+    // All four gates of a row in one product: [x_t, h] times the packed
+    // weights, added onto the biases.
     for (int j = 0; j < N; ++j) {
-      const float* sx = yxt + static_cast<size_t>(j) * 4 * H;
-      const float* sh = yh + static_cast<size_t>(j) * 4 * H;
+      math::orvik_copy<float>(I, x + (static_cast<size_t>(t) * N + j) * I, xh + j * K);
+      math::orvik_copy<float>(H, hprev + j * H, xh + j * K + I);
+      math::orvik_copy<float>(G, bias, gates + j * G);
+    }
+    math::orvik_cpu_gemm<float>(CblasNoTrans, CblasNoTrans, N, G, K, 1.0f, xh, wt, 1.0f, gates);
+    for (int j = 0; j < N; ++j) {
+      const float* s = gates + static_cast<size_t>(j) * G;
       float* yrow = y + (static_cast<size_t>(t) * N + j) * H * D + offset;
       for (int k = 0; k < H; ++k) {
-        const float it = Sigmoid(sx[k] + sh[k] + bx[k] + bh[k]);
-        const float ft = Sigmoid(sx[H + k] + sh[H + k] + bx[H + k] + bh[H + k]);
-        const float gt = tanhf(sx[2 * H + k] + sh[2 * H + k] + bx[2 * H + k] + bh[2 * H + k]);
-        const float ot = Sigmoid(sx[3 * H + k] + sh[3 * H + k] + bx[3 * H + k] + bh[3 * H + k]);
+        const float it = Sigmoid(s[k]);
+        const float ft = Sigmoid(s[H + k]);
+        const float gt = tanhf(s[2 * H + k]);
+        const float ot = Sigmoid(s[3 * H + k]);
         const float ct = cprev[j * H + k] * ft + it * gt;
         const float ht = ot * tanhf(ct);
-        // hprev may be h itself: row j of h is read by nothing after this
-        // step's GEMM, and cprev[j * H + k] is read before c[j * H + k] is
-        // written.
+        // hprev may be h itself: it was copied into xh before the product,
+        // and cprev[j * H + k] is read before c[j * H + k] is written.
         h[j * H + k] = ht;
         c[j * H + k] = ct;
         yrow[k] = ht;
@@ -70,9 +74,9 @@ void LstmForwardInferenceSingleLayer(float* ws, bool state_outputs, bool reverse
   }
 }
 
-void LstmForwardInference(float* ws, bool state_outputs, int L, int D, int T, int N, int I, int H,
-                          const float* x, const float* hx, const float* cx, const float* w,
-                          const float* b, float* y, float* hy, float* cy) {
+void LstmForwardInference(float* ws, float* xh, bool state_outputs, int L, int D, int T, int N,
+                          int I, int H, const float* x, const float* hx, const float* cx,
+                          const float* packed, float* y, float* hy, float* cy) {
   const int cell = N * H;
   float* y_tmp = ws + static_cast<size_t>(T + 1) * cell * 4 + cell * 2;
   // Layers alternate between the temporary area and the real output so
@@ -80,29 +84,30 @@ void LstmForwardInference(float* ws, bool state_outputs, int L, int D, int T, in
   bool flag = L % 2 == 0;
   int idx = 0;
   for (int l = 0; l < L; ++l) {
-    const int w_size = (I + H) * H * 4;
-    const int b_size = 8 * H;
+    // This layer-direction's packed weights and its bias behind them.
+    const size_t p_size = static_cast<size_t>(I + H + 1) * 4 * H;
+    const float* bias = packed + p_size - 4 * H;
     float* y_cur = y;
     if (D == 2) {
       y_cur = flag ? y_tmp : y;
       flag = !flag;
     }
-    LstmForwardInferenceSingleLayer(ws, state_outputs, false, T, N, I, H, D, x, hx + idx * cell,
-                                    cx + idx * cell, w, b, y_cur, hy, cy);
+    LstmForwardInferenceSingleLayer(ws, xh, state_outputs, false, T, N, I, H, D, x,
+                                    hx + idx * cell, cx + idx * cell, packed, bias, y_cur, hy, cy);
     if (D == 2) {
-      w += w_size;
-      b += b_size;
+      packed += p_size;
+      bias += p_size;
       ++idx;
       if (state_outputs) {
         hy += cell;
         cy += cell;
       }
-      LstmForwardInferenceSingleLayer(ws, state_outputs, true, T, N, I, H, D, x, hx + idx * cell,
-                                      cx + idx * cell, w, b, y_cur, hy, cy);
+      LstmForwardInferenceSingleLayer(ws, xh, state_outputs, true, T, N, I, H, D, x,
+                                      hx + idx * cell, cx + idx * cell, packed, bias, y_cur, hy,
+                                      cy);
     }
     if (l + 1 < L) {
-      w += w_size;
-      b += b_size;
+      packed += p_size;
       ++idx;
       if (state_outputs) {
         hy += cell;
@@ -115,6 +120,39 @@ void LstmForwardInference(float* ws, bool state_outputs, int L, int D, int T, in
 }
 
 }  // namespace
+
+size_t PackedLstmSize(int num_layer, int input_size, int state_size, int direction) {
+  size_t n = 0;
+  for (int l = 0; l < num_layer; ++l) {
+    n += static_cast<size_t>(direction) * (PackedRows(l, input_size, state_size, direction) + 1) *
+         4 * state_size;
+  }
+  return n;
+}
+
+void PackLstmWeights(int num_layer, int direction, int input_size, int state_size,
+                     const float* w_ptr, const float* b_ptr, float* packed) {
+  const int H = state_size, G = 4 * H;
+  for (int l = 0; l < num_layer; ++l) {
+    const int I = l == 0 ? input_size : H * direction;
+    for (int d = 0; d < direction; ++d) {
+      const float* wx = w_ptr;
+      const float* wh = w_ptr + static_cast<size_t>(G) * I;
+      // Row r of the packed matrix holds weight column r of every gate row.
+      for (int r = 0; r < I + H; ++r) {
+        for (int g = 0; g < G; ++g) {
+          packed[static_cast<size_t>(r) * G + g] =
+              r < I ? wx[static_cast<size_t>(g) * I + r] : wh[static_cast<size_t>(g) * H + r - I];
+        }
+      }
+      packed += static_cast<size_t>(I + H) * G;
+      for (int g = 0; g < G; ++g) packed[g] = b_ptr[g] + b_ptr[G + g];
+      packed += G;
+      w_ptr += static_cast<size_t>(I + H) * G;
+      b_ptr += 2 * G;
+    }
+  }
+}
 
 size_t GetRnnParamSize(int num_layer, int input_size, int state_size, int direction, int mode) {
   const size_t s = static_cast<size_t>(state_size) * direction * Gates(mode);
@@ -161,16 +199,16 @@ size_t GetRnnReserveSpaceSize(int num_layer, int direction, int seq_length, int 
   }
 }
 
-void RNNForwardInference(float* ws, bool state_outputs, int num_layers, int direction,
+void RNNForwardInference(float* ws, float* xh, bool state_outputs, int num_layers, int direction,
                          int seq_length, int batch_size, int input_size, int state_size,
                          const float* x_ptr, const float* hx_ptr, const float* cx_ptr,
-                         const float* w_ptr, const float* b_ptr, float* y_ptr, float* hy_ptr,
-                         float* cy_ptr, int mode) {
+                         const float* packed, float* y_ptr, float* hy_ptr, float* cy_ptr,
+                         int mode) {
   switch (mode) {
     case rnn::kLstm:
-      LstmForwardInference(ws, state_outputs, num_layers, direction, seq_length, batch_size,
-                           input_size, state_size, x_ptr, hx_ptr, cx_ptr, w_ptr, b_ptr, y_ptr,
-                           hy_ptr, cy_ptr);
+      LstmForwardInference(ws, xh, state_outputs, num_layers, direction, seq_length, batch_size,
+                           input_size, state_size, x_ptr, hx_ptr, cx_ptr, packed, y_ptr, hy_ptr,
+                           cy_ptr);
       break;
     case rnn::kGru:
       CHECK(false) << "Not impl rnn.gru currently";
@@ -303,10 +341,21 @@ int Rnn::Forward(const std::vector<NDArray*>& bottom_blobs, std::vector<NDArray*
     hy_ptr = top_blobs[1]->dptr<float>();
     if (mode_ == rnn::kLstm) cy_ptr = top_blobs[2]->dptr<float>();
   }
+  const int I = static_cast<int>(input_size_);
+  // The weights are packed for the fused gate product once, at the first
+  // call (again only if the input size changes).
+  if (mode_ == rnn::kLstm && packed_input_size_ != input_size_) {
+    packed_ = NDArray(Shape1(static_cast<index_t>(PackedLstmSize(L, I, H, D))), kFloat32);
+    PackLstmWeights(L, D, I, H, w_ptr, b_ptr, packed_.dptr<float>());
+    packed_input_size_ = input_size_;
+  }
   const size_t ws_size = GetRnnWorkspaceSize(T, N, H, D, mode_);
   NDArray ws = resource_->GetInterBuf(0, Shape1(static_cast<index_t>(ws_size)), kFloat32);
-  RNNForwardInference(ws.dptr<float>(), state_outputs_, L, D, T, N, static_cast<int>(input_size_),
-                      H, x->dptr<float>(), hx_ptr, cx_ptr, w_ptr, b_ptr,
+  const int widest = std::max(I, H * D) + H;
+  NDArray xh = resource_->GetInterBuf(1, Shape1(static_cast<index_t>(N * widest)), kFloat32);
+  RNNForwardInference(ws.dptr<float>(), xh.dptr<float>(), state_outputs_, L, D, T, N, I, H,
+                      x->dptr<float>(), hx_ptr, cx_ptr,
+                      mode_ == rnn::kLstm ? packed_.dptr<float>() : nullptr,
                       top_blobs[0]->dptr<float>(), hy_ptr, cy_ptr, mode_);
   return 0;
 }

@@ -50,16 +50,25 @@ class Rnn : public Layer {
   uint32_t seq_length_ = 0;
   uint32_t batch_size_ = 0;
   uint32_t input_size_ = 0;
+  // The LSTM weights packed at the first Forward, for that input size.
+  NDArray packed_;
+  uint32_t packed_input_size_ = 0;
 };
 
+// Size in floats of the LSTM weights packed for the fused gate product, and
+// the packing: per layer and direction the (I + H, 4H) transpose of
+// [wx | wh], then bx + bh.
+size_t PackedLstmSize(int num_layer, int input_size, int state_size, int direction);
+void PackLstmWeights(int num_layer, int direction, int input_size, int state_size,
+                     const float* w_ptr, const float* b_ptr, float* packed);
 // Inference of all layers and directions; ws holds GetRnnWorkspaceSize
-// floats.  hy_ptr and cy_ptr are written only with state_outputs.
-void RNNForwardInference(float* ws, bool state_outputs, int num_layers, int direction,
+// floats, xh batch * (max(input, H * direction) + H).  hy_ptr and cy_ptr
+// are written only with state_outputs.
+void RNNForwardInference(float* ws, float* xh, bool state_outputs, int num_layers, int direction,
                          int seq_length, int batch_size, int input_size, int state_size,
                          const float* x_ptr, const float* hx_ptr, const float* cx_ptr,
-                         const float* w_ptr, const float* b_ptr, float* y_ptr, float* hy_ptr,
-                         float* cy_ptr, int mode);
-
+                         const float* packed, float* y_ptr, float* hy_ptr, float* cy_ptr,
+                         int mode);
 Layer* Rnn_layer_creator();
 
 }  // namespace ruvo
