@@ -1,7 +1,7 @@
-// Pooling, BatchNorm and Dropout, the element-wise family and UpSampling,
-// run through the prediction interface on nets written by
-// gen_float_fixtures.py against numpy, then the fatal checks on bad
-// attributes and shapes.
+// Pooling (float and 8-bit), BatchNorm and Dropout, the element-wise
+// family, UpSampling and the LSTM, run through the prediction interface on
+// nets written by gen_float_fixtures.py against numpy, then the fatal
+// checks on bad attributes and shapes.
 
 #include <gtest/gtest.h>
 
@@ -57,6 +57,31 @@ TEST(FloatLayersTest, NetsMatchNumpy) {
       }
       MXPredFree(h);
     }
+  }
+}
+
+// Pooling on 8-bit data behind a QuantiInput: every pool of the float net,
+// with the average truncated toward zero, byte for byte against integer
+// numpy.
+TEST(FloatLayersTest, EightBitPoolingMatchesIntegerNumpy) {
+  Model m = LoadModel("pool8");
+  ASSERT_FALSE(m.cases.empty());
+  for (const auto& c : m.cases) {
+    PredictorHandle h = net_test::Create(m, c);
+    ASSERT_NE(h, nullptr);
+    net_test::SetInputs(h, c);
+    EXPECT_EQ(MXPredForward(h), 0);
+    uint32_t i = 0;
+    for (const auto& out : c.outputs) {
+      const net_test::Tensor got = GetOutput(h, i++);
+      ASSERT_EQ(got.shape, out.second.shape) << out.first;
+      // GetOutput copies an 8-bit output at one byte an element.
+      const auto* bytes = reinterpret_cast<const signed char*>(got.values.data());
+      EXPECT_EQ(std::vector<signed char>(bytes, bytes + out.second.values.size()),
+                std::vector<signed char>(out.second.values.begin(), out.second.values.end()))
+          << c.name << "/" << out.first;
+    }
+    MXPredFree(h);
   }
 }
 

@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """Writes the float layer nets of the layer tests (pooling, batch norm and
-dropout, the element-wise family, upsampling, LSTM), with expected outputs
-computed here: numpy in float64, and PyTorch's LSTM for the recurrent net.
+dropout, the element-wise family, upsampling, LSTM) and the 8-bit pooling
+net, with expected outputs computed here: numpy in float64 (int64 for the
+8-bit pools), and PyTorch's LSTM for the recurrent net.
 
     /usr/bin/python3 tests/ruvo/gen_float_fixtures.py           (write)
     /usr/bin/python3 tests/ruvo/gen_float_fixtures.py --check   (compare)
@@ -25,7 +26,7 @@ sys.path.insert(0, HERE)
 
 from model_writer import SymbolGraph, write_params  # noqa: E402
 from gen_net_fixtures import IoFile  # noqa: E402
-from gen_quant_fixtures import save  # noqa: E402
+from gen_quant_fixtures import quanti_input, save  # noqa: E402
 
 F32 = np.float32
 
@@ -65,17 +66,28 @@ def pool_out(n, k, s, p, conv):
 
 def pool_ref(x, kind, k, s, p, conv):
     """Windows over a zero (avg) or -inf (max) border wide enough for every
-    window; the average divides by the whole kernel area."""
+    window; the average divides by the whole kernel area.  Integer x is
+    pooled in int64: the max border is the type's lowest value, and the
+    average truncates toward zero."""
+    integer = np.issubdtype(x.dtype, np.integer)
     n, h, w, c = x.shape
     oh, ow = pool_out(h, k[0], s[0], p[0], conv), pool_out(w, k[1], s[1], p[1], conv)
-    fill = 0.0 if kind == "avg" else -np.inf
-    big = np.full((n, h + 2 * p[0] + k[0] + s[0] * oh, w + 2 * p[1] + k[1] + s[1] * ow, c), fill)
+    fill = 0 if kind == "avg" else np.iinfo(x.dtype).min if integer else -np.inf
+    big = np.full((n, h + 2 * p[0] + k[0] + s[0] * oh, w + 2 * p[1] + k[1] + s[1] * ow, c), fill,
+                  dtype=np.int64 if integer else np.float64)
     big[:, p[0]:p[0] + h, p[1]:p[1] + w] = x
-    out = np.zeros((n, oh, ow, c))
+    out = np.zeros((n, oh, ow, c), dtype=big.dtype)
+    area = k[0] * k[1]
     for y in range(oh):
         for z in range(ow):
             win = big[:, y * s[0]:y * s[0] + k[0], z * s[1]:z * s[1] + k[1]]
-            out[:, y, z] = win.sum(axis=(1, 2)) / (k[0] * k[1]) if kind == "avg" else win.max(axis=(1, 2))
+            if kind == "max":
+                out[:, y, z] = win.max(axis=(1, 2))
+            elif integer:
+                t = win.sum(axis=(1, 2))
+                out[:, y, z] = np.sign(t) * (np.abs(t) // area)
+            else:
+                out[:, y, z] = win.sum(axis=(1, 2)) / area
     return out
 
 
@@ -107,6 +119,26 @@ def pool_net(rng, out_dir):
         outs["p_global_avg"] = x.astype(np.float64).mean(axis=(1, 2), keepdims=True)
         cases.append((case, {"data": x}, outs))
     build(out_dir, "pool", nodes, [], cases)
+
+
+def pool8_net(rng, out_dir):
+    """The pools above on 8-bit data: float -> QuantiInput (shift 4, floor)
+    -> Pooling, in integer numpy; the range saturates some inputs."""
+    params = [("aux:qin_input_shift_history", np.array([4], dtype=np.int8))]
+    nodes = {"qin": ("QuantiInput", ["data", "qin_input_shift_history"], {})}
+    for name, (kind, k, s, p, conv) in POOLS.items():
+        a = {"kernel": "(%d,%d)" % k, "stride": "(%d,%d)" % s, "pad": "(%d,%d)" % p, "pool_type": kind}
+        a.update({"legacy_shape": "True"} if conv == "legacy" else {"pooling_convention": conv})
+        nodes["q" + name] = ("Pooling", ["qin"], a)
+    nodes["qp_global_avg"] = ("Pooling", ["qin"],
+                              {"kernel": "(1,1)", "global_pool": "True", "pool_type": "avg"})
+    x = rng.uniform(-9, 9, (2, 7, 8, 19)).astype(F32)
+    q = quanti_input(x, 4, True)
+    outs = {"q" + n: pool_ref(q, *v) for n, v in POOLS.items()}
+    t = q.astype(np.int64).sum(axis=(1, 2), keepdims=True)
+    outs["qp_global_avg"] = np.sign(t) * (np.abs(t) // (7 * 8))
+    outs["qin"] = q
+    build(out_dir, "pool8", nodes, params, [("h7w8", {"data": x}, outs)])
 
 
 # ---------------------------------------------------- batch norm, dropout
@@ -243,6 +275,7 @@ def generate(out_dir):
     elemwise_net(rng, out_dir)
     upsample_net(rng, out_dir)
     lstm_net(rng, out_dir)
+    pool8_net(rng, out_dir)
 
 
 def main(argv):
