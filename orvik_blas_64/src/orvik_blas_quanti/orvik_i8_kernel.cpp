@@ -12,12 +12,18 @@
 #include <arm_neon.h>
 #endif
 
-// On aarch64 the tiles take their own packing (see ArmGemm); the pair
-// kernel below serves the other targets.
+// On aarch64 the tiles take their own packing (see ArmGemm), and so does
+// the byte-quad kernel of the VNNI build (QuadGemm); the pair kernel below
+// serves the other targets.
 #if defined(__aarch64__) && defined(__ARM_NEON)
 #define ORVIK_ARM_TILES 1
 #else
 #define ORVIK_ARM_TILES 0
+#endif
+#if !ORVIK_ARM_TILES && !defined(__AVX512VNNI__)
+#define ORVIK_PAIR_TILES 1
+#else
+#define ORVIK_PAIR_TILES 0
 #endif
 
 #ifndef ORVIK_KERNEL_VARIANT
@@ -35,22 +41,25 @@ namespace {
 constexpr int kCols = 16;
 #if defined(__AVX512BW__)
 constexpr int kVecBytes = 64;
-constexpr int kRows = 8;
 #elif defined(__AVX2__)
 constexpr int kVecBytes = 32;
-constexpr int kRows = 4;
-#elif defined(__SSE2__)
-constexpr int kVecBytes = 16;
-constexpr int kRows = 2;  // sixteen 128-bit registers
 #else
 constexpr int kVecBytes = 16;
-#if !ORVIK_ARM_TILES
+#endif
+#if ORVIK_PAIR_TILES
+#if defined(__AVX512BW__)
+constexpr int kRows = 8;
+#elif defined(__AVX2__)
+constexpr int kRows = 4;
+#elif defined(__SSE2__)
+constexpr int kRows = 2;  // sixteen 128-bit registers
+#else
 constexpr int kRows = 4;
 #endif
 #endif
 constexpr int kDepthBlock = 256;      // bytes of depth per packed block
 constexpr int kColBlock = 4 * kCols;  // columns of B packed at a time
-#if !ORVIK_ARM_TILES
+#if ORVIK_PAIR_TILES
 constexpr int kPairs = kDepthBlock / 2;
 #endif
 
@@ -62,7 +71,7 @@ constexpr int kVecsPerStrip = kCols / kSums;
 
 inline int Min(int a, int b) { return a < b ? a : b; }
 
-#if !ORVIK_ARM_TILES
+#if ORVIK_PAIR_TILES
 inline Vh LoadH(const int16_t* p) {
   Vh v;
   memcpy(&v, p, sizeof(v));
@@ -95,7 +104,7 @@ inline Vh BroadcastPair(uint32_t pair) {
   return (Vh)v;
 }
 
-#endif  // !ORVIK_ARM_TILES
+#endif  // ORVIK_PAIR_TILES
 
 struct Operands {
   int M, N, K;
@@ -108,7 +117,7 @@ inline int8_t AAt(const Operands& op, int i, int p) {
   return kATrans ? op.A[static_cast<long>(p) * op.M + i] : op.A[static_cast<long>(i) * op.K + p];
 }
 
-#if !ORVIK_ARM_TILES
+#if ORVIK_PAIR_TILES
 // Packs depth [p0, p0 + np) of columns [j0, j0 + nj) of B: per strip of
 // kCols columns and per depth pair, the kCols (even, odd) pairs in column
 // order.  Missing columns and an odd last byte read as zero.
@@ -171,7 +180,7 @@ void PackA(const Operands& op, int p0, int np, int i0, int ni, int16_t* dst) {
   }
 }
 
-#endif  // !ORVIK_ARM_TILES
+#endif  // ORVIK_PAIR_TILES
 
 // Adds a tile's sums into C; the first depth block also applies beta.
 template <int kR>
@@ -537,7 +546,7 @@ void QuadGemm(const Operands& op, uint32_t ubeta, int32_t* C) {
 
 namespace {
 
-#if !ORVIK_ARM_TILES
+#if ORVIK_PAIR_TILES
 template <bool kATrans, bool kBTrans, int kR>
 void I8Gemm(const Operands& op, uint32_t ubeta, int32_t* C) {
   const int M = op.M, N = op.N, K = op.K;
@@ -582,7 +591,7 @@ void I8Gemm(const Operands& op, uint32_t ubeta, int32_t* C) {
   }
 }
 
-#endif  // !ORVIK_ARM_TILES
+#endif  // ORVIK_PAIR_TILES
 
 // One row of A against B stored row by row (B(p, j) = B[p*N + j]): rows
 // of B are added in, scaled by one byte of A each, into 32-bit sums.  A
