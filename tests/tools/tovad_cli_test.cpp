@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
+#include <cstdio>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -15,6 +16,7 @@
 #include "tests/tools/fake_toolkit.h"
 #include "tests/tools/test_audio.h"
 #include "tools/tovad/cli.h"
+#include "tools/tovad/output.h"
 
 namespace {
 
@@ -195,6 +197,68 @@ TEST_F(TovadCliTest, SeveralFilesAreNamedAndStartFresh) {
   EXPECT_EQ(fake_toolkit::g_state.full_resets, 2);
 }
 
+// 2000 segments: the text of each file outgrows what its spool keeps in
+// memory, so most of it goes out through the spool's temporary file.
+TEST_F(TovadCliTest, LongStreamGivesEverySegmentInOrder) {
+  constexpr int kBursts = 2000;  // 0.1 s of tone every 0.2 s
+  std::vector<std::pair<double, double>> spans;
+  for (int k = 0; k < kBursts; ++k) spans.push_back({0.2 * k + 0.1, 0.2 * k + 0.2});
+  const std::string wav = dir_ + "/long.wav";
+  ASSERT_TRUE(WriteAudio(wav, SF_FORMAT_WAV, 16000, 1, ToneBursts(0.2 * kBursts, spans)));
+
+  ToolRun json = RunTool({"--conf", conf_, "-f", "json", wav});
+  ASSERT_EQ(json.code, 0) << json.err;
+  cJSON* doc = cJSON_Parse(json.out.c_str());
+  ASSERT_NE(doc, nullptr) << json.out.substr(0, 200);
+  cJSON* segs =
+      cJSON_GetObjectItem(cJSON_GetArrayItem(cJSON_GetObjectItem(doc, "files"), 0), "segments");
+  ASSERT_EQ(cJSON_GetArraySize(segs), kBursts);
+  std::string want_lines;
+  for (int k = 0; k < kBursts; ++k) {
+    cJSON* s = cJSON_GetArrayItem(segs, k);
+    EXPECT_NEAR(cJSON_GetObjectItem(s, "start")->valuedouble, spans[k].first, 1e-9) << k;
+    EXPECT_NEAR(cJSON_GetObjectItem(s, "end")->valuedouble, spans[k].second, 1e-9) << k;
+    char line[64];
+    std::snprintf(line, sizeof(line), "\t%.3f\t%.3f\n", spans[k].first, spans[k].second);
+    want_lines += wav + line;
+  }
+  cJSON_Delete(doc);
+
+  // Two workers: each file's lines wait in its spool until printed in order.
+  ToolRun lines = RunTool({"--conf", conf_, "-j", "2", wav, wav});
+  EXPECT_EQ(lines.code, 0) << lines.err;
+  EXPECT_TRUE(lines.out == want_lines + want_lines) << lines.out.substr(0, 200);
+}
+
+// A spool holds at most about its limit in memory whatever goes through it,
+// and gives back exactly what went in, pieces larger than the limit too.
+TEST(TextSpoolTest, KeepsLittleInMemoryAndGivesBackEveryByte) {
+  constexpr size_t kLimit = 256;
+  tovad_cli::TextSpool spool(kLimit);
+  for (int round = 0; round < 2; ++round) {  // a spool is used again once written out
+    std::string want;
+    for (int i = 0; i < 5000; ++i) {
+      const std::string piece = i % 997 == 0
+                                    ? std::string(3 * kLimit, static_cast<char>('a' + i % 26))
+                                    : std::to_string(i) + (i % 7 == 0 ? "\n" : ", ");
+      spool.Append(piece);
+      want += piece;
+      ASSERT_LT(spool.memory_bytes(), 2 * kLimit) << "after " << i << " pieces";
+    }
+    EXPECT_EQ(spool.size(), want.size());
+    EXPECT_EQ(spool.back(), want.back());
+    FILE* out = std::tmpfile();
+    ASSERT_NE(out, nullptr);
+    ASSERT_TRUE(spool.WriteTo(out));
+    EXPECT_EQ(spool.size(), 0u);
+    std::string got(static_cast<size_t>(std::ftell(out)), '\0');
+    std::rewind(out);
+    EXPECT_EQ(std::fread(&got[0], 1, got.size(), out), got.size());
+    std::fclose(out);
+    EXPECT_TRUE(got == want) << "round " << round << ": " << got.size() << " of " << want.size();
+  }
+}
+
 struct InputCase {
   const char* name;
   int sf_format;
@@ -320,11 +384,15 @@ INSTANTIATE_TEST_SUITE_P(
         ErrorCase{"UnknownOption", {"--loud", "@wav"}, "", "unknown option '--loud'"},
         ErrorCase{"MissingValue", {"@wav", "--conf"}, "", "needs a value"},
         ErrorCase{"BadFormat", {"-f", "xml", "@wav"}, "", "unknown format 'xml'"},
-        ErrorCase{"MissingFile", {"--conf", "@conf", "/nonexistent/a.wav"}, "",
+        ErrorCase{"MissingFile",
+                  {"--conf", "@conf", "/nonexistent/a.wav"},
+                  "",
                   "cannot read '/nonexistent/a.wav'"},
         ErrorCase{"NotAudio", {"--conf", "@conf", "@text"}, "", "cannot read '"},
         ErrorCase{"Directory", {"--conf", "@conf", "@dir"}, "", "cannot read '"},
-        ErrorCase{"MissingConf", {"--conf", "/nonexistent/x.conf", "@wav"}, "",
+        ErrorCase{"MissingConf",
+                  {"--conf", "/nonexistent/x.conf", "@wav"},
+                  "",
                   "cannot read conf '/nonexistent/x.conf'"},
         ErrorCase{"NoBundledModel", {"@wav"}, "", "no model found"},
         ErrorCase{"UnknownModel", {"--model", "nope", "@wav"}, "", "/models/nope"},
@@ -340,7 +408,9 @@ INSTANTIATE_TEST_SUITE_P(
                   "feature_type 'fbank' is not supported"},
         ErrorCase{"BadWidth", kConfWav, "n_width = 64\n", "n_width must be 40 or 80"},
         ErrorCase{"BadDelay", kConfWav, "score_delay_frames = soon\n", "score_delay_frames"},
-        ErrorCase{"SegmentDirIsAFile", {"--conf", "@conf", "-w", "@wav", "@wav"}, "",
+        ErrorCase{"SegmentDirIsAFile",
+                  {"--conf", "@conf", "-w", "@wav", "@wav"},
+                  "",
                   "not a writable directory"}),
     [](const testing::TestParamInfo<ErrorCase>& info) { return info.param.name; });
 

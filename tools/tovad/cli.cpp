@@ -229,7 +229,8 @@ bool WriteWav(const std::string& path, const int16_t* pcm, size_t n, std::string
 // wiped before anything goes to stdout so the two never share a line.
 class Progress {
  public:
-  Progress(size_t files, bool on) : files_(files), on_(on), begin_(Clock::now()) {}
+  Progress(size_t files, bool on)
+      : files_(files), on_(on), stdout_shared_(isatty(STDOUT_FILENO) == 1), begin_(Clock::now()) {}
   ~Progress() { Wipe(); }
 
   void AddSamples(size_t n) {
@@ -243,14 +244,24 @@ class Progress {
     Draw(true);
   }
   // Text to stdout, flushed at once: a reader of a pipe sees each segment
-  // as it closes.
-  void Print(const std::string& text) {
+  // as it closes.  `body`, when given, goes out between `head` and `tail`
+  // and is emptied.  Returns false if the body could not be read back.
+  bool Print(const std::string& head, TextSpool* body = nullptr,
+             const std::string& tail = std::string()) {
     std::lock_guard<std::mutex> lock(mu_);
-    if (text.empty()) return;
+    const char last = !tail.empty()                         ? tail.back()
+                      : body != nullptr && body->size() > 0 ? body->back()
+                      : !head.empty()                       ? head.back()
+                                                            : '\0';
+    if (last == '\0') return true;
     WipeLocked();
-    std::fputs(text.c_str(), stdout);
+    std::fputs(head.c_str(), stdout);
+    const bool ok = body == nullptr || body->WriteTo(stdout);
+    std::fputs(tail.c_str(), stdout);
     std::fflush(stdout);
+    line_open_ = last != '\n';
     Draw(true);
+    return ok;
   }
   void Error(const std::string& msg) {
     std::lock_guard<std::mutex> lock(mu_);
@@ -281,7 +292,8 @@ class Progress {
     shown_ = false;
   }
   void Draw(bool force) {
-    if (!on_) return;
+    // On a shared terminal, wiping our line would wipe a JSON line being written.
+    if (!on_ || (line_open_ && stdout_shared_)) return;
     const Clock::time_point now = Clock::now();
     if (!force && now - last_ < std::chrono::milliseconds(100)) return;
     last_ = now;
@@ -296,6 +308,8 @@ class Progress {
   std::mutex mu_;
   size_t files_;
   bool on_;
+  bool stdout_shared_;      // stdout is a terminal too
+  bool line_open_ = false;  // stdout's last line is not finished
   Clock::time_point begin_;
   Clock::time_point last_{};
   size_t done_ = 0;
@@ -305,6 +319,7 @@ class Progress {
 
 struct FileRun {
   FileResult result;
+  TextSpool text;     // its segments in the output format, when not printed at once
   std::string error;  // one line, empty on success
 };
 
@@ -345,17 +360,15 @@ class Handles {
   std::string abort_line_;  // outlives every StartupLog that points at it
 };
 
-// Runs one file (or standard input) through a fresh handle.  `emit`, when set,
-// receives the result each time new segments have closed, with the index
-// of the first new one.
+// Runs one file (or standard input) through a fresh handle, handing each
+// segment to `on_segment` as it closes.
 void RunFile(Handles* handles, const Options& o, const ModelConf& model, const std::string& path,
-             Progress* progress, const std::function<void(const FileResult&, size_t)>& emit,
-             FileRun* run) {
+             Progress* progress, const Segmenter::SegmentSink& on_segment, FileRun* run) {
   FileResult& r = run->result;
   r.path = path;
   AudioReader reader;
   const bool ok = path == "-" ? reader.OpenStdin(o.raw_input ? &o.raw_format : nullptr, &run->error)
-                             : reader.Open(path, &run->error);
+                              : reader.Open(path, &run->error);
   if (!ok) return;
   r.info = reader.info();
   size_t n_written = 0;
@@ -370,20 +383,12 @@ void RunFile(Handles* handles, const Options& o, const ModelConf& model, const s
     };
   }
   void* handle = handles->Start();
-  Segmenter seg(handle, model.score_delay_frames, sink);
+  Segmenter seg(handle, model.score_delay_frames, on_segment, sink);
   seg.Start();
-  size_t emitted = 0;
-  auto emit_new = [&] {
-    if (!emit || seg.segments().size() == emitted) return;
-    r.segments = seg.segments();
-    emit(r, emitted);
-    emitted = r.segments.size();
-  };
   std::vector<int16_t> block;
   while (reader.Read(&block, &run->error)) {
     seg.Feed(block.data(), block.size());
     progress->AddSamples(block.size());
-    emit_new();
   }
   if (!run->error.empty()) {
     handles->End(handle);
@@ -391,8 +396,6 @@ void RunFile(Handles* handles, const Options& o, const ModelConf& model, const s
   }
   seg.Finish();
   r.duration = static_cast<double>(seg.samples_fed()) / kTargetRate;
-  r.segments = seg.segments();
-  emit_new();
   handles->End(handle);
   run->error = write_error;
 }
@@ -425,25 +428,49 @@ int RunTovad(int argc, char** argv) {
   const bool json = o.format == Format::kJson;
   int status = kExitOk;
   std::vector<FileRun> runs(n_files);
+  // A segment's text; `index` counts the file's segments, for JSON's commas.
+  auto segment_text = [&](const std::string& path, const Segment& s, size_t index) {
+    return FormatSegment(o.format, path, s, with_name, o.raw, index == 0);
+  };
+  // A finished file goes out whole: its error, or what its spool holds
+  // (framed as a file object in JSON).
+  bool json_opened = false;
+  auto finish = [&](FileRun& run) {
+    if (run.error.empty()) {
+      std::string head, tail;
+      if (json) {
+        head = JsonFileHead(run.result, !json_opened);
+        tail = JsonFileTail();
+        json_opened = true;
+      }
+      if (!progress.Print(head, &run.text, tail))
+        run.error = "cannot read back the spooled output of '" + run.result.path + "'";
+    }
+    run.text.Clear();
+    if (!run.error.empty()) {
+      progress.Error(run.error);
+      status = kExitInputError;
+    }
+  };
 
   if (n_workers == 1) {
-    // Segments go out as they close, so a live stream is heard live.
-    std::function<void(const FileResult&, size_t)> emit;
-    if (!json) {
-      emit = [&](const FileResult& r, size_t from) {
-        FileResult part = r;
-        part.segments.erase(part.segments.begin(),
-                            part.segments.begin() + static_cast<std::ptrdiff_t>(from));
-        progress.Print(FormatLines(o.format, part, with_name, o.raw));
-      };
-    }
+    // Line formats print each segment as it closes, so a live stream is
+    // heard live; JSON holds a file's segments until its duration is known.
     for (size_t i = 0; i < n_files; ++i) {
-      RunFile(&handles, o, model, o.files[i], &progress, emit, &runs[i]);
+      size_t count = 0;
+      FileRun& run = runs[i];
+      RunFile(
+          &handles, o, model, o.files[i], &progress,
+          [&](const Segment& s) {
+            const std::string text = segment_text(o.files[i], s, count++);
+            if (json)
+              run.text.Append(text);
+            else
+              progress.Print(text);
+          },
+          &run);
       progress.FileDone();
-      if (!runs[i].error.empty()) {
-        progress.Error(runs[i].error);
-        status = kExitInputError;
-      }
+      finish(run);
     }
   } else {
     // Workers take files in turn; the main thread prints them in argument
@@ -456,7 +483,11 @@ int RunTovad(int argc, char** argv) {
     for (size_t w = 0; w < n_workers; ++w) {
       workers.emplace_back([&] {
         for (size_t i; (i = next++) < n_files;) {
-          RunFile(&handles, o, model, o.files[i], &progress, nullptr, &runs[i]);
+          size_t count = 0;
+          RunFile(
+              &handles, o, model, o.files[i], &progress,
+              [&](const Segment& s) { runs[i].text.Append(segment_text(o.files[i], s, count++)); },
+              &runs[i]);
           progress.FileDone();
           std::lock_guard<std::mutex> lock(mu);
           done[i] = 1;
@@ -469,23 +500,12 @@ int RunTovad(int argc, char** argv) {
         std::unique_lock<std::mutex> lock(mu);
         cv.wait(lock, [&] { return done[i] != 0; });
       }
-      if (!runs[i].error.empty()) {
-        progress.Error(runs[i].error);
-        status = kExitInputError;
-      } else if (!json) {
-        progress.Print(FormatLines(o.format, runs[i].result, with_name, o.raw));
-      }
+      finish(runs[i]);
     }
     for (std::thread& t : workers) t.join();
   }
   progress.Wipe();
-
-  if (json) {
-    std::vector<FileResult> results;
-    for (FileRun& run : runs)
-      if (run.error.empty()) results.push_back(std::move(run.result));
-    progress.Print(FormatJson(results, o.raw));
-  }
+  if (json) progress.Print(JsonEnd(json_opened));
 
   return status;
 }

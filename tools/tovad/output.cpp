@@ -1,6 +1,9 @@
 #include "tools/tovad/output.h"
 
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstdlib>
 
 namespace tovad_cli {
 namespace {
@@ -74,48 +77,94 @@ std::string FileStem(const std::string& path) {
   return base;
 }
 
-std::string FormatLines(Format format, const FileResult& r, bool with_name, bool raw) {
-  std::string out;
-  for (const Segment& s : r.segments) {
-    const double a = StartOf(s, raw), b = EndOf(s, raw);
-    switch (format) {
-      case Format::kDefault:
-        if (with_name) out += r.path + "\t";
-        out += Printf("%.3f\t%.3f\n", a, b);
-        break;
-      case Format::kRttm:
-        // Type, file id, channel, onset, duration, then the speaker fields.
-        out += "SPEAKER " + FileStem(r.path) + " 1 " + Printf("%.3f %.3f", a, b - a) +
-               " <NA> <NA> speech <NA> <NA>\n";
-        break;
-      case Format::kAudacity:
-        out += Printf("%.6f\t%.6f", a, b) + "\tspeech\n";
-        break;
-      case Format::kJson:
-        break;
-    }
+std::string FormatSegment(Format format, const std::string& path, const Segment& s, bool with_name,
+                          bool raw, bool first) {
+  const double a = StartOf(s, raw), b = EndOf(s, raw);
+  switch (format) {
+    case Format::kDefault:
+      return (with_name ? path + "\t" : std::string()) + Printf("%.3f\t%.3f\n", a, b);
+    case Format::kRttm:
+      // Type, file id, channel, onset, duration, then the speaker fields.
+      return "SPEAKER " + FileStem(path) + " 1 " + Printf("%.3f %.3f", a, b - a) +
+             " <NA> <NA> speech <NA> <NA>\n";
+    case Format::kAudacity:
+      return Printf("%.6f\t%.6f", a, b) + "\tspeech\n";
+    case Format::kJson:
+      return (first ? "" : ", ") + Printf("{\"start\": %.3f, \"end\": %.3f", a, b) +
+             (s.cut_by_end_of_input ? ", \"cut_by_end_of_input\": true}" : "}");
   }
-  return out;
+  return std::string();
 }
 
-std::string FormatJson(const std::vector<FileResult>& results, bool raw) {
-  std::string out = "{\"files\": [";
-  for (size_t i = 0; i < results.size(); ++i) {
-    const FileResult& r = results[i];
-    char head[160];
-    std::snprintf(head, sizeof(head),
-                  ", \"sample_rate\": %d, \"channels\": %d, \"duration\": %.3f, \"segments\": [",
-                  r.info.sample_rate, r.info.channels, r.duration);
-    out += std::string(i ? ", " : "") + "{\"file\": " + JsonString(r.path) + head;
-    for (size_t k = 0; k < r.segments.size(); ++k) {
-      const Segment& s = r.segments[k];
-      out += (k ? ", " : "") +
-             Printf("{\"start\": %.3f, \"end\": %.3f", StartOf(s, raw), EndOf(s, raw));
-      out += s.cut_by_end_of_input ? ", \"cut_by_end_of_input\": true}" : "}";
-    }
-    out += "]}";
+std::string JsonFileHead(const FileResult& r, bool first) {
+  char head[160];
+  std::snprintf(head, sizeof(head),
+                ", \"sample_rate\": %d, \"channels\": %d, \"duration\": %.3f, \"segments\": [",
+                r.info.sample_rate, r.info.channels, r.duration);
+  return std::string(first ? "{\"files\": [" : ", ") + "{\"file\": " + JsonString(r.path) + head;
+}
+
+std::string JsonFileTail() { return "]}"; }
+
+std::string JsonEnd(bool opened) { return std::string(opened ? "" : "{\"files\": [") + "]}\n"; }
+
+TextSpool::~TextSpool() {
+  if (file_ != nullptr) std::fclose(file_);
+}
+
+void TextSpool::Append(const std::string& text) {
+  if (text.empty()) return;
+  size_ += text.size();
+  back_ = text.back();
+  if (buffer_.size() + text.size() > limit_ && !spill_failed_) Spill();
+  if (file_ != nullptr && text.size() > limit_) {
+    write_failed_ |= std::fwrite(text.data(), 1, text.size(), file_) != text.size();
+    return;
   }
-  return out + "]}\n";
+  buffer_ += text;
+}
+
+void TextSpool::Spill() {
+  if (file_ == nullptr) {
+    const char* dir = std::getenv("TMPDIR");
+    std::string path =
+        std::string(dir != nullptr && *dir != '\0' ? dir : "/tmp") + "/tovad_spool_XXXXXX";
+    const int fd = mkstemp(&path[0]);
+    if (fd >= 0) {
+      unlink(path.c_str());  // gone from the directory; lives until closed
+      file_ = fdopen(fd, "w+b");
+      if (file_ == nullptr) close(fd);
+    }
+    if (file_ == nullptr) {
+      spill_failed_ = true;
+      return;
+    }
+  }
+  write_failed_ |= std::fwrite(buffer_.data(), 1, buffer_.size(), file_) != buffer_.size();
+  buffer_.clear();
+}
+
+bool TextSpool::WriteTo(FILE* out) {
+  bool ok = !write_failed_;
+  if (file_ != nullptr) {
+    ok = ok && std::fflush(file_) == 0 && std::fseek(file_, 0, SEEK_SET) == 0;
+    char chunk[8192];
+    for (size_t n; ok && (n = std::fread(chunk, 1, sizeof(chunk), file_)) > 0;)
+      std::fwrite(chunk, 1, n, out);
+    ok = ok && std::ferror(file_) == 0;
+  }
+  std::fwrite(buffer_.data(), 1, buffer_.size(), out);
+  Clear();
+  return ok;
+}
+
+void TextSpool::Clear() {
+  if (file_ != nullptr) std::fclose(file_);
+  file_ = nullptr;
+  buffer_.clear();
+  size_ = 0;
+  back_ = '\0';
+  write_failed_ = false;
 }
 
 }  // namespace tovad_cli

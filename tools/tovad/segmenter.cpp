@@ -1,17 +1,20 @@
 #include "tools/tovad/segmenter.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "tovadmod/tovad_api.h"
 
 namespace tovad_cli {
 
-Segmenter::Segmenter(void* handle, int score_delay_frames, AudioSink sink)
-    : handle_(handle), score_delay_frames_(score_delay_frames), sink_(std::move(sink)) {}
+Segmenter::Segmenter(void* handle, int score_delay_frames, SegmentSink segments, AudioSink audio)
+    : handle_(handle),
+      score_delay_frames_(score_delay_frames),
+      segment_sink_(std::move(segments)),
+      audio_sink_(std::move(audio)) {}
 
 void Segmenter::Start() {
   Tovad_toolkit_reset(handle_, true);
-  segments_.clear();
   pending_.clear();
   samples_fed_ = 0;
   base_frame_ = 0;
@@ -70,8 +73,8 @@ void Segmenter::Close(int last_voice_clock, int lib_end, bool at_end_of_input) {
   seg.lib_start_frame = base_frame_ + vad_start_;
   seg.lib_end_frame = base_frame_ + lib_end;
   seg.cut_by_end_of_input = at_end_of_input;
-  segments_.push_back(seg);
-  if (!sink_) return;
+  if (segment_sink_) segment_sink_(seg);
+  if (!audio_sink_) return;
   int n = 0;
   short* data = nullptr;
   Tovad_toolkit_get_vad_segment_raw_data(handle_, &n, &data);
@@ -79,7 +82,7 @@ void Segmenter::Close(int last_voice_clock, int lib_end, bool at_end_of_input) {
   // The library hands out audio up to the newest frame; keep the segment.
   const int64_t want = (static_cast<int64_t>(lib_end) - vad_start_ + 1) * kFrameSamples;
   const size_t keep = static_cast<size_t>(std::min<int64_t>(n, std::max<int64_t>(want, 0)));
-  sink_(seg, reinterpret_cast<const int16_t*>(data), keep);
+  audio_sink_(seg, reinterpret_cast<const int16_t*>(data), keep);
 }
 
 void Segmenter::Finish() {

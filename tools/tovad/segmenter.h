@@ -27,15 +27,18 @@ struct Segment {
 
 // Runs a toolkit handle over one file's 16 kHz samples.  Samples go in one
 // frame per call so that a segment's end is seen at the frame that decides
-// it; after each end the segment is fetched and the handle is reset with
-// `full` false, so the next segment is found with warm features.
+// it; after each end the segment is handed out and the handle is reset with
+// `full` false, so the next segment is found with warm features.  Nothing
+// is kept per segment: a stream of any length runs in constant memory.
 class Segmenter {
  public:
+  // Receives each segment as it closes.
+  using SegmentSink = std::function<void(const Segment&)>;
   // Receives each segment with the library's raw audio from its start to
   // its end (valid during the call only).
   using AudioSink = std::function<void(const Segment&, const int16_t*, size_t)>;
 
-  Segmenter(void* handle, int score_delay_frames, AudioSink sink);
+  Segmenter(void* handle, int score_delay_frames, SegmentSink segments, AudioSink audio);
 
   // Begins a file: full reset of the handle, counters to zero.
   void Start();
@@ -44,7 +47,6 @@ class Segmenter {
   // Ends the file; a segment still open ends at the end of the input.
   void Finish();
 
-  const std::vector<Segment>& segments() const { return segments_; }
   int64_t samples_fed() const { return samples_fed_; }
 
  private:
@@ -53,8 +55,8 @@ class Segmenter {
 
   void* handle_;
   int score_delay_frames_;
-  AudioSink sink_;
-  std::vector<Segment> segments_;
+  SegmentSink segment_sink_;
+  AudioSink audio_sink_;
   std::vector<int16_t> pending_;
   int64_t samples_fed_ = 0;
   int64_t base_frame_ = 0;  // frames of the file before the last reset
