@@ -1,8 +1,10 @@
 // Soak: hours of generated audio (voice-like stretches and pauses) through
 // one handle of the bundled model, and through the tovad program reading
-// the same stream from a pipe.  Resident memory is sampled as the audio
-// goes by; after start-up it must stay flat.  Reported: RSS after the
-// first hour (the reference), peak and final RSS, and final / first-hour.
+// the same stream as headerless PCM on its standard input, once printing
+// lines and once writing JSON (whose segments wait for the end of the
+// input).  Resident memory is sampled as the audio goes by; after start-up
+// it must stay flat.  Reported: RSS after the first hour (the reference),
+// peak and final RSS, and final / first-hour.
 //
 //   build/bench/bench/soak_bench [--benchmark_filter=...]
 //   TOVAD_SOAK_HOURS=24 (default) sets the length; TOVAD_SOAK_TOVAD names
@@ -11,7 +13,6 @@
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -95,46 +96,31 @@ void BM_SoakHandle(benchmark::State& state) {
 }
 BENCHMARK(BM_SoakHandle)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 
-// AU with an unknown data size: a header libsndfile reads from a pipe.
-void WriteAuHeader(int fd) {
-  const uint32_t words[6] = {0x2e736e64, 24, 0xffffffff, 3 /* 16-bit PCM */, kRate, 1};
-  uint8_t header[24];
-  for (int i = 0; i < 6; ++i) {
-    for (int b = 0; b < 4; ++b) header[i * 4 + b] = static_cast<uint8_t>(words[i] >> (24 - 8 * b));
-  }
-  if (write(fd, header, sizeof(header)) != sizeof(header)) abort();
-}
-
 void BM_SoakTovadProgram(benchmark::State& state) {
   const int64_t seconds = SoakSeconds();
+  const bool json = state.range(0) != 0;
   const char* program = getenv("TOVAD_SOAK_TOVAD");
   const std::string tovad = program != nullptr ? program : TOVAD_PROGRAM;
+  std::vector<const char*> argv = {tovad.c_str(), "--raw-input", "-"};
+  if (json) argv.insert(argv.begin() + 1, {"-f", "json"});
+  argv.push_back(nullptr);
+  signal(SIGPIPE, SIG_IGN);  // a tovad that dies shows in its exit status
   for (auto _ : state) {
-    char dir_template[] = "/tmp/tovad_soak_XXXXXX";
-    const std::string dir = mkdtemp(dir_template);
-    const std::string fifo = dir + "/audio.au";
-    if (mkfifo(fifo.c_str(), 0600) != 0) abort();
+    int pipe_fds[2];
+    if (pipe(pipe_fds) != 0) abort();
     const pid_t child = fork();
     if (child == 0) {
       const int devnull = open("/dev/null", O_WRONLY);
+      dup2(pipe_fds[0], 0);
       dup2(devnull, 1);
       dup2(devnull, 2);
-      execl(tovad.c_str(), tovad.c_str(), fifo.c_str(), static_cast<char*>(nullptr));
+      close(pipe_fds[0]);
+      close(pipe_fds[1]);
+      execv(tovad.c_str(), const_cast<char* const*>(argv.data()));
       _exit(127);
     }
-    // tovad opens each file once to check it before it reads it: the first
-    // opening gets the header and silence until it lets go of the pipe.
-    signal(SIGPIPE, SIG_IGN);
-    {
-      const int probe = open(fifo.c_str(), O_WRONLY);
-      WriteAuHeader(probe);
-      const std::vector<uint8_t> silence(4096, 0);
-      while (write(probe, silence.data(), silence.size()) > 0) {
-      }
-      close(probe);
-    }
-    const int fd = open(fifo.c_str(), O_WRONLY);
-    WriteAuHeader(fd);
+    close(pipe_fds[0]);
+    const int fd = pipe_fds[1];
     Trace trace;
     tovad_synth::VoicedAudio audio(1);
     std::vector<int16_t> block(kRate);
@@ -142,8 +128,8 @@ void BM_SoakTovadProgram(benchmark::State& state) {
     for (int64_t s = 0; s < seconds; ++s) {
       audio.Fill(block.data(), kRate);
       for (int i = 0; i < kRate; ++i) {
-        bytes[2 * i] = static_cast<uint8_t>(static_cast<uint16_t>(block[i]) >> 8);
-        bytes[2 * i + 1] = static_cast<uint8_t>(block[i] & 0xff);
+        bytes[2 * i] = static_cast<uint8_t>(block[i] & 0xff);  // little-endian
+        bytes[2 * i + 1] = static_cast<uint8_t>(static_cast<uint16_t>(block[i]) >> 8);
       }
       if (write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) break;
       if (s % 60 == 59) trace.Sample(RssMb(child), s + 1);
@@ -151,14 +137,18 @@ void BM_SoakTovadProgram(benchmark::State& state) {
     close(fd);
     int status = 0;
     waitpid(child, &status, 0);
-    unlink(fifo.c_str());
-    rmdir(dir.c_str());
     trace.Report(state);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) state.SkipWithError("tovad failed");
   }
   state.counters["audio_hours"] = seconds / 3600.0;
 }
-BENCHMARK(BM_SoakTovadProgram)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
+BENCHMARK(BM_SoakTovadProgram)
+    ->ArgName("json")
+    ->Arg(0)
+    ->Arg(1)
+    ->Iterations(1)
+    ->Unit(benchmark::kSecond)
+    ->UseRealTime();
 
 }  // namespace
 
