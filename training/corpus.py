@@ -54,6 +54,13 @@ SPLITS = {
     "heldout_real": dict(name="heldout_real", langs=HELDOUT_LANGS, variants=HELDOUT_VARIANTS,
                          seed=950000, hum_hz=60.0, speakers=[real_audio.HELDOUT_SPEAKER],
                          real_every=1),
+    # Noise that starts after digital silence or a very low level, or steps up
+    # in level, while nobody speaks: muted streams and zero-padded files.
+    "train_onset": dict(name="train", langs=TRAIN_LANGS, variants=TRAIN_VARIANTS, seed=500000,
+                        hum_hz=50.0, speakers=real_audio.TRAIN_SPEAKERS, real_every=2,
+                        onsets=True),
+    "heldout_onset": dict(name="heldout", langs=HELDOUT_LANGS, variants=HELDOUT_VARIANTS,
+                          seed=970000, hum_hz=60.0, speakers=[], real_every=0, onsets=True),
 }
 
 CONSONANTS = "bdfgklmnprstvz"
@@ -118,6 +125,34 @@ def close_gaps(lab, max_gap):
         if a - b < max_gap:
             out[b:a] = 1
     return out
+
+
+def quiet_before_onsets(rng, mix, labels, margin=5):
+    """Digital silence, a very low level or a step down in level before a
+    random point of the leading stretch without speech and of about a third
+    of the later gaps, so that the noise starts or steps up there with no
+    speech near it.  Returns the onset frames."""
+    onsets = []
+    for i, (a, b) in enumerate(runs(1 - labels)):
+        if b <= len(labels) - 1:
+            b -= margin  # keep clear of the speech that ends the gap
+        if i > 0:
+            a += margin
+            if rng.random() > 0.35:
+                continue
+        if b - a < 20:
+            continue
+        cut = int(rng.integers(a + 10, b - 5))
+        kind = rng.random()
+        if kind < 0.4:
+            gain = 0.0
+        elif kind < 0.7:
+            gain = 10 ** (-rng.uniform(35, 60) / 20)
+        else:
+            gain = 10 ** (-rng.uniform(10, 30) / 20)
+        mix[a * FRAME:cut * FRAME] *= gain
+        onsets.append(cut)
+    return onsets
 
 
 def colored_noise(rng, n, exponent):
@@ -200,7 +235,8 @@ def make_clip(split, index, seconds=(9.0, 14.0), noise=None, snr="random"):
     if real:
         voice = str(rng.choice(cfg["speakers"]))
     target = rng.uniform(*seconds)
-    parts = [np.zeros(int(rng.uniform(0.3, 2.0) * RATE))]
+    lead = (1.0, 3.0) if cfg.get("onsets") else (0.3, 2.0)
+    parts = [np.zeros(int(rng.uniform(*lead) * RATE))]
     total = parts[0].size
     while total < target * RATE:
         text = random_text(rng, int(rng.integers(3, 12)))
@@ -226,12 +262,15 @@ def make_clip(split, index, seconds=(9.0, 14.0), noise=None, snr="random"):
         mix += nz * np.sqrt(speech_power / 10 ** (snr / 10))
     else:
         noise = "none"
+    onsets = quiet_before_onsets(rng, mix, labels) if cfg.get("onsets") else []
     level_db = rng.uniform(-30, -1)  # peak level of the clip in dBFS
     mix *= 10 ** (level_db / 20) / max(np.max(np.abs(mix)), 1e-9)
     pcm = np.clip(np.round(mix * 32768), -32768, 32767).astype("<i2")
     meta = dict(index=index, seed=seed, voice=voice, speed=speed, pitch=pitch,
                 noise=noise, snr=snr, level_db=round(float(level_db), 2),
                 seconds=round(pcm.size / RATE, 3))
+    if onsets:
+        meta["onset_frames"] = [int(o) for o in onsets]
     return pcm, labels, meta
 
 
@@ -293,10 +332,13 @@ def main():
     ap.add_argument("--train-clips", type=int, default=240)
     ap.add_argument("--heldout-clips", type=int, default=60)
     ap.add_argument("--real-clips", type=int, default=40, help="clips of the held-out speaker")
-    ap.add_argument("--splits", default="train,heldout,heldout_real")
+    ap.add_argument("--onset-clips", type=int, default=120,
+                    help="training clips with noise onsets (a third as many held out)")
+    ap.add_argument("--splits", default="train,heldout,heldout_real,train_onset,heldout_onset")
     ap.add_argument("--jobs", type=int, default=1)
     a = ap.parse_args()
-    counts = dict(train=a.train_clips, heldout=a.heldout_clips, heldout_real=a.real_clips)
+    counts = dict(train=a.train_clips, heldout=a.heldout_clips, heldout_real=a.real_clips,
+                  train_onset=a.onset_clips, heldout_onset=a.onset_clips // 3)
     for split in a.splits.split(","):
         build(a.out, split, counts[split], a.jobs)
 

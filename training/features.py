@@ -20,7 +20,7 @@ def main():
     ap.add_argument("--corpus", required=True)
     ap.add_argument("--out", required=True)
     a = ap.parse_args()
-    for split in ("train", "heldout", "heldout_real"):
+    for split in ("train", "heldout", "heldout_real", "train_onset", "heldout_onset"):
         src = os.path.join(a.corpus, split)
         if not os.path.isdir(src):
             continue

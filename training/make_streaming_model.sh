@@ -16,10 +16,10 @@ work="${2:-$here/work}"
 py=/usr/bin/python3
 run() { echo "== $*" >&2; nice -n 19 "$@"; }
 
-[ -f "$work/corpus/heldout_real/manifest.json" ] ||
+[ -f "$work/corpus/heldout_onset/manifest.json" ] ||
   run $py "$here/corpus.py" --out "$work/corpus" --train-clips 480 --heldout-clips 80 \
-    --real-clips 40 --jobs 2
-[ -f "$work/features/heldout_real/0000.f32" ] ||
+    --real-clips 40 --onset-clips 120 --jobs 2
+[ -f "$work/features/heldout_onset/0000.f32" ] ||
   run $py "$here/features.py" --dump "$build/tools/tovad_feature_dump" \
     --corpus "$work/corpus" --out "$work/features"
 run $py "$here/train_stream.py" --features "$work/features" --corpus "$work/corpus" \

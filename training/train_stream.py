@@ -98,9 +98,13 @@ def main():
     feats, labels, _ = train.load_split(a.features, a.corpus, "train")
     n_val = max(1, len(feats) // 10)  # the last clips choose the threshold
     add, mul = train.norm_terms(feats[:-n_val])
+    # Noise onsets train the net but leave the normalisation and the
+    # threshold to ordinary clips.
+    onset_feats, onset_labels, _ = train.load_split(a.features, a.corpus, "train_onset")
     model = fixed_point.StreamingNet(train.DIM, LAYERS)
     field = model.receptive_field()
-    crops = Crops(feats[:-n_val], labels[:-n_val], add, mul, field, a.length, a.label_delay)
+    crops = Crops(feats[:-n_val] + onset_feats, labels[:-n_val] + onset_labels, add, mul, field,
+                  a.length, a.label_delay)
     print("train frames: %d, receptive field %d frames" % (crops.frames(), field), flush=True)
 
     opt = torch.optim.Adam(model.parameters(), lr=2e-3)

@@ -4,8 +4,9 @@
   evaluate.py --tovad BUILD/tools/tovad --corpus ../work/corpus --out ../work/eval
               [--models default,dense] [--no-peers]
 
-For each held-out set (synthetic speech, and the recorded speaker that
-training never hears), tovad runs once per bundled model (--model NAME) and
+For each held-out set (synthetic speech, the recorded speaker that
+training never hears, and synthetic speech whose noise starts or steps up
+after digital silence or a quieter level), tovad runs once per bundled model (--model NAME) and
 its segments become per-frame decisions (NAME.tovad-MODEL.dec); the peers
 run through run_peers.mjs (npm ci in this directory first, with
 ONNXRUNTIME_NODE_INSTALL=skip).  Prints, per set, each detector's F1,
@@ -28,7 +29,8 @@ ROOT = os.path.join(HERE, "..", "..")
 sys.path.insert(0, HERE)
 import score  # noqa: E402
 
-SETS = [("heldout", "synthetic held-out"), ("heldout_real", "held-out recorded speaker")]
+SETS = [("heldout", "synthetic held-out"), ("heldout_real", "held-out recorded speaker"),
+        ("heldout_onset", "held-out noise onsets after silence or a quieter level")]
 PEERS = [("webrtc mode 3", ".webrtc3.dec"), ("silero", ".silero.dec")]
 
 

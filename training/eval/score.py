@@ -83,8 +83,12 @@ def is_score(values):
     return not np.all((values == 0) | (values == 1))
 
 
+ONSET_FRAMES = 100  # the second after a noise onset
+
+
 def score_dir(labels_dir, pred_dir, suffix, threshold, manifest=None):
-    """Totals and per-group metrics; groups come from the manifest."""
+    """Totals and per-group metrics; groups come from the manifest.  Clips
+    with noise onsets add the group "onset+1s": the second after each."""
     groups = {"all": ([], [], [])}
     meta = {}
     if manifest:
@@ -105,11 +109,14 @@ def score_dir(labels_dir, pred_dir, suffix, threshold, manifest=None):
         if name in meta:
             keys += ["noise=%s" % meta[name]["noise"],
                      "snr=%s" % ("clean" if meta[name]["snr"] is None else meta[name]["snr"])]
-        for k in keys:
+        parts = [(k, slice(None)) for k in keys]
+        for o in meta.get(name, {}).get("onset_frames", []):
+            parts.append(("onset+1s", slice(o, o + ONSET_FRAMES)))
+        for k, span in parts:
             g = groups.setdefault(k, ([], [], []))
-            g[0].append(lab)
-            g[1].append(dec)
-            g[2].append(pred)
+            g[0].append(lab[span])
+            g[1].append(dec[span])
+            g[2].append(pred[span])
     result = {}
     for k, (labs, decs, preds) in groups.items():
         if not labs:

@@ -1,7 +1,10 @@
 #!/usr/bin/python3
 """Checks of the scorer on hand-counted cases: /usr/bin/python3 test_score.py"""
 
+import json
 import math
+import os
+import tempfile
 import unittest
 
 import numpy as np
@@ -50,6 +53,23 @@ class ScoreTest(unittest.TestCase):
         lab, pred = score.align(np.arange(5), np.arange(3))
         self.assertEqual(len(lab), 3)
         self.assertEqual(len(pred), 3)
+
+    def test_onset_group_covers_the_second_after_each_onset(self):
+        lab = np.zeros(300, int)
+        lab[250:] = 1
+        dec = np.zeros(300, int)
+        dec[10:20] = 1  # before the onsets: counts in "all" only
+        dec[120:130] = 1  # 10 of the 100 frames after the onset at 100
+        with tempfile.TemporaryDirectory() as d:
+            np.savetxt(os.path.join(d, "a.labels"), lab, fmt="%d")
+            np.savetxt(os.path.join(d, "a.dec"), dec, fmt="%d")
+            meta = [dict(name="a", noise="pink", snr=10, onset_frames=[100, 280])]
+            with open(os.path.join(d, "m.json"), "w") as f:
+                json.dump(meta, f)
+            r = score.score_dir(d, d, ".dec", 0.5, os.path.join(d, "m.json"))
+        self.assertEqual(r["onset+1s"]["frames"], 120)  # the clip ends 20 after 280
+        self.assertAlmostEqual(r["onset+1s"]["false_alarm"], 10 / 100)
+        self.assertAlmostEqual(r["all"]["false_alarm"], 20 / 250)
 
 
 if __name__ == "__main__":
