@@ -55,21 +55,24 @@ class ScoreTest(unittest.TestCase):
         self.assertEqual(len(pred), 3)
 
     def test_onset_group_covers_the_second_after_each_onset(self):
-        lab = np.zeros(300, int)
-        lab[250:] = 1
-        dec = np.zeros(300, int)
+        lab = np.zeros(400, int)
+        lab[250:290] = 1
+        dec = np.zeros(400, int)
         dec[10:20] = 1  # before the onsets: counts in "all" only
         dec[120:130] = 1  # 10 of the 100 frames after the onset at 100
+        dec[225:235] = 1  # after the onset at 215, but too close to speech
         with tempfile.TemporaryDirectory() as d:
             np.savetxt(os.path.join(d, "a.labels"), lab, fmt="%d")
             np.savetxt(os.path.join(d, "a.dec"), dec, fmt="%d")
-            meta = [dict(name="a", noise="pink", snr=10, onset_frames=[100, 280])]
+            meta = [dict(name="a", noise="pink", snr=10, onset_frames=[100, 215, 235, 380])]
             with open(os.path.join(d, "m.json"), "w") as f:
                 json.dump(meta, f)
             r = score.score_dir(d, d, ".dec", 0.5, os.path.join(d, "m.json"))
-        self.assertEqual(r["onset+1s"]["frames"], 120)  # the clip ends 20 after 280
-        self.assertAlmostEqual(r["onset+1s"]["false_alarm"], 10 / 100)
-        self.assertAlmostEqual(r["all"]["false_alarm"], 20 / 250)
+        # 100 frames after 100, 5 after 215 (speech at 250), none after
+        # 235, and 20 after 380 where the clip ends.
+        self.assertEqual(r["onset+1s"]["frames"], 125)
+        self.assertAlmostEqual(r["onset+1s"]["false_alarm"], 10 / 125)
+        self.assertAlmostEqual(r["all"]["false_alarm"], 30 / 360)
 
 
 if __name__ == "__main__":
