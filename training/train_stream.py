@@ -90,6 +90,9 @@ def main():
     ap.add_argument("--length", type=int, default=400, help="frames scored per crop")
     ap.add_argument("--threads", type=int, default=1)
     ap.add_argument("--label-delay", type=int, default=LABEL_DELAY)
+    ap.add_argument("--max-lr", type=float, default=3e-3)
+    ap.add_argument("--init", help="a model.pt to go on training: its shifts and "
+                    "normalisation stay as they are")
     a = ap.parse_args()
     torch.manual_seed(0)
     rng = np.random.default_rng(0)
@@ -97,23 +100,26 @@ def main():
 
     feats, labels, _ = train.load_split(a.features, a.corpus, "train")
     n_val = max(1, len(feats) // 10)  # the last clips choose the threshold
-    add, mul = train.norm_terms(feats[:-n_val])
+    init = torch.load(a.init) if a.init else None
+    add, mul = (init["add"], init["mul"]) if init else train.norm_terms(feats[:-n_val])
     # Noise onsets train the net but leave the normalisation and the
     # threshold to ordinary clips.
     onset_feats, onset_labels, _ = train.load_split(a.features, a.corpus, "train_onset")
     model = fixed_point.StreamingNet(train.DIM, LAYERS)
+    if init:
+        model.load_state_dict(init["state"])
     field = model.receptive_field()
     crops = Crops(feats[:-n_val] + onset_feats, labels[:-n_val] + onset_labels, add, mul, field,
                   a.length, a.label_delay)
     print("train frames: %d, receptive field %d frames" % (crops.frames(), field), flush=True)
 
     opt = torch.optim.Adam(model.parameters(), lr=2e-3)
-    sched = torch.optim.lr_scheduler.OneCycleLR(opt, max_lr=3e-3, total_steps=a.steps,
+    sched = torch.optim.lr_scheduler.OneCycleLR(opt, max_lr=a.max_lr, total_steps=a.steps,
                                                 pct_start=0.1)
     loss_fn = nn.CrossEntropyLoss(ignore_index=-100)
     calib_x, _ = crops.batch(np.random.default_rng(1), 64)
     # Shifts follow the activations while the net finds its scale, then stay.
-    calib_until = a.steps // 2
+    calib_until = -1 if init else a.steps // 2
     t0, total, n = time.time(), 0.0, 0
     for step in range(a.steps):
         if step % 250 == 0 and step <= calib_until:
@@ -144,7 +150,7 @@ def main():
                os.path.join(a.out, "model.pt"))
     with open(os.path.join(a.out, "train.json"), "w") as f:
         json.dump(dict(layers=[list(l) for l in LAYERS], label_delay=a.label_delay,
-                       steps=a.steps, validation_f1=best[0], threshold=best[1],
+                       steps=a.steps, init=a.init, validation_f1=best[0], threshold=best[1],
                        score_delay_frames=delay), f, indent=1)
 
 
