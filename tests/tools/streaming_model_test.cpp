@@ -114,4 +114,23 @@ TEST(StreamingModelTest, ToolkitPositionsDoNotDependOnTheBlockSize) {
   EXPECT_EQ(PositionsPerSecond(pcm, 16000), reference);
 }
 
+// Noise that starts after digital silence is not speech: a second of zeros
+// in front of the recording moves its first segment by that second.
+TEST(StreamingModelTest, ZerosInFrontDelayTheFirstSegmentByTheirLength) {
+  const std::vector<short> pcm = ReadSample();
+  std::vector<short> padded(16000, 0);
+  padded.insert(padded.end(), pcm.begin(), pcm.end());
+  // The start of the first segment, as the first second that has one says.
+  auto first_start = [](const std::vector<std::pair<int, int>>& seconds) {
+    for (const auto& p : seconds) {
+      if (p.first >= 0) return p.first;
+    }
+    return -1;
+  };
+  const int start = first_start(PositionsPerSecond(pcm, 160));
+  const int later = first_start(PositionsPerSecond(padded, 160));
+  ASSERT_GE(start, 0);
+  EXPECT_NEAR(later, start + 100, 3);
+}
+
 }  // namespace
