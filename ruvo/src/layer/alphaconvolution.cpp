@@ -16,15 +16,7 @@ std::vector<std::string> AlphaConvolution::ListArguments() const {
 }
 
 std::vector<std::string> AlphaConvolution::ListAuxiliaryStates() const {
-  std::vector<std::string> aux = {"output_shift_history"};
-  aux.push_back(vector_quanti_ ? "weight_vec_shift_history" : "weight_shift_history");
-  if (!no_bias_) aux.push_back(vector_quanti_ ? "bias_vec_shift_history" : "bias_shift_history");
-  if (use_batchnorm_) {
-    aux.push_back("bn_weight");
-    aux.push_back("bn_right_shift");
-    aux.push_back("bn_weight_shift");
-  }
-  return aux;
+  return quanti::MatrixAuxStates("output_shift_history", vector_quanti_, !no_bias_, use_batchnorm_);
 }
 
 std::vector<uint32_t> AlphaConvolution::GetInputBatchBlobs() const {
@@ -36,11 +28,10 @@ void AlphaConvolution::Init(const LayerAttrs& attrs) {
   attrs_.Parse(attrs, "1");
   RUVO_BOOL_ATTR(attrs, "no_bias", "False", no_bias_symbol, no_bias_);
   RUVO_BOOL_ATTR(attrs, "transpose_weight", "True", transpose_weight_symbol, transpose_weight_);
-  RUVO_BOOL_ATTR(attrs, "elementwise_input", "False", elementwise_input_symbol,
-                 elementwise_input_);
+  RUVO_BOOL_ATTR(attrs, "elementwise_input", "False", elementwise_input_symbol, elementwise_input_);
   RUVO_BOOL_ATTR(attrs, "use_activation", "False", use_activation_symbol, use_activation_);
-  RUVO_BOOL_ATTR(attrs, "disable_output_quantization", "False",
-                 disable_output_quantization_symbol, disable_output_quantization_);
+  RUVO_BOOL_ATTR(attrs, "disable_output_quantization", "False", disable_output_quantization_symbol,
+                 disable_output_quantization_);
   RUVO_BOOL_ATTR(attrs, "vector_quanti", "False", vector_quanti_symbol, vector_quanti_);
   RUVO_BOOL_ATTR(attrs, "use_batchnorm", "False", use_batchnorm_symbol, use_batchnorm_);
   is_1x1_ = attrs_.Is1x1();
@@ -67,27 +58,15 @@ bool AlphaConvolution::InferShape(std::vector<TShape>& in_shape, std::vector<TSh
       CHECK(out_shape[0] == in_shape[3]) << "mismatch shape for elementwise_data ";
     }
   }
-  const index_t nf = static_cast<index_t>(attrs_.num_filter_);
-  const TShape per_layer = vector_quanti_ ? TShape{nf} : TShape{1};
-  aux_shape.clear();
-  aux_shape.push_back(TShape{1});
-  aux_shape.push_back(per_layer);
-  if (!no_bias_) aux_shape.push_back(per_layer);
-  if (use_batchnorm_) aux_shape.insert(aux_shape.end(), 3, TShape{nf});
+  aux_shape = quanti::MatrixAuxShapes(static_cast<index_t>(attrs_.num_filter_), vector_quanti_,
+                                      !no_bias_, use_batchnorm_);
   return true;
 }
 
 bool AlphaConvolution::InferType(std::vector<int>& in_type, std::vector<int>& out_type,
                                  std::vector<int>& aux_type) {
-  CHECK_GE(in_type.size(), 1);
-  const int dtype = in_type[0];
-  CHECK(dtype != -1) << "First input must have specified type";
-  for (size_t i = 1; i < in_type.size(); ++i) {
-    if (in_type[i] == -1) in_type[i] = (!no_bias_ && i == 2) ? kInt32 : dtype;
-  }
-  out_type.assign(1, disable_output_quantization_ ? kFloat32 : dtype);
-  aux_type.assign(num_aux(), dtype);
-  if (use_batchnorm_) aux_type[bn_index(3)] = kInt32;
+  quanti::MatrixInferType(in_type, out_type, aux_type, !no_bias_, disable_output_quantization_,
+                          use_batchnorm_);
   return true;
 }
 
@@ -96,8 +75,8 @@ void AlphaConvolution::Prepare(const NDArray& data, const NDArray& weight, const
   const index_t nf = static_cast<index_t>(attrs_.num_filter_);
   // The weight blob is the parameter file's array as it was stored.
   CHECK(weight.dtype() == kInt8 && weight.ndim() == 4 &&
-        weight.Size() == nf * attrs_.kernel_[0] * attrs_.kernel_[1] *
-                             (data.shape()[3] / attrs_.num_group_))
+        weight.Size() ==
+            nf * attrs_.kernel_[0] * attrs_.kernel_[1] * (data.shape()[3] / attrs_.num_group_))
       << "weight does not match the convolution";
   if (transpose_weight_) {
     weight_t_ = NDArray(weight.shape(), weight.dtype());
@@ -111,14 +90,8 @@ void AlphaConvolution::Prepare(const NDArray& data, const NDArray& weight, const
     group_in_ = NDArray(TShape{1, d[1], d[2], d[3]}, kInt8);
     group_out_ = NDArray(TShape{1, o[1], o[2], o[3]}, kInt32);
   }
-  quanti::BuildWeightShiftTable(
-      *aux_blobs[1], vector_quanti_, use_batchnorm_,
-      use_batchnorm_ ? aux_blobs[bn_index(5)] : nullptr,
-      use_batchnorm_ ? aux_blobs[bn_index(4)] : nullptr, attrs_.num_filter_, &weight_shift_);
-  if (use_batchnorm_) {
-    CHECK(aux_blobs[bn_index(3)]->dtype() == kInt32 && aux_blobs[bn_index(3)]->Size() == nf)
-        << "bn_weight must hold one entry per output channel";
-  }
+  quanti::BuildWeightShiftTable(aux_blobs, vector_quanti_, bn_first(), attrs_.num_filter_,
+                                &weight_shift_);
 }
 
 void AlphaConvolution::RunImages(const NDArray& data, const NDArray& weight,
@@ -157,14 +130,14 @@ void AlphaConvolution::RunImages(const NDArray& data, const NDArray& weight,
       if (is_1x1_) {
         conv::Forward1x1GEMMOneGroup<signed char, int>(gin, gout, w, g);
       } else {
-        conv::ForwardGEMMOneGroupOneImage<signed char, int>(gin, gout, w,
-                                                            col.dptr<signed char>(), 0, g);
+        conv::ForwardGEMMOneGroupOneImage<signed char, int>(gin, gout, w, col.dptr<signed char>(),
+                                                            0, g);
       }
       conv::GroupReorder<int>(gout, accp, positions, attrs_.num_filter_, g.num_group, true);
     }
     stage->edata = edata == nullptr ? nullptr : edata + n * out_image;
     stage->Run(accp, static_cast<index_t>(positions), out8 ? out8 + n * out_image : nullptr,
-              outf ? outf + n * out_image : nullptr);
+               outf ? outf + n * out_image : nullptr);
   }
 }
 
@@ -179,10 +152,7 @@ int AlphaConvolution::Forward(const std::vector<NDArray*>& bottom_blobs,
   const NDArray& weight = *bottom_blobs[1];
   NDArray& top = *top_blobs[0];
   const index_t nf = static_cast<index_t>(attrs_.num_filter_);
-  if (!no_bias_) {
-    CHECK(bottom_blobs[2]->dtype() == kInt32 && bottom_blobs[2]->Size() == nf)
-        << "bias does not match the convolution";
-  }
+  if (!no_bias_) quanti::CheckBias(*bottom_blobs[2], nf, "convolution");
   if (!prepared_) {
     Prepare(data, weight, top, aux_blobs);
     prepared_ = true;
@@ -190,15 +160,8 @@ int AlphaConvolution::Forward(const std::vector<NDArray*>& bottom_blobs,
 
   const conv::Geometry g = attrs_.GeometryOf(data.shape(), top.shape(), transpose_weight_);
   quanti::OutputStage stage;
-  stage.channels = attrs_.num_filter_;
-  stage.w = weight_shift_.dptr<signed char>();
-  stage.in_shift = data.shift_;
-  stage.out_shift = quanti::ReadShift(*aux_blobs[0], "output_shift_history");
-  stage.bias = no_bias_ ? nullptr : bottom_blobs[2]->dptr<int>();
-  if (use_batchnorm_) {
-    stage.bn_weight = aux_blobs[bn_index(3)]->dptr<int>();
-    stage.bn_right_shift = aux_blobs[bn_index(4)]->dptr<signed char>();
-  }
+  stage.SetMatrix(weight_shift_, attrs_.num_filter_, data.shift_, aux_blobs, "output_shift_history",
+                  no_bias_ ? nullptr : bottom_blobs[2]->dptr<int>(), bn_first());
   const signed char* edata = nullptr;
   if (elementwise_input_) {
     const NDArray& e = *bottom_blobs[edata_index()];

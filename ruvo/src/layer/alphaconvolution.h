@@ -29,10 +29,10 @@ class AlphaConvolution : public Layer {
   void Init(const LayerAttrs& attrs) override;
   std::vector<uint32_t> GetInputBatchBlobs() const override;
 
-  // Position of edata among the inputs; of batch-norm table i among the
-  // auxiliary states.
+  // Position of edata among the inputs; of bn_weight, if there is one,
+  // among the auxiliary states.
   uint32_t edata_index() const { return 3 - (no_bias_ ? 1 : 0); }
-  uint32_t bn_index(uint32_t i) const { return i - (no_bias_ ? 1 : 0); }
+  int32_t bn_first() const { return use_batchnorm_ ? (no_bias_ ? 2 : 3) : quanti::kNoBatchNorm; }
   // Length of ListAuxiliaryStates(), without building it.
   uint32_t num_aux() const { return (no_bias_ ? 2 : 3) + (use_batchnorm_ ? 3 : 0); }
 

@@ -62,15 +62,8 @@ int AlphaPlusConvolution::Forward(const std::vector<NDArray*>& bottom_blobs,
 
   const conv::Geometry g = attrs_.GeometryOf(data.shape(), top.shape(), transpose_weight_);
   quanti::OutputStage stage;
-  stage.channels = attrs_.num_filter_;
-  stage.w = weight_shift_.dptr<signed char>();
-  stage.in_shift = in_shift;
-  stage.out_shift = quanti::ReadShift(*aux_blobs[0], "output_shift_history");
-  stage.bias = no_bias_ ? nullptr : bias_aligned_.dptr<int>();
-  if (use_batchnorm_) {
-    stage.bn_weight = aux_blobs[bn_index(3)]->dptr<int>();
-    stage.bn_right_shift = aux_blobs[bn_index(4)]->dptr<signed char>();
-  }
+  stage.SetMatrix(weight_shift_, attrs_.num_filter_, in_shift, aux_blobs, "output_shift_history",
+                  no_bias_ ? nullptr : bias_aligned_.dptr<int>(), bn_first());
   const signed char* edata = nullptr;
   if (elementwise_input_) {
     const NDArray& e = *bottom_blobs[edata_index()];

@@ -1,8 +1,6 @@
 #include "ruvo/src/layer/alphapooling.h"
 
-#include <algorithm>
 #include <cmath>
-#include <limits>
 
 #include "orviklog/src/logging.h"
 #include "ruvo/src/layer/quanti_util.h"
@@ -11,48 +9,6 @@ namespace orvik {
 namespace ruvo {
 
 namespace {
-
-// Per output position the window is clipped to the image; `finish` turns a
-// channel's window sum into the output value.
-template <typename T, typename Acc, typename Finish>
-void PoolWindows(const pool::PoolingAttrs& p, const T* in, T* out, const TShape& ishape,
-                 const TShape& oshape, Acc* acc, Finish finish) {
-  const int height = static_cast<int>(ishape[1]), width = static_cast<int>(ishape[2]),
-            channels = static_cast<int>(ishape[3]);
-  const int out_h = static_cast<int>(oshape[1]), out_w = static_cast<int>(oshape[2]);
-  for (index_t n = 0; n < ishape[0]; ++n) {
-    const T* img = in + static_cast<size_t>(n) * height * width * channels;
-    for (int oy = 0; oy < out_h; ++oy) {
-      for (int ox = 0; ox < out_w; ++ox) {
-        T* o = out + ((static_cast<size_t>(n) * out_h + oy) * out_w + ox) * channels;
-        int y0 = oy * static_cast<int>(p.stride_[0]) - static_cast<int>(p.pad_[0]);
-        const int y1 = std::min(y0 + static_cast<int>(p.kernel_[0]), height);
-        y0 = std::max(y0, 0);
-        int x0 = ox * static_cast<int>(p.stride_[1]) - static_cast<int>(p.pad_[1]);
-        const int x1 = std::min(x0 + static_cast<int>(p.kernel_[1]), width);
-        x0 = std::max(x0, 0);
-        if (p.pool_type_ == pool::kAvgPooling) {
-          std::fill(acc, acc + channels, Acc(0));
-          for (int y = y0; y < y1; ++y) {
-            for (int x = x0; x < x1; ++x) {
-              const T* v = img + (static_cast<size_t>(y) * width + x) * channels;
-              for (int c = 0; c < channels; ++c) acc[c] += v[c];
-            }
-          }
-          for (int c = 0; c < channels; ++c) o[c] = finish(acc[c]);
-        } else {
-          std::fill(o, o + channels, std::numeric_limits<T>::lowest());
-          for (int y = y0; y < y1; ++y) {
-            for (int x = x0; x < x1; ++x) {
-              const T* v = img + (static_cast<size_t>(y) * width + x) * channels;
-              for (int c = 0; c < channels; ++c) o[c] = std::max(o[c], v[c]);
-            }
-          }
-        }
-      }
-    }
-  }
-}
 
 bool SupportedUpscaleChannels(int n) {
   return (n >= 1 && n <= 4) || (n >= 8 && n <= 396 && n % 4 == 0) || n == 512;
@@ -108,27 +64,19 @@ int AlphaPooling::Forward(const std::vector<NDArray*>& bottom_blobs,
     RTC_LOG(LS_ENGINE) << "Unknown type enum " << data.dtype();
     return 0;
   }
-  if (attrs_.pool_type_ == pool::kSumPooling) {
-    RTC_LOG(LS_ENGINE) << "Unsupported yet!";
-    return 0;
-  }
-  if (attrs_.pool_type_ != pool::kMaxPooling && attrs_.pool_type_ != pool::kAvgPooling) {
-    RTC_LOG(LS_ENGINE) << "Wrong pooling type!";
-    return 0;
-  }
+  if (!pool::ComputedPoolType(attrs_.pool_type_)) return 0;
   const float area = static_cast<float>(attrs_.kernel_[0] * attrs_.kernel_[1]);
   if (data.dtype() == kFloat32) {
     NDArray acc = resource_->GetInterBuf(0, TShape{ishape[3]}, kFloat32);
-    PoolWindows<float, float>(attrs_, data.dptr<float>(), top.dptr<float>(), ishape, oshape,
-                              acc.dptr<float>(), [area](float s) { return s / area; });
+    pool::PoolWindows<float, float>(attrs_, data.dptr<float>(), top.dptr<float>(), ishape, oshape,
+                                    acc.dptr<float>(), [area](float s) { return s / area; });
   } else {
     // 9 fractional bits; truncated, so a 3 x 3 window takes 56/512 of its sum.
     const int32_t mult = static_cast<int32_t>(512.0f / area);
     NDArray acc = resource_->GetInterBuf(0, TShape{ishape[3]}, kInt32);
-    PoolWindows<signed char, int>(attrs_, data.dptr<signed char>(), top.dptr<signed char>(),
-                                  ishape, oshape, acc.dptr<int>(), [mult](int s) {
-                                    return quanti::SaturateInt8(quanti::WrapMul(s, mult) >> 9);
-                                  });
+    pool::PoolWindows<signed char, int>(
+        attrs_, data.dptr<signed char>(), top.dptr<signed char>(), ishape, oshape, acc.dptr<int>(),
+        [mult](int s) { return quanti::SaturateInt8(quanti::WrapMul(s, mult) >> 9); });
   }
   top.shift_ = data.shift_;
   return 0;
@@ -196,9 +144,8 @@ int AlphaUpscale::Forward(const std::vector<NDArray*>& bottom_blobs,
   const signed char* in = data.dptr<signed char>();
   signed char* out = top.dptr<signed char>();
   for (index_t n = 0; n < d[0]; ++n) {
-    upscale_2x_cpu_forward_kernel(static_cast<int>(d[3]), in + n * in_image,
-                                  static_cast<int>(d[1]), static_cast<int>(d[2]),
-                                  out + n * 4 * in_image);
+    upscale_2x_cpu_forward_kernel(static_cast<int>(d[3]), in + n * in_image, static_cast<int>(d[1]),
+                                  static_cast<int>(d[2]), out + n * 4 * in_image);
   }
   top.shift_ = data.shift_;
   return 0;

@@ -16,16 +16,7 @@ std::vector<std::string> FullyConnected::ListArguments() const {
 }
 
 void FullyConnected::Init(const LayerAttrs& attrs) {
-  std::string num_hidden_symbol;
-  if (attrs.count("num_hidden")) {
-    num_hidden_symbol = attrs.at("num_hidden");
-  } else {
-    RTC_LOG(LS_ENGINE) << "Invalid key: "
-                       << "num_hidden";
-  }
-  num_hidden_ = 0;
-  ReadAttrValue(num_hidden_symbol, &num_hidden_);
-  CHECK_GE(num_hidden_, 1);
+  num_hidden_ = ReadNumHidden(attrs);
   RUVO_BOOL_ATTR(attrs, "no_bias", "False", no_bias_symbol, no_bias_);
   RUVO_BOOL_ATTR(attrs, "online_quanti", "False", online_quanti_symbol, online_quanti_);
   RUVO_BOOL_ATTR(attrs, "transpose_weight", "True", transpose_weight_symbol, transpose_weight_);

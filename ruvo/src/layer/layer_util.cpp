@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "orvik_blas_64/src/math_functions.h"
+#include "orviklog/src/logging.h"
 
 namespace orvik {
 namespace ruvo {
@@ -93,6 +94,21 @@ int ParseIntOrNone(const std::string& text, const char* key) {
   SkipSpace(text, &p);
   CHECK(ok && p == text.size()) << "Invalid integer for " << key << ": " << text;
   return v;
+}
+
+int32_t ReadNumHidden(const LayerAttrs& attrs) {
+  std::string num_hidden_symbol;
+  if (attrs.count("num_hidden")) {
+    num_hidden_symbol = attrs.at("num_hidden");
+  } else {
+    RTC_LOG(LS_ENGINE) << "Invalid key: "
+                       << "num_hidden";
+  }
+  // Named as the layers' member, which the check text shows.
+  int32_t num_hidden_ = 0;
+  ReadAttrValue(num_hidden_symbol, &num_hidden_);
+  CHECK_GE(num_hidden_, 1);
+  return num_hidden_;
 }
 
 float QuantizeWeightRows(const float* w, int rows, int k, signed char* q, float* row_sum) {

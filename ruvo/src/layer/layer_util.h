@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "orviklog/src/checks.h"
+#include "ruvo/layer.h"
 #include "ruvo/ndarray.h"
 
 namespace orvik {
@@ -51,6 +52,10 @@ std::vector<int> ParseSignedTuple(const std::string& text, const char* key);
 
 // Reads one integer, or kNoneValue for "None".  Fatal on anything else.
 int ParseIntOrNone(const std::string& text, const char* key);
+
+// The "num_hidden" attribute of a dense layer, at least 1.  A missing key is
+// logged and then fails the check.
+int32_t ReadNumHidden(const LayerAttrs& attrs);
 
 // float to int32, truncated toward zero; saturates at both ends and NaN
 // gives 0, so that every machine agrees on weights with no finite scale.

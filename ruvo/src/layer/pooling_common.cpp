@@ -11,8 +11,7 @@ namespace pool {
 
 std::unordered_map<std::string, int32_t> pool_map = {
     {"max", kMaxPooling}, {"avg", kAvgPooling}, {"sum", kSumPooling}};
-std::unordered_map<std::string, int32_t> pool_convention_map = {{"valid", kValid},
-                                                                {"full", kFull}};
+std::unordered_map<std::string, int32_t> pool_convention_map = {{"valid", kValid}, {"full", kFull}};
 
 void PoolingAttrs::Parse(const LayerAttrs& attrs) {
   if (attrs.count("kernel")) {
@@ -47,6 +46,18 @@ void PoolingAttrs::Parse(const LayerAttrs& attrs) {
     CHECK(pool::pool_convention_map.count(pooling_convention_symbol));
   }
   pooling_convention_ = pool_convention_map[pooling_convention_symbol];
+}
+
+bool ComputedPoolType(int32_t pool_type) {
+  if (pool_type == kSumPooling) {
+    RTC_LOG(LS_ENGINE) << "Unsupported yet!";
+    return false;
+  }
+  if (pool_type != kMaxPooling && pool_type != kAvgPooling) {
+    RTC_LOG(LS_ENGINE) << "Wrong pooling type!";
+    return false;
+  }
+  return true;
 }
 
 TShape PoolingAttrs::InferShape(const std::vector<TShape>& in_shape) {

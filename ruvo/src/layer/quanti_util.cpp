@@ -31,6 +31,26 @@ int32_t OutputStage::EdataAlignment() const {
   return m;
 }
 
+void OutputStage::SetMatrix(const NDArray& weight_shift, int32_t num_channels, int32_t input_shift,
+                            const std::vector<NDArray*>& aux, const char* out_shift_name,
+                            const int32_t* bias_table, int32_t bn_first) {
+  channels = num_channels;
+  w = weight_shift.dptr<signed char>();
+  in_shift = input_shift;
+  out_shift = ReadShift(*aux[0], out_shift_name);
+  bias = bias_table;
+  if (bn_first != kNoBatchNorm) {
+    bn_weight = aux[bn_first]->dptr<int>();
+    bn_right_shift = aux[bn_first + 1]->dptr<signed char>();
+  }
+}
+
+void OutputStage::RunInto(int32_t* acc, index_t positions, NDArray* top) const {
+  Run(acc, positions, disable_output_quantization ? nullptr : top->dptr<signed char>(),
+      disable_output_quantization ? top->dptr<float>() : nullptr);
+  top->shift_ = out_shift;
+}
+
 void OutputStage::Run(int32_t* acc, index_t positions, signed char* out8, float* outf) const {
   const size_t nc = static_cast<size_t>(channels);
   if (bias != nullptr) {
@@ -98,7 +118,8 @@ void OutputStage::Run(int32_t* acc, index_t positions, signed char* out8, float*
   const int32_t lo = use_activation ? 0 : -128;
   const int32_t s0 = (w[0] + in_shift - out_shift - m) & 31;
   bool uniform = true;
-  for (size_t c = 1; c < nc; ++c) uniform = uniform && ((w[c] + in_shift - out_shift - m) & 31) == s0;
+  for (size_t c = 1; c < nc; ++c)
+    uniform = uniform && ((w[c] + in_shift - out_shift - m) & 31) == s0;
   if (uniform) {
     const size_t total = static_cast<size_t>(positions) * nc;
     for (size_t i = 0; i < total; ++i) {
@@ -117,9 +138,11 @@ void OutputStage::Run(int32_t* acc, index_t positions, signed char* out8, float*
   }
 }
 
-void BuildWeightShiftTable(const NDArray& scalar_or_vec, bool vector_quanti, bool use_batchnorm,
-                           const NDArray* bn_weight_shift, const NDArray* bn_right_shift,
-                           int32_t channels, NDArray* table) {
+namespace {
+
+void FoldWeightShifts(const NDArray& scalar_or_vec, bool vector_quanti, bool use_batchnorm,
+                      const NDArray* bn_weight_shift, const NDArray* bn_right_shift,
+                      int32_t channels, NDArray* table) {
   const index_t n = static_cast<index_t>(channels);
   if (vector_quanti) {
     CheckShiftTable(scalar_or_vec, n, "weight_vec_shift_history");
@@ -145,6 +168,25 @@ void BuildWeightShiftTable(const NDArray& scalar_or_vec, bool vector_quanti, boo
   for (index_t c = 0; c < n; ++c) {
     w[c] = static_cast<signed char>(static_cast<uint8_t>(w[c] + ws[c] - rs[c]));
   }
+}
+
+}  // namespace
+
+void BuildWeightShiftTable(const std::vector<NDArray*>& aux, bool vector_quanti, int32_t bn_first,
+                           int32_t channels, NDArray* table) {
+  const bool use_batchnorm = bn_first != kNoBatchNorm;
+  FoldWeightShifts(*aux[1], vector_quanti, use_batchnorm,
+                   use_batchnorm ? aux[bn_first + 2] : nullptr,
+                   use_batchnorm ? aux[bn_first + 1] : nullptr, channels, table);
+  if (use_batchnorm) {
+    CHECK(aux[bn_first]->dtype() == kInt32 &&
+          aux[bn_first]->Size() == static_cast<index_t>(channels))
+        << "bn_weight must hold one entry per output channel";
+  }
+}
+
+void CheckBias(const NDArray& bias, index_t n, const char* layer) {
+  CHECK(bias.dtype() == kInt32 && bias.Size() == n) << "bias does not match the " << layer;
 }
 
 std::vector<std::string> MatrixAuxStates(const char* output_shift_name, bool vector_quanti,

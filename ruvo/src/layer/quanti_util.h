@@ -92,20 +92,39 @@ struct OutputStage {
   // then skipped and m lowers the output's right shift).
   int32_t EdataAlignment() const;
 
+  // Fills what every matrix layer sets alike: channels and w from its built
+  // weight shift table, the input shift, the output shift of aux[0] (named
+  // `out_shift_name`), the bias, and with bn_first other than kNoBatchNorm
+  // bn_weight and bn_right_shift from aux[bn_first] and aux[bn_first + 1].
+  void SetMatrix(const NDArray& weight_shift, int32_t num_channels, int32_t input_shift,
+                 const std::vector<NDArray*>& aux, const char* out_shift_name,
+                 const int32_t* bias_table, int32_t bn_first);
+
   // Runs bias, batch normalisation and the further tensor in place on acc
   // (positions x channels, row-major), then writes the narrowed result to
   // out8 (or outf with disable_output_quantization).
   void Run(int32_t* acc, index_t positions, signed char* out8, float* outf) const;
+  // Run into the whole of `top` (8-bit or float as disable_output_quantization
+  // says), whose shift_ becomes out_shift.
+  void RunInto(int32_t* acc, index_t positions, NDArray* top) const;
 };
 
-// Builds the per-channel weight shift table w of a matrix layer: the
-// scalar of `weight_shift_history` replicated, or the per-channel table of
-// `weight_vec_shift_history`, with a fused batch normalisation's
-// bn_weight_shift - bn_right_shift folded in (8-bit wrapping).  `table`
-// becomes a new array of `channels` entries unless it may share `vec`.
-void BuildWeightShiftTable(const NDArray& scalar_or_vec, bool vector_quanti, bool use_batchnorm,
-                           const NDArray* bn_weight_shift, const NDArray* bn_right_shift,
+// Marks a matrix layer without a fused batch normalisation.
+constexpr int32_t kNoBatchNorm = -1;
+
+// Builds the per-channel weight shift table w of a matrix layer from its
+// auxiliary states (in file order): the scalar aux[1] replicated, or the
+// per-channel table with vector_quanti.  With bn_first (the index of
+// bn_weight) other than kNoBatchNorm, bn_weight_shift - bn_right_shift is
+// folded in (8-bit wrapping) and bn_weight must be a 32-bit table of one
+// entry per channel.  `table` becomes a new array of `channels` entries
+// unless it may share the loaded table.
+void BuildWeightShiftTable(const std::vector<NDArray*>& aux, bool vector_quanti, int32_t bn_first,
                            int32_t channels, NDArray* table);
+
+// Fatal unless `bias` is a 32-bit table of `n` entries; `layer` names the
+// layer in the message.
+void CheckBias(const NDArray& bias, index_t n, const char* layer);
 
 // The auxiliary states of an 8-bit matrix layer, in file order: the output
 // shift under `output_shift_name`, the weight shift and (with a bias) the

@@ -15,32 +15,21 @@ std::vector<std::string> QuantiFullyConnected::ListArguments() const {
 }
 
 std::vector<std::string> QuantiFullyConnected::ListAuxiliaryStates() const {
-  return quanti::MatrixAuxStates("output_shift_history", vector_quanti_, !no_bias_,
-                                 use_batchnorm_);
+  return quanti::MatrixAuxStates("output_shift_history", vector_quanti_, !no_bias_, use_batchnorm_);
 }
 
 void QuantiFullyConnected::Init(const LayerAttrs& attrs) {
-  std::string num_hidden_symbol;
-  if (attrs.count("num_hidden")) {
-    num_hidden_symbol = attrs.at("num_hidden");
-  } else {
-    RTC_LOG(LS_ENGINE) << "Invalid key: "
-                       << "num_hidden";
-  }
-  num_hidden_ = 0;
-  ReadAttrValue(num_hidden_symbol, &num_hidden_);
-  CHECK_GE(num_hidden_, 1);
+  num_hidden_ = ReadNumHidden(attrs);
   RUVO_BOOL_ATTR(attrs, "no_bias", "False", no_bias_symbol, no_bias_);
   RUVO_BOOL_ATTR(attrs, "transpose_weight", "True", transpose_weight_symbol, transpose_weight_);
   RUVO_BOOL_ATTR(attrs, "use_batchnorm", "False", use_batchnorm_symbol, use_batchnorm_);
-  RUVO_BOOL_ATTR(attrs, "disable_output_quantization", "False",
-                 disable_output_quantization_symbol, disable_output_quantization_);
+  RUVO_BOOL_ATTR(attrs, "disable_output_quantization", "False", disable_output_quantization_symbol,
+                 disable_output_quantization_);
   RUVO_BOOL_ATTR(attrs, "vector_quanti", "False", vector_quanti_symbol, vector_quanti_);
   inited_ = true;
 }
 
-bool QuantiFullyConnected::InferShape(std::vector<TShape>& in_shape,
-                                      std::vector<TShape>& out_shape,
+bool QuantiFullyConnected::InferShape(std::vector<TShape>& in_shape, std::vector<TShape>& out_shape,
                                       std::vector<TShape>& aux_shape) {
   if (no_bias_) {
     CHECK_EQ(in_shape.size(), 2) << "Input:[data, weight]";
@@ -53,8 +42,8 @@ bool QuantiFullyConnected::InferShape(std::vector<TShape>& in_shape,
   RUVO_SHAPE_ASSIGN_CHECK(in_shape[1], Shape2(num_hidden_, num_input));
   if (!no_bias_) RUVO_SHAPE_ASSIGN_CHECK(in_shape[2], Shape1(num_hidden_));
   out_shape.assign(1, Shape2(dshape[0], num_hidden_));
-  aux_shape = quanti::MatrixAuxShapes(static_cast<index_t>(num_hidden_), vector_quanti_,
-                                      !no_bias_, use_batchnorm_);
+  aux_shape = quanti::MatrixAuxShapes(static_cast<index_t>(num_hidden_), vector_quanti_, !no_bias_,
+                                      use_batchnorm_);
   return true;
 }
 
@@ -77,14 +66,7 @@ void QuantiFullyConnected::Prepare(const NDArray& weight, index_t num_input,
   }
   // The tables are constants of the file, so the table built (and folded)
   // once is the one every call would build again.
-  quanti::BuildWeightShiftTable(
-      *aux_blobs[1], vector_quanti_, use_batchnorm_,
-      use_batchnorm_ ? aux_blobs[bn_index(5)] : nullptr,
-      use_batchnorm_ ? aux_blobs[bn_index(4)] : nullptr, num_hidden_, &weight_shift_);
-  if (use_batchnorm_) {
-    CHECK(aux_blobs[bn_index(3)]->dtype() == kInt32 && aux_blobs[bn_index(3)]->Size() == nh)
-        << "bn_weight must hold one entry per output channel";
-  }
+  quanti::BuildWeightShiftTable(aux_blobs, vector_quanti_, bn_first(), num_hidden_, &weight_shift_);
 }
 
 int QuantiFullyConnected::Forward(const std::vector<NDArray*>& bottom_blobs,
@@ -101,10 +83,7 @@ int QuantiFullyConnected::Forward(const std::vector<NDArray*>& bottom_blobs,
   const index_t nh = static_cast<index_t>(num_hidden_);
   const index_t batch = data.shape()[0];
   const index_t num_input = ProdFrom(data.shape(), 1);
-  if (!no_bias_) {
-    CHECK(bottom_blobs[2]->dtype() == kInt32 && bottom_blobs[2]->Size() == nh)
-        << "bias does not match the dense layer";
-  }
+  if (!no_bias_) quanti::CheckBias(*bottom_blobs[2], nh, "dense layer");
   if (!prepared_) {
     Prepare(weight, num_input, aux_blobs);
     prepared_ = true;
@@ -113,26 +92,15 @@ int QuantiFullyConnected::Forward(const std::vector<NDArray*>& bottom_blobs,
   NDArray acc = resource_->GetInterBuf(0, Shape2(batch, nh), kInt32);
   const signed char* w =
       transpose_weight_ ? weight_t_.dptr<signed char>() : weight.dptr<signed char>();
-  math::orvik_cpu_gemm<signed char, int>(CblasNoTrans, transpose_weight_ ? CblasNoTrans : CblasTrans,
-                                         static_cast<int>(batch), num_hidden_,
-                                         static_cast<int>(num_input), 1,
-                                         data.dptr<signed char>(), w, 0, acc.dptr<int>());
+  math::orvik_cpu_gemm<signed char, int>(
+      CblasNoTrans, transpose_weight_ ? CblasNoTrans : CblasTrans, static_cast<int>(batch),
+      num_hidden_, static_cast<int>(num_input), 1, data.dptr<signed char>(), w, 0, acc.dptr<int>());
 
   quanti::OutputStage stage;
-  stage.channels = num_hidden_;
-  stage.w = weight_shift_.dptr<signed char>();
-  stage.in_shift = data.shift_;
-  stage.out_shift = quanti::ReadShift(*aux_blobs[0], "output_shift_history");
-  stage.bias = no_bias_ ? nullptr : bottom_blobs[2]->dptr<int>();
-  if (use_batchnorm_) {
-    stage.bn_weight = aux_blobs[bn_index(3)]->dptr<int>();
-    stage.bn_right_shift = aux_blobs[bn_index(4)]->dptr<signed char>();
-  }
+  stage.SetMatrix(weight_shift_, num_hidden_, data.shift_, aux_blobs, "output_shift_history",
+                  no_bias_ ? nullptr : bottom_blobs[2]->dptr<int>(), bn_first());
   stage.disable_output_quantization = disable_output_quantization_;
-  stage.Run(acc.dptr<int>(), batch,
-            disable_output_quantization_ ? nullptr : top.dptr<signed char>(),
-            disable_output_quantization_ ? top.dptr<float>() : nullptr);
-  top.shift_ = stage.out_shift;
+  stage.RunInto(acc.dptr<int>(), batch, &top);
   return 0;
 }
 

@@ -2,6 +2,7 @@
 #define RUVO_SRC_LAYER_QUANTIFULLYCONNECTED_H_
 
 #include "ruvo/layer.h"
+#include "ruvo/src/layer/quanti_util.h"
 
 namespace orvik {
 namespace ruvo {
@@ -23,8 +24,8 @@ class QuantiFullyConnected : public Layer {
                  std::vector<int>& aux_type) override;
   void Init(const LayerAttrs& attrs) override;
 
-  // Position of batch-norm table i (3, 4, 5) among the auxiliary states.
-  uint32_t bn_index(uint32_t i) const { return i - (no_bias_ ? 1 : 0); }
+  // Position of bn_weight among the auxiliary states, if there is one.
+  int32_t bn_first() const { return use_batchnorm_ ? (no_bias_ ? 2 : 3) : quanti::kNoBatchNorm; }
 
   int32_t num_hidden_ = 0;
   bool no_bias_ = false;

@@ -26,8 +26,8 @@ void QuantiTemporalConvolution::Init(const LayerAttrs& attrs) {
   RUVO_BOOL_ATTR(attrs, "no_bias", "False", no_bias_symbol, no_bias_);
   RUVO_BOOL_ATTR(attrs, "transpose_weight", "True", transpose_weight_symbol, transpose_weight_);
   RUVO_BOOL_ATTR(attrs, "use_activation", "False", use_activation_symbol, use_activation_);
-  RUVO_BOOL_ATTR(attrs, "disable_output_quantization", "False",
-                 disable_output_quantization_symbol, disable_output_quantization_);
+  RUVO_BOOL_ATTR(attrs, "disable_output_quantization", "False", disable_output_quantization_symbol,
+                 disable_output_quantization_);
   RUVO_BOOL_ATTR(attrs, "vector_quanti", "False", vector_quanti_symbol, vector_quanti_);
   input_buff_frames_ = (attrs_.kernel_[0] - 1) * attrs_.dilate_[0] + 1;
   inited_ = true;
@@ -86,8 +86,8 @@ void QuantiTemporalConvolution::Prepare(const NDArray& data, const NDArray& weig
                                        static_cast<int>(nf), static_cast<int>(weight.Size() / nf),
                                        1);
   }
-  quanti::BuildWeightShiftTable(*aux_blobs[1], vector_quanti_, false, nullptr, nullptr,
-                                attrs_.num_filter_, &weight_shift_);
+  quanti::BuildWeightShiftTable(aux_blobs, vector_quanti_, quanti::kNoBatchNorm, attrs_.num_filter_,
+                                &weight_shift_);
   CHECK_GE(input_buff_frames_, ishape[0]);
   input_buff_ = NDArray(TShape{ishape[0], input_buff_frames_, ishape[2], ishape[3]}, kInt8);
   std::memset(input_buff_.dptr<signed char>(), 0, input_buff_.Size());
@@ -155,10 +155,7 @@ int QuantiTemporalConvolution::Forward(const std::vector<NDArray*>& bottom_blobs
   const NDArray& weight = *bottom_blobs[1];
   NDArray& top = *top_blobs[0];
   const index_t nf = static_cast<index_t>(attrs_.num_filter_);
-  if (!no_bias_) {
-    CHECK(bottom_blobs[2]->dtype() == kInt32 && bottom_blobs[2]->Size() == nf)
-        << "bias does not match the convolution";
-  }
+  if (!no_bias_) quanti::CheckBias(*bottom_blobs[2], nf, "convolution");
   if (!prepared_) {
     Prepare(data, weight, aux_blobs);
     prepared_ = true;
@@ -181,23 +178,17 @@ int QuantiTemporalConvolution::Forward(const std::vector<NDArray*>& bottom_blobs
   NDArray acc = resource_->GetInterBuf(1, Shape2(batch, nf), kInt32);
   const signed char* w =
       transpose_weight_ ? weight_t_.dptr<signed char>() : weight.dptr<signed char>();
-  math::orvik_cpu_gemm<signed char, int>(CblasNoTrans, transpose_weight_ ? CblasNoTrans : CblasTrans,
-                                         static_cast<int>(batch), static_cast<int>(nf), depth, 1,
-                                         rows, w, 0, acc.dptr<int>());
+  math::orvik_cpu_gemm<signed char, int>(
+      CblasNoTrans, transpose_weight_ ? CblasNoTrans : CblasTrans, static_cast<int>(batch),
+      static_cast<int>(nf), depth, 1, rows, w, 0, acc.dptr<int>());
 
   quanti::OutputStage stage;
-  stage.channels = attrs_.num_filter_;
-  stage.w = weight_shift_.dptr<signed char>();
-  stage.in_shift = data.shift_;
-  stage.out_shift = quanti::ReadShift(*aux_blobs[0], no_bias_ ? "out_shift_history"
-                                                              : "output_shift_history");
-  stage.bias = no_bias_ ? nullptr : bottom_blobs[2]->dptr<int>();
+  stage.SetMatrix(weight_shift_, attrs_.num_filter_, data.shift_, aux_blobs,
+                  no_bias_ ? "out_shift_history" : "output_shift_history",
+                  no_bias_ ? nullptr : bottom_blobs[2]->dptr<int>(), quanti::kNoBatchNorm);
   stage.use_activation = use_activation_;
   stage.disable_output_quantization = disable_output_quantization_;
-  stage.Run(acc.dptr<int>(), batch,
-            disable_output_quantization_ ? nullptr : top.dptr<signed char>(),
-            disable_output_quantization_ ? top.dptr<float>() : nullptr);
-  top.shift_ = stage.out_shift;
+  stage.RunInto(acc.dptr<int>(), batch, &top);
   return 0;
 }
 
