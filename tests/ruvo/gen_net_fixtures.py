@@ -1,57 +1,19 @@
 #!/usr/bin/python3
 """Writes the small nets of the net and layer tests under tests/data/net/
 (NAME-symbol.json, NAME.params, NAME.io), with the expected outputs
-computed here in numpy, independently of the engine.  NAME.io is text:
-"case CASE", then blocks "input|output|bound KEY NDIM D0 D1 ..." each
-followed by a line of values (a bound is the allowed absolute error).
-Output keys are the names of the layers that produce them; 4-d tensors are
+computed here in numpy, independently of the engine, NAME.io in the form
+of fixture_lib.py.  Output keys are the names of the layers that produce them; 4-d tensors are
 channel-last.  Seeded: running it again writes the same bytes.
 
     /usr/bin/python3 tests/ruvo/gen_net_fixtures.py
 """
 
 import os
-import sys
 
 import numpy as np
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-ROOT = os.path.dirname(os.path.dirname(HERE))
-sys.path.insert(0, os.path.join(ROOT, "tools"))
-
-from model_writer import SymbolGraph, write_params  # noqa: E402
-
-OUT_DIR = os.path.join(ROOT, "tests", "data", "net")
-F32 = np.float32
-
-
-def block(kind, key, array):
-    array = np.asarray(array)
-    return ["%s %s %d %s" % (kind, key, array.ndim, " ".join(str(d) for d in array.shape)),
-            " ".join("%.9g" % v for v in np.asarray(array, dtype=np.float64).ravel())]
-
-
-class IoFile:
-    """The .io text, block by block (gen_quant_fixtures.py writes with it too)."""
-
-    def __init__(self):
-        self.lines = []
-
-    def case(self, name):
-        self.lines.append("case %s" % name)
-
-    def input(self, key, array):
-        self.lines += block("input", key, array)
-
-    def output(self, key, array):
-        self.lines += block("output", key, array)
-
-    def bound(self, key, array):
-        self.lines += block("bound", key, array)
-
-    def write(self, path):
-        with open(path, "w") as f:
-            f.write("\n".join(self.lines) + "\n")
+from fixture_lib import F32, NET_DIR as OUT_DIR, IoFile, SymbolGraph, block, write_params
+from fixture_lib import save as save_files
 
 
 def full(inputs, outputs):
@@ -61,14 +23,12 @@ def full(inputs, outputs):
 
 def save(name, graph, params, cases, version=10600):
     """cases: (case name, [(kind, key, array), ...]) in file order."""
-    graph.write(os.path.join(OUT_DIR, name + "-symbol.json"), version=version)
-    write_params(os.path.join(OUT_DIR, name + ".params"), params)
     io = IoFile()
     for case, blocks in cases:
         io.case(case)
         for b in blocks:
             io.lines += block(*b)
-    io.write(os.path.join(OUT_DIR, name + ".io"))
+    save_files(name, graph, params, io, OUT_DIR, version)
 
 
 def fc(x, w, b=None):

@@ -5,7 +5,7 @@ expected outputs computed here in numpy, independently of the engine.
     /usr/bin/python3 tests/ruvo/gen_quant_fixtures.py           (write)
     /usr/bin/python3 tests/ruvo/gen_quant_fixtures.py --check   (compare)
 
-Files go to tests/data/net/ in the .io form of gen_net_fixtures.py.  Float
+Files go to tests/data/net/ in the .io form of fixture_lib.py.  Float
 convolutions are computed in float64; the 8-bit layers in integer
 arithmetic, so their outputs (and the shift written beside each, under
 KEY.shift) are exact.  Everything is seeded.
@@ -13,19 +13,11 @@ KEY.shift) are exact.  Everything is seeded.
 
 import os
 import sys
-import tempfile
 
 import numpy as np
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-ROOT = os.path.dirname(os.path.dirname(HERE))
-sys.path.insert(0, os.path.join(ROOT, "tools"))
-sys.path.insert(0, HERE)
-
-from model_writer import SymbolGraph, write_params  # noqa: E402
-from gen_net_fixtures import IoFile  # noqa: E402
-
-F32 = np.float32
+from fixture_lib import (F32, I8, I32, IoFile, SymbolGraph, conv_attrs, output_stage, quanti_input,
+                         save, write_or_check, wrap32, write_params)
 
 
 def conv_sum(x, w, stride, pad, dilate, groups, pad_value=0, dtype=np.float64):
@@ -47,19 +39,6 @@ def conv_sum(x, w, stride, pad, dilate, groups, pad_value=0, dtype=np.float64):
                            kx * dw:kx * dw + sw * (ow - 1) + 1:sw, g * cg:(g + 1) * cg]
                 out[..., g * oc:(g + 1) * oc] += patch @ w[g * oc:(g + 1) * oc, ky, kx, :].astype(dtype).T
     return out
-
-
-def conv_attrs(k, stride=(1, 1), pad=(0, 0), dilate=(1, 1), nf=1, groups=1, **flags):
-    a = {"kernel": "(%d,%d)" % k, "stride": "(%d,%d)" % stride, "pad": "(%d,%d)" % pad,
-         "dilate": "(%d,%d)" % dilate, "num_filter": str(nf), "num_group": str(groups)}
-    a.update({key: ("True" if v else "False") for key, v in flags.items()})
-    return a
-
-
-def save(name, graph, params, io, out_dir):
-    graph.write(os.path.join(out_dir, name + "-symbol.json"))
-    write_params(os.path.join(out_dir, name + ".params"), params)
-    io.write(os.path.join(out_dir, name + ".io"))
 
 
 # ------------------------------------------------------------ float conv
@@ -136,16 +115,6 @@ def conv_net(rng, out_dir):
 # --------------------------------------------------------------- 8-bit
 
 
-def wrap32(v):
-    return ((np.asarray(v, dtype=np.int64) + 2**31) % 2**32) - 2**31  # int32 wrap-around
-
-
-def quanti_input(x, s, floor):
-    scaled = F32(2.0**s) * x
-    t = np.floor(scaled) if floor else np.trunc(scaled)
-    return np.clip(t, -128, 127).astype(np.int8)
-
-
 def alpha_conv(xq, in_shift, w, k, s, p, d, groups, bias=None, wshift=None, out_shift=0,
                bn=None, edata=None, act=False, float_out=False):
     """The 8-bit convolution and its output stage in integer arithmetic.
@@ -156,42 +125,12 @@ def alpha_conv(xq, in_shift, w, k, s, p, d, groups, bias=None, wshift=None, out_
     return output_stage(acc, in_shift, wshift, out_shift, bias, bn, edata, act, float_out)
 
 
-def output_stage(acc, in_shift, wshift, out_shift=0, bias=None, bn=None, edata=None, act=False,
-                 float_out=False):
-    """Bias, batch normalisation, edata and the narrowing of 32-bit
-    accumulators acc (..., channels).  Returns (output, shift)."""
-    wt = wshift.astype(np.int64)
-    if bias is not None:
-        acc = wrap32(acc + bias)
-    if bn is not None:
-        bw, rs, ws = (a.astype(np.int64) for a in bn)
-        acc = wrap32(np.clip(acc >> rs, -32768, 32767) * bw)
-        wt = ((wt + ws - rs + 128) % 256) - 128
-    m = 0
-    if edata is not None:
-        e, eshift = edata
-        align = wt + in_shift - eshift
-        m = min(0, int(align.min()))
-        if m == 0:
-            acc = wrap32(acc + (e.astype(np.int64) << (align % 32)))
-    if float_out:
-        v = np.where(act & (acc < 0), 0, acc)
-        return (v.astype(F32) * (2.0 ** -(wt + in_shift - m))).astype(F32), out_shift
-    r = acc >> ((wt + in_shift - out_shift - m) % 32)
-    if act:
-        q = np.where(acc < 0, 0, np.minimum(r, 127))
-    else:
-        q = np.clip(r, -128, 127)
-    return q.astype(np.int8), out_shift
-
-
 def quant_net(rng, out_dir):
     """float (2, 7, 9, 6) -> QuantiInput (both scale modes) -> eight-bit
     convolutions in every form, the small layers on top."""
     g = SymbolGraph()
     x = g.variable("data")
     params = []
-    I8, I32 = np.int8, np.int32
 
     def aux(name, values, dtype):
         params.append(("aux:" + name, np.asarray(values, dtype=dtype)))
@@ -287,19 +226,5 @@ def generate(out_dir):
     quant_net(rng, out_dir)
 
 
-def main(argv):
-    out_dir = os.path.join(ROOT, "tests", "data", "net")
-    if argv[1:] != ["--check"]:
-        return generate(out_dir)
-    with tempfile.TemporaryDirectory() as tmp:
-        generate(tmp)
-        stale = [n for n in sorted(os.listdir(tmp))
-                 if open(os.path.join(tmp, n), "rb").read() != open(os.path.join(out_dir, n), "rb").read()]
-    if stale:
-        print("stale test data, run tests/ruvo/gen_quant_fixtures.py: " + ", ".join(stale))
-        return 1
-    return 0
-
-
 if __name__ == "__main__":
-    sys.exit(main(sys.argv))
+    sys.exit(write_or_check(sys.argv, generate, "gen_quant_fixtures.py"))

@@ -16,19 +16,13 @@ history window with the update's block moves.  Both agree where no update
 happens, which is checked here.
 """
 
-import os
 import sys
-import tempfile
 
 import numpy as np
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, HERE)
-
-from gen_quant_fixtures import (F32, IoFile, SymbolGraph, conv_attrs, conv_sum,  # noqa: E402
-                                output_stage, quanti_input, save, wrap32)
-
-I8, I32 = np.int8, np.int32
+from fixture_lib import (F32, I8, I32, IoFile, SymbolGraph, conv_attrs, output_stage, quanti_input,
+                         save, write_or_check, wrap32)
+from gen_quant_fixtures import conv_sum
 FRAMES, WIDTH, CHANNELS = 12, 5, 3
 RESTART = 5
 UPDATES = (3, 4, 8)
@@ -381,19 +375,5 @@ def generate(out_dir):
     alpha_plus_net(np.random.default_rng(20261127), out_dir)
 
 
-def main(argv):
-    out_dir = os.path.join(os.path.dirname(HERE), "data", "net")
-    if argv[1:] != ["--check"]:
-        return generate(out_dir)
-    with tempfile.TemporaryDirectory() as tmp:
-        generate(tmp)
-        stale = [n for n in sorted(os.listdir(tmp))
-                 if open(os.path.join(tmp, n), "rb").read() != open(os.path.join(out_dir, n), "rb").read()]
-    if stale:
-        print("stale test data, run tests/ruvo/gen_stream_fixtures.py: " + ", ".join(stale))
-        return 1
-    return 0
-
-
 if __name__ == "__main__":
-    sys.exit(main(sys.argv))
+    sys.exit(write_or_check(sys.argv, generate, "gen_stream_fixtures.py"))

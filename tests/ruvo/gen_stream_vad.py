@@ -23,17 +23,12 @@ outputs for it, frame by frame from silence, computed in integer numpy.
 
 import os
 import sys
-import tempfile
 
 import numpy as np
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-ROOT = os.path.dirname(os.path.dirname(HERE))
-sys.path.insert(0, HERE)
-
-from gen_quant_fixtures import F32, IoFile, SymbolGraph, output_stage, quanti_input, wrap32  # noqa: E402
-from gen_stream_fixtures import temporal_acc  # noqa: E402
-from model_writer import read_params, write_params  # noqa: E402
+from fixture_lib import (F32, I8, I32, ROOT, IoFile, SymbolGraph, output_stage, quanti_input,
+                         read_params, save, write_or_check, wrap32)
+from gen_stream_fixtures import temporal_acc
 
 RANK = 16
 TAPS = 20
@@ -43,7 +38,6 @@ TAPS = 20
 # projection and the temporal layer, which saturates their rare peaks, kept
 # the frame decisions closest to the float net's (98.0% agreement at 0.2).
 SHIFTS = {"in": 4, "proj": 3, "time": 1, "fc2": 1}
-I8, I32 = np.int8, np.int32
 
 
 def float_model():
@@ -140,8 +134,6 @@ def write(out_dir):
             src = g.node("QuantiTemporalConvolution", name, inputs, attr=attr)
     logits = src
     g.heads = [g.node("SoftmaxActivation", "softmax", [src], attr={"mode": "instance"}), logits]
-    g.write(os.path.join(out_dir, "stream_vad-symbol.json"))
-    write_params(os.path.join(out_dir, "stream_vad.params"), params)
 
     rng = np.random.default_rng(20261125)
     feats = rng.normal(0.0, 2.0, (30, 120)).astype(F32)
@@ -149,7 +141,7 @@ def write(out_dir):
     io.case("random_features")
     io.input("data", feats.reshape(-1, 1, 3, 40))
     io.output("fc3", run_int8(layers, feats))
-    io.write(os.path.join(out_dir, "stream_vad.io"))
+    save("stream_vad", g, params, io, out_dir)
 
 
 def calibrate(path):
@@ -183,19 +175,9 @@ def calibrate(path):
 
 
 def main(argv):
-    out_dir = os.path.join(ROOT, "tests", "data", "net")
     if argv[1:2] == ["--calibrate"]:
         return calibrate(argv[2])
-    if argv[1:] != ["--check"]:
-        return write(out_dir)
-    with tempfile.TemporaryDirectory() as tmp:
-        write(tmp)
-        stale = [n for n in sorted(os.listdir(tmp))
-                 if open(os.path.join(tmp, n), "rb").read() != open(os.path.join(out_dir, n), "rb").read()]
-    if stale:
-        print("stale test data, run tests/ruvo/gen_stream_vad.py: " + ", ".join(stale))
-        return 1
-    return 0
+    return write_or_check(argv, write, "gen_stream_vad.py")
 
 
 if __name__ == "__main__":
