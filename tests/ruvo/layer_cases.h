@@ -1,8 +1,9 @@
 #ifndef TESTS_RUVO_LAYER_CASES_H_
 #define TESTS_RUVO_LAYER_CASES_H_
 
-// A layer made through the registry, as the net makes it, and the table row
-// of a layer that must abort while its attributes or shapes are checked.
+// A layer made through the registry, as the net makes it, the table row of a
+// layer that must abort while its attributes or shapes are checked, and a
+// fixture net run directly, where the blobs (and their shifts) show.
 
 #include <gtest/gtest.h>
 
@@ -11,6 +12,8 @@
 #include <vector>
 
 #include "ruvo/layer.h"
+#include "ruvo/src/net.h"
+#include "tests/ruvo/net_fixture.h"
 
 namespace ruvo_test {
 
@@ -39,6 +42,21 @@ inline void ExpectBuildAborts(const FatalCase& fc) {
 
 inline std::string CaseName(const testing::TestParamInfo<FatalCase>& info) {
   return info.param.name;
+}
+
+// Configures `net` from `m` with the input shapes of `c`, sets its one input
+// "data" and runs it once.  False (a failed check) if it does not configure.
+inline bool RunNet(const net_test::Model& m, const net_test::IoCase& c,
+                   orvik::ruvo::DefaultNet* net) {
+  net_test::InputSpec s = net_test::SpecOf(c);
+  const int ret = net->Config(m.json.c_str(), m.params.data(), m.params.size(), 1, s.keys.data(),
+                              s.indptr.data(), s.data.data(), 0, nullptr);
+  EXPECT_EQ(ret, 0);
+  if (ret != 0) return false;
+  net->SetInput("data", c.inputs[0].second.values.data(),
+                static_cast<uint32_t>(c.inputs[0].second.values.size()));
+  net->Forward();
+  return true;
 }
 
 }  // namespace ruvo_test

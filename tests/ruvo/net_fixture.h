@@ -131,6 +131,18 @@ inline PredictorHandle Create(const Model& m, const IoCase& c,
   return h;
 }
 
+// MXPredCreate with the one input "data" of the 4-d `shape`, as a stream
+// of frames is fed; fails the test on a non-zero result.
+inline PredictorHandle CreateForData(const Model& m, const uint32_t (&shape)[4]) {
+  const char* key = "data";
+  const uint32_t indptr[] = {0, 4};
+  PredictorHandle h = nullptr;
+  EXPECT_EQ(MXPredCreate(m.json.c_str(), m.params.data(), static_cast<int>(m.params.size()), 1, 0,
+                         1, &key, indptr, shape, &h),
+            0);
+  return h;
+}
+
 inline void SetInputs(PredictorHandle h, const IoCase& c) {
   for (const auto& in : c.inputs) {
     MXPredSetInput(h, in.first.c_str(), in.second.values.data(),

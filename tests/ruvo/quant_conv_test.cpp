@@ -98,13 +98,7 @@ TEST(QuantisedNetTest, OutputsAndShiftsAreExact) {
     // The shifts are not visible through the prediction interface: the same
     // net, built directly, shows them.
     DefaultNet net;
-    net_test::InputSpec s = net_test::SpecOf(c);
-    ASSERT_EQ(net.Config(m.json.c_str(), m.params.data(), m.params.size(), 1, s.keys.data(),
-                         s.indptr.data(), s.data.data(), 0, nullptr),
-              0);
-    net.SetInput("data", c.inputs[0].second.values.data(),
-                 static_cast<uint32_t>(c.inputs[0].second.values.size()));
-    net.Forward();
+    ASSERT_TRUE(ruvo_test::RunNet(m, c, &net));
     for (uint32_t i = 0; i < std::size(kQuantHeads); ++i) {
       const std::string key = kQuantHeads[i];
       const std::string what = c.name + "/" + key;

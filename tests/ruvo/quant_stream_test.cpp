@@ -59,12 +59,7 @@ Streamed Stream(const Model& m, const Schedule& s, int from) {
   const Tensor& seq = m.cases.at(0).inputs.at(0).second;
   const int frames = static_cast<int>(seq.shape[0]);
   const char* key = "data";
-  const uint32_t shape[] = {s.batch, 1, 5, 3};
-  const uint32_t indptr[] = {0, 4};
-  PredictorHandle h = nullptr;
-  EXPECT_EQ(MXPredCreate(m.json.c_str(), m.params.data(), static_cast<int>(m.params.size()), 1, 0,
-                         1, &key, indptr, shape, &h),
-            0);
+  PredictorHandle h = net_test::CreateForData(m, {s.batch, 1, 5, 3});
   Streamed run;
   std::vector<float> got;
   for (int t = 0; t < frames; t += static_cast<int>(s.batch)) {
@@ -150,13 +145,7 @@ TEST(AlphaLayersTest, OutputsAndShiftsMatchNumpy) {
     Model m = net_test::LoadModel(n.net);
     const auto& c = m.cases.at(0);
     orvik::ruvo::DefaultNet net;
-    net_test::InputSpec s = net_test::SpecOf(c);
-    ASSERT_EQ(net.Config(m.json.c_str(), m.params.data(), m.params.size(), 1, s.keys.data(),
-                         s.indptr.data(), s.data.data(), 0, nullptr),
-              0);
-    net.SetInput("data", c.inputs[0].second.values.data(),
-                 static_cast<uint32_t>(c.inputs[0].second.values.size()));
-    net.Forward();
+    ASSERT_TRUE(ruvo_test::RunNet(m, c, &net));
     for (uint32_t i = 0; i < n.heads.size(); ++i) {
       const std::string what = std::string(n.net) + "/" + n.heads[i];
       const orvik::ruvo::NDArray& blob = net.blobs()[net.outs_blobs_index()[i]];
@@ -193,13 +182,9 @@ TEST(AlphaLayersTest, UpscaleOfUnsupportedChannelsLeavesTheOutput) {
 TEST(QuantStreamDeathTest, FirstCallLongerThanTheWindowIsFatal) {
   Model m = net_test::LoadModel("stream");
   const Tensor& seq = m.cases.at(0).inputs.at(0).second;
-  const char* key = "data";
-  const uint32_t shape[] = {6, 1, 5, 3}, indptr[] = {0, 4};
-  PredictorHandle h = nullptr;
-  ASSERT_EQ(MXPredCreate(m.json.c_str(), m.params.data(), static_cast<int>(m.params.size()), 1, 0,
-                         1, &key, indptr, shape, &h),
-            0);
-  MXPredSetInput(h, key, seq.values.data(), 6 * kFrame);
+  PredictorHandle h = net_test::CreateForData(m, {6, 1, 5, 3});
+  ASSERT_NE(h, nullptr);
+  MXPredSetInput(h, "data", seq.values.data(), 6 * kFrame);
   EXPECT_DEATH(MXPredForward(h),
                RegexEscape("input_buff_frames_ >= ishape[0] (3 vs. 6)"));
   MXPredFree(h);

@@ -24,16 +24,12 @@ TEST(StreamVadTest, LogitsOneFrameACallMatchNumpy) {
   net_test::Model m = net_test::LoadModel("stream_vad");
   const net_test::Tensor& feats = m.cases.at(0).inputs.at(0).second;
   const std::vector<float>& want = m.cases.at(0).outputs.at("fc3").values;
-  const char* key = "data";
-  const uint32_t shape[] = {1, 1, 3, 40}, indptr[] = {0, 4};
-  PredictorHandle h = nullptr;
-  ASSERT_EQ(MXPredCreate(m.json.c_str(), m.params.data(), static_cast<int>(m.params.size()), 1, 0,
-                         1, &key, indptr, shape, &h),
-            0);
+  PredictorHandle h = net_test::CreateForData(m, {1, 1, 3, 40});
+  ASSERT_NE(h, nullptr);
   MXResetInterBuff(h);
   std::vector<float> logits, posteriors(2);
   for (uint32_t t = 0; t < feats.shape[0]; ++t) {
-    MXPredSetInput(h, key, feats.values.data() + t * kFrame, kFrame);
+    MXPredSetInput(h, "data", feats.values.data() + t * kFrame, kFrame);
     MXPredForward(h);
     float l[2];
     MXPredGetOutput(h, 1, l, 2);
