@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -57,6 +58,27 @@ inline bool RunNet(const net_test::Model& m, const net_test::IoCase& c,
                 static_cast<uint32_t>(c.inputs[0].second.values.size()));
   net->Forward();
   return true;
+}
+
+// Head i of `net` equals the case's output heads[i] exactly (8-bit values
+// widened), and an 8-bit head's shift_ equals its output "<head>.shift".
+inline void ExpectHeadsExact(const orvik::ruvo::DefaultNet& net, const net_test::IoCase& c,
+                             const std::vector<std::string>& heads, const std::string& net_name) {
+  for (uint32_t i = 0; i < heads.size(); ++i) {
+    const std::string what = net_name + "/" + c.name + "/" + heads[i];
+    const orvik::ruvo::NDArray& blob = net.blobs()[net.outs_blobs_index()[i]];
+    const std::vector<float>& want = c.outputs.at(heads[i]).values;
+    ASSERT_EQ(blob.Size(), want.size()) << what;
+    std::vector<float> got(want.size());
+    if (blob.dtype() == orvik::ruvo::kFloat32) {
+      std::copy(blob.dptr<float>(), blob.dptr<float>() + got.size(), got.begin());
+    } else {
+      std::copy(blob.dptr<signed char>(), blob.dptr<signed char>() + got.size(), got.begin());
+      ASSERT_EQ(c.outputs.count(heads[i] + ".shift"), 1u) << what;
+      EXPECT_EQ(blob.shift_, c.outputs.at(heads[i] + ".shift").values[0]) << what;
+    }
+    EXPECT_EQ(got, want) << what;
+  }
 }
 
 }  // namespace ruvo_test

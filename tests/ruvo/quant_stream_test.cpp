@@ -135,7 +135,7 @@ TEST(QuantStreamTest, FramesAtAnyPaceResetAndUpdateMatchNumpy) {
 TEST(AlphaLayersTest, OutputsAndShiftsMatchNumpy) {
   const struct {
     const char* net;
-    std::vector<const char*> heads;
+    std::vector<std::string> heads;
   } nets[] = {
       {"alpha",
        {"p_max", "p_avg_full", "p_avg_global", "p_float_avg", "p_float_max", "up", "up_1x1"}},
@@ -146,21 +146,7 @@ TEST(AlphaLayersTest, OutputsAndShiftsMatchNumpy) {
     const auto& c = m.cases.at(0);
     orvik::ruvo::DefaultNet net;
     ASSERT_TRUE(ruvo_test::RunNet(m, c, &net));
-    for (uint32_t i = 0; i < n.heads.size(); ++i) {
-      const std::string what = std::string(n.net) + "/" + n.heads[i];
-      const orvik::ruvo::NDArray& blob = net.blobs()[net.outs_blobs_index()[i]];
-      const std::vector<float>& want = c.outputs.at(n.heads[i]).values;
-      ASSERT_EQ(blob.Size(), want.size()) << what;
-      std::vector<float> got(want.size());
-      if (blob.dtype() == orvik::ruvo::kFloat32) {
-        std::copy(blob.dptr<float>(), blob.dptr<float>() + got.size(), got.begin());
-      } else {
-        std::copy(blob.dptr<signed char>(), blob.dptr<signed char>() + got.size(), got.begin());
-        EXPECT_EQ(blob.shift_, c.outputs.at(what.substr(what.find('/') + 1) + ".shift").values[0])
-            << what;
-      }
-      EXPECT_EQ(got, want) << what;
-    }
+    ruvo_test::ExpectHeadsExact(net, c, n.heads, n.net);
   }
 }
 
