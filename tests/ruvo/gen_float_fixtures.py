@@ -13,22 +13,11 @@ i-th output key of a case.  Everything is seeded.
 """
 
 import math
-import os
 import sys
-import tempfile
 
 import numpy as np
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-ROOT = os.path.dirname(os.path.dirname(HERE))
-sys.path.insert(0, os.path.join(ROOT, "tools"))
-sys.path.insert(0, HERE)
-
-from model_writer import SymbolGraph, write_params  # noqa: E402
-from gen_net_fixtures import IoFile  # noqa: E402
-from gen_quant_fixtures import quanti_input, save  # noqa: E402
-
-F32 = np.float32
+from fixture_lib import F32, IoFile, SymbolGraph, quanti_input, save, write_or_check
 
 
 def build(out_dir, name, nodes, params, cases):
@@ -278,19 +267,5 @@ def generate(out_dir):
     pool8_net(rng, out_dir)
 
 
-def main(argv):
-    out_dir = os.path.join(ROOT, "tests", "data", "net")
-    if argv[1:] != ["--check"]:
-        return generate(out_dir)
-    with tempfile.TemporaryDirectory() as tmp:
-        generate(tmp)
-        stale = [n for n in sorted(os.listdir(tmp))
-                 if open(os.path.join(tmp, n), "rb").read() != open(os.path.join(out_dir, n), "rb").read()]
-    if stale:
-        print("stale test data, run tests/ruvo/gen_float_fixtures.py: " + ", ".join(stale))
-        return 1
-    return 0
-
-
 if __name__ == "__main__":
-    sys.exit(main(sys.argv))
+    sys.exit(write_or_check(sys.argv, generate, "gen_float_fixtures.py"))
