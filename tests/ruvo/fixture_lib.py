@@ -58,6 +58,17 @@ def save(name, graph, params, io, out_dir, version=10600):
     io.write(os.path.join(out_dir, name + ".io"))
 
 
+def weight_args(g, params, name, w, b=None):
+    """Adds NAME_weight and, unless b is None, NAME_bias to the parameters;
+    returns their graph variables, weight first."""
+    params.append(("arg:%s_weight" % name, w))
+    args = [g.variable(name + "_weight")]
+    if b is not None:
+        params.append(("arg:%s_bias" % name, b))
+        args.append(g.variable(name + "_bias"))
+    return args
+
+
 def conv_attrs(k, stride=(1, 1), pad=(0, 0), dilate=(1, 1), nf=1, groups=1, **flags):
     a = {"kernel": "(%d,%d)" % k, "stride": "(%d,%d)" % stride, "pad": "(%d,%d)" % pad,
          "dilate": "(%d,%d)" % dilate, "num_filter": str(nf), "num_group": str(groups)}

@@ -17,7 +17,7 @@ import sys
 import numpy as np
 
 from fixture_lib import (F32, I8, I32, IoFile, SymbolGraph, conv_attrs, output_stage, quanti_input,
-                         save, write_or_check, wrap32, write_params)
+                         save, weight_args, write_or_check, wrap32, write_params)
 
 
 def conv_sum(x, w, stride, pad, dilate, groups, pad_value=0, dtype=np.float64):
@@ -148,12 +148,8 @@ def quant_net(rng, out_dir):
               bn=False, edata=None, act=False, float_out=False, tw=True, out_shift=3,
               src_channels=6, scalar_shift=7):
         w = rng.integers(-128, 128, (nf,) + k + (src_channels // groups,)).astype(I8)
-        params.append(("arg:%s_weight" % name, w))
-        inputs = [nodes[src], g.variable(name + "_weight")]
         b = rng.integers(-3000, 3000, (nf,)).astype(I32) if bias else None
-        if bias:
-            params.append(("arg:%s_bias" % name, b))
-            inputs.append(g.variable(name + "_bias"))
+        inputs = [nodes[src]] + weight_args(g, params, name, w, b)
         if edata is not None:
             inputs.append(nodes[edata])
         wshift = (rng.integers(5, 9, (nf,)) if vec else np.full(nf, scalar_shift)).astype(I8)

@@ -21,7 +21,7 @@ import sys
 import numpy as np
 
 from fixture_lib import (F32, I8, I32, IoFile, SymbolGraph, conv_attrs, output_stage, quanti_input,
-                         save, write_or_check, wrap32)
+                         save, weight_args, write_or_check, wrap32)
 from gen_quant_fixtures import conv_sum
 FRAMES, WIDTH, CHANNELS = 12, 5, 3
 RESTART = 5
@@ -90,12 +90,8 @@ def stream_net(rng, out_dir):
     def temporal(name, src, taps, nf, width, channels, dilate=1, bias=True, vec=False, act=False,
                  float_out=False, tw=True, out_shift=3, wmax=40):
         w = rng.integers(-wmax, wmax + 1, (nf, taps, width, channels)).astype(I8)
-        params.append(("arg:%s_weight" % name, w))
-        inputs = [nodes[src], g.variable(name + "_weight")]
         b = rng.integers(-3000, 3000, (nf,)).astype(I32) if bias else None
-        if bias:
-            params.append(("arg:%s_bias" % name, b))
-            inputs.append(g.variable(name + "_bias"))
+        inputs = [nodes[src]] + weight_args(g, params, name, w, b)
         wshift, refs = shift_tables(name, nf, vec, bias,
                                     "output_shift_history" if bias else "out_shift_history",
                                     out_shift)
@@ -110,12 +106,8 @@ def stream_net(rng, out_dir):
     def dense(name, src, nh, num_input, bias=True, vec=False, bn=False, float_out=False, tw=True,
               out_shift=3):
         w = rng.integers(-50, 51, (nh, num_input)).astype(I8)
-        params.append(("arg:%s_weight" % name, w))
-        inputs = [nodes[src], g.variable(name + "_weight")]
         b = rng.integers(-3000, 3000, (nh,)).astype(I32) if bias else None
-        if bias:
-            params.append(("arg:%s_bias" % name, b))
-            inputs.append(g.variable(name + "_bias"))
+        inputs = [nodes[src]] + weight_args(g, params, name, w, b)
         wshift, refs = shift_tables(name, nh, vec, bias, out_shift=out_shift)
         bnp = None
         if bn:

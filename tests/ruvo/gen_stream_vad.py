@@ -27,7 +27,7 @@ import sys
 import numpy as np
 
 from fixture_lib import (F32, I8, I32, ROOT, IoFile, SymbolGraph, output_stage, quanti_input,
-                         read_params, save, write_or_check, wrap32)
+                         read_params, save, weight_args, write_or_check, wrap32)
 from gen_stream_fixtures import temporal_acc
 
 RANK = 16
@@ -109,11 +109,7 @@ def write(out_dir):
                  attr={"fixed_output_shift": str(SHIFTS["in"])})
     params.append(("aux:qin_input_shift_history", np.array([SHIFTS["in"]], I8)))
     for name, w, ws, b, out_shift, act in layers:
-        inputs = [src, g.variable(name + "_weight")]
-        params.append(("arg:%s_weight" % name, w))
-        if b is not None:
-            inputs.append(g.variable(name + "_bias"))
-            params.append(("arg:%s_bias" % name, b))
+        inputs = [src] + weight_args(g, params, name, w, b)
         tables = [("output_shift_history" if b is not None else "out_shift_history",
                    np.array([out_shift], I8)), ("weight_vec_shift_history", ws)]
         if b is not None:
