@@ -49,7 +49,7 @@ inline std::string CaseName(const testing::TestParamInfo<FatalCase>& info) {
 // "data" and runs it once.  False (a failed check) if it does not configure.
 inline bool RunNet(const net_test::Model& m, const net_test::IoCase& c,
                    orvik::ruvo::DefaultNet* net) {
-  net_test::InputSpec s = net_test::SpecOf(c);
+  net_test::InputShapes s = net_test::ShapesOf(c);
   const int ret = net->Config(m.json.c_str(), m.params.data(), m.params.size(), 1, s.keys.data(),
                               s.indptr.data(), s.data.data(), 0, nullptr);
   EXPECT_EQ(ret, 0);

@@ -96,14 +96,14 @@ inline Model LoadModel(const std::string& name, const std::string& params_name =
 }
 
 // Input keys and shapes of a case, in the layout MXPredCreate takes.
-struct InputSpec {
+struct InputShapes {
   std::vector<const char*> keys;
   std::vector<uint32_t> indptr{0};
   std::vector<uint32_t> data;
 };
 
-inline InputSpec SpecOf(const IoCase& c) {
-  InputSpec s;
+inline InputShapes ShapesOf(const IoCase& c) {
+  InputShapes s;
   for (const auto& in : c.inputs) {
     s.keys.push_back(in.first.c_str());
     s.data.insert(s.data.end(), in.second.shape.begin(), in.second.shape.end());
@@ -116,7 +116,7 @@ inline InputSpec SpecOf(const IoCase& c) {
 // the input shapes of `c`; fails the test on a non-zero result.
 inline PredictorHandle Create(const Model& m, const IoCase& c,
                               std::vector<const char*> output_keys = {}) {
-  InputSpec s = SpecOf(c);
+  InputShapes s = ShapesOf(c);
   PredictorHandle h = nullptr;
   const auto n_in = static_cast<uint32_t>(s.keys.size());
   const int size = static_cast<int>(m.params.size());

@@ -223,7 +223,7 @@ TEST(PlanMemoryDeathTest, TopWithoutShapeIsFatal) {
                                           "no storage allocated for layer:shapeless"));
 }
 
-std::unique_ptr<DefaultNet> Build(const net_test::Model& m, net_test::InputSpec s) {
+std::unique_ptr<DefaultNet> Build(const net_test::Model& m, net_test::InputShapes s) {
   auto net = std::make_unique<DefaultNet>();
   EXPECT_EQ(net->Config(m.json.c_str(), m.params.data(), m.params.size(),
                         static_cast<uint32_t>(s.keys.size()), s.keys.data(), s.indptr.data(),
@@ -237,7 +237,7 @@ std::unique_ptr<DefaultNet> Build(const net_test::Model& m, net_test::InputSpec 
 // between two slabs, each as large as the largest blob it serves.
 TEST(NetMemoryTest, DenseChainUsesTwoSlabs) {
   net_test::Model m = net_test::LoadModel("mlp");
-  auto net = Build(m, net_test::SpecOf(m.cases.at(0)));
+  auto net = Build(m, net_test::ShapesOf(m.cases.at(0)));
   ASSERT_EQ(net->data_pool().size(), 2u);
   EXPECT_EQ(net->data_pool()[0].Size(), 8u * 16);  // fc1 / fc3 / softmax
   EXPECT_EQ(net->data_pool()[1].Size(), 8u * 12);  // fc2 / fc4
@@ -263,7 +263,7 @@ TEST(NetMemoryTest, DenseChainUsesTwoSlabs) {
 TEST(NetMemoryTest, Int8SlabHasTrueSize) {
   net_test::Model m = net_test::LoadModel("int8_relu");
   // The parameter is the relu's data: its shape comes from the caller.
-  net_test::InputSpec s;
+  net_test::InputShapes s;
   s.keys = {"q"};
   s.indptr = {0, 2};
   s.data = {1, 100};

@@ -125,7 +125,7 @@ TEST(NetBuildTest, PartialOutputs) {
   MXPredFree(h);
 
   orvik::ruvo::DefaultNet net;
-  net_test::InputSpec s = net_test::SpecOf(c);
+  net_test::InputShapes s = net_test::ShapesOf(c);
   const char* keys[] = {"fc2"};
   ASSERT_EQ(net.Config(m.json.c_str(), m.params.data(), m.params.size(), 1, s.keys.data(),
                        s.indptr.data(), s.data.data(), 1, keys),

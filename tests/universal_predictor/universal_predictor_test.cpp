@@ -22,7 +22,7 @@ constexpr float kAtol = 2e-6f;
 constexpr float kRtol = 2e-5f;
 
 int CreateMlp(const Model& m, UniversalPredictorHandle** out, const DataType* dtypes = nullptr) {
-  net_test::InputSpec s = net_test::SpecOf(m.cases.at(0));
+  net_test::InputShapes s = net_test::ShapesOf(m.cases.at(0));
   return UniversalPredictorCreateMxnetPredictor(
       m.json.c_str(), m.params.data(), static_cast<int>(m.params.size()), 1, 0, 1,
       s.keys.data(), s.indptr.data(), s.data.data(), out, dtypes);
