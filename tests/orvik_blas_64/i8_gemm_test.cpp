@@ -75,13 +75,14 @@ TEST(I8GemmTest, RandomShapesAreBitEqualToReferenceInEveryForm) {
 
 // Shapes past the kernels' depth block (256), column block (64) and row
 // tile, and the one-row shapes of a one-frame net (past its 256-column
-// block too).
+// block too, and with depth and column counts off the vector steps).
 TEST(I8GemmTest, LargerShapesAreBitEqualToReference) {
   struct Shape {
     int M, N, K;
   };
   const Shape kShapes[] = {{1, 256, 120}, {1, 67, 513}, {5, 130, 257}, {67, 3, 300},
-                           {9, 65, 1},    {2, 1, 600},  {64, 64, 64},  {1, 300, 40}};
+                           {9, 65, 1},    {2, 1, 600},  {64, 64, 64},  {1, 300, 40},
+                           {1, 32, 99},   {1, 45, 130}, {1, 17, 64}};
   std::mt19937 rng(43);
   ForEachKernelVariant([&](const std::string& variant) {
     for (const Shape& s : kShapes) {

@@ -593,28 +593,157 @@ void I8Gemm(const Operands& op, uint32_t ubeta, int32_t* C) {
 
 #endif  // ORVIK_PAIR_TILES
 
-// One row of A against B stored row by row (B(p, j) = B[p*N + j]): rows
-// of B are added in, scaled by one byte of A each, into 32-bit sums.  A
-// product always fits 16 bits, so the compiler can multiply in 16-bit lanes.
+#if defined(__AVX512VNNI__)
+// One row of A against B stored row by row (B(p, j) = B[p*N + j]), 64
+// columns at a time.  Four rows of B interleave in registers into each
+// column's depth quad (per 128-bit lane, so lane L of quad vector k holds
+// columns 16L + 4k .. 16L + 4k + 3), taken unsigned as b + 128 against the
+// broadcast signed quad of A; every column then holds 128 * (sum of A) too
+// much, taken off at the end.  Exact in wrapping 32-bit arithmetic.
 void SingleRowByRows(const Operands& op, uint32_t ubeta, int32_t* C) {
-  constexpr int kBlock = 256;
-  uint32_t acc[kBlock];
-  for (int j0 = 0; j0 < op.N; j0 += kBlock) {
-    const int nj = Min(kBlock, op.N - j0);
-    for (int j = 0; j < nj; ++j) acc[j] = 0;
-    for (int p = 0; p < op.K; ++p) {
-      const int16_t a = op.A[p];
-      const int8_t* b = op.B + static_cast<long>(p) * op.N + j0;
-      for (int j = 0; j < nj; ++j) {
-        acc[j] += static_cast<uint32_t>(static_cast<int32_t>(static_cast<int16_t>(a * b[j])));
+  const int N = op.N, K = op.K;
+  const int8_t* a = op.A;
+  uint32_t asum = 0;
+  for (int p = 0; p < K; ++p) asum += static_cast<uint32_t>(static_cast<int32_t>(a[p]));
+  const __m512i offset = _mm512_set1_epi8(static_cast<char>(0x80));
+  const __m512i zero = _mm512_setzero_si512();
+  for (int j0 = 0; j0 < N; j0 += 64) {
+    const int nj = Min(64, N - j0);
+    const __mmask64 cols = nj == 64 ? ~0ull : (1ull << nj) - 1;
+    const int8_t* b = op.B + j0;
+    __m512i acc[4] = {zero, zero, zero, zero};
+    for (int p = 0; p < K; p += 4) {
+      const int rows = Min(4, K - p);
+      // Missing rows read as b = 0 (so as 128 unsigned) against a = 0.
+      __m512i r[4];
+      int32_t quad = 0;
+      for (int t = 0; t < 4; ++t) {
+        r[t] = t < rows ? _mm512_maskz_loadu_epi8(cols, b + static_cast<long>(p + t) * N) : zero;
+        r[t] = _mm512_xor_si512(r[t], offset);
       }
+      memcpy(&quad, a + p, static_cast<size_t>(rows));
+      const __m512i av = _mm512_set1_epi32(quad);
+      const __m512i lo01 = _mm512_unpacklo_epi8(r[0], r[1]), hi01 = _mm512_unpackhi_epi8(r[0], r[1]);
+      const __m512i lo23 = _mm512_unpacklo_epi8(r[2], r[3]), hi23 = _mm512_unpackhi_epi8(r[2], r[3]);
+      acc[0] = _mm512_dpbusd_epi32(acc[0], _mm512_unpacklo_epi16(lo01, lo23), av);
+      acc[1] = _mm512_dpbusd_epi32(acc[1], _mm512_unpackhi_epi16(lo01, lo23), av);
+      acc[2] = _mm512_dpbusd_epi32(acc[2], _mm512_unpacklo_epi16(hi01, hi23), av);
+      acc[3] = _mm512_dpbusd_epi32(acc[3], _mm512_unpackhi_epi16(hi01, hi23), av);
     }
+    alignas(64) uint32_t sums[4][16];
+    for (int k = 0; k < 4; ++k) _mm512_store_si512(sums[k], acc[k]);
+    const uint32_t excess = 128u * asum;
     for (int j = 0; j < nj; ++j) {
-      C[j0 + j] = static_cast<int32_t>(ubeta * static_cast<uint32_t>(C[j0 + j]) + acc[j]);
+      const uint32_t dot = sums[(j >> 2) & 3][4 * (j >> 4) + (j & 3)] - excess;
+      C[j0 + j] = static_cast<int32_t>(ubeta * static_cast<uint32_t>(C[j0 + j]) + dot);
     }
   }
 }
+#else
+// One row of A against B stored row by row (B(p, j) = B[p*N + j]): rows
+// of B are added in, scaled by one byte of A each, into 32-bit sums held in
+// registers for a strip of 32 columns.  A product always fits 16 bits, so
+// the multiply runs in 16-bit lanes.
+typedef int8_t RowBytes __attribute__((vector_size(32)));
+typedef int16_t RowHalves __attribute__((vector_size(64)));
+typedef int32_t RowSums __attribute__((vector_size(128)));
+void SingleRowByRows(const Operands& op, uint32_t ubeta, int32_t* C) {
+  constexpr int kStrip = 32;
+  const int N = op.N, K = op.K;
+  int j0 = 0;
+  for (; j0 + kStrip <= N; j0 += kStrip) {
+    RowSums acc = {};
+    for (int p = 0; p < K; ++p) {
+      RowBytes row;
+      memcpy(&row, op.B + static_cast<long>(p) * N + j0, sizeof(row));
+      const RowHalves prod = __builtin_convertvector(row, RowHalves) * static_cast<int16_t>(op.A[p]);
+      acc += __builtin_convertvector(prod, RowSums);
+    }
+    for (int j = 0; j < kStrip; ++j) {
+      C[j0 + j] = static_cast<int32_t>(ubeta * static_cast<uint32_t>(C[j0 + j]) +
+                                       static_cast<uint32_t>(acc[j]));
+    }
+  }
+  // The last columns, fewer than a strip.
+  const int nj = N - j0;
+  if (nj == 0) return;
+  uint32_t acc[kStrip] = {};
+  for (int p = 0; p < K; ++p) {
+    const int16_t a = op.A[p];
+    const int8_t* b = op.B + static_cast<long>(p) * N + j0;
+    for (int j = 0; j < nj; ++j) {
+      acc[j] += static_cast<uint32_t>(static_cast<int32_t>(static_cast<int16_t>(a * b[j])));
+    }
+  }
+  for (int j = 0; j < nj; ++j) {
+    C[j0 + j] = static_cast<int32_t>(ubeta * static_cast<uint32_t>(C[j0 + j]) + acc[j]);
+  }
+}
+#endif
 
+#if defined(__AVX512VNNI__)
+// GCC 12 takes the unused pass-through operand of the 512-bit shuffles for
+// an uninitialised read; the shuffles below read only their two inputs.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+// Adds the sixteen lanes of each of four vectors: lanes of the result, per
+// 128-bit quarter, are the partial sums of c[0], c[1], c[2], c[3].
+inline __m512i SumQuarters(const __m512i* c) {
+  const __m512i t01 = _mm512_add_epi32(_mm512_unpacklo_epi32(c[0], c[1]),
+                                       _mm512_unpackhi_epi32(c[0], c[1]));
+  const __m512i t23 = _mm512_add_epi32(_mm512_unpacklo_epi32(c[2], c[3]),
+                                       _mm512_unpackhi_epi32(c[2], c[3]));
+  return _mm512_add_epi32(_mm512_unpacklo_epi64(t01, t23), _mm512_unpackhi_epi64(t01, t23));
+}
+
+// One row of A against B stored transposed: sixteen columns at a time,
+// each a dot product of contiguous rows in 64-byte steps, B taken unsigned
+// as b + 128 against signed A (so 128 * (sum of A) too much in every
+// column); the sixteen vectors of partial sums are then folded into one.
+void SingleRowDots(const Operands& op, uint32_t ubeta, int32_t* C) {
+  const int N = op.N, K = op.K;
+  const int8_t* a = op.A;
+  uint32_t asum = 0;
+  for (int p = 0; p < K; ++p) asum += static_cast<uint32_t>(static_cast<int32_t>(a[p]));
+  const __m512i excess = _mm512_set1_epi32(static_cast<int32_t>(128u * asum));
+  const __m512i offset = _mm512_set1_epi8(static_cast<char>(0x80));
+  const __m512i beta = _mm512_set1_epi32(static_cast<int32_t>(ubeta));
+  for (int j0 = 0; j0 < N; j0 += 16) {
+    const int nc = Min(16, N - j0);
+    __m512i acc[16];
+    for (int c = 0; c < 16; ++c) acc[c] = _mm512_setzero_si512();
+    for (int p = 0; p < K; p += 64) {
+      const __mmask64 depth = K - p >= 64 ? ~0ull : (1ull << (K - p)) - 1;
+      const __m512i av = _mm512_maskz_loadu_epi8(depth, a + p);
+      const int8_t* b = op.B + static_cast<long>(j0) * K + p;
+      for (int c = 0; c < nc; ++c) {
+        const __m512i bv = _mm512_maskz_loadu_epi8(depth, b + static_cast<long>(c) * K);
+        acc[c] = _mm512_dpbusd_epi32(acc[c], _mm512_xor_si512(bv, offset), av);
+      }
+    }
+    const __m512i u0 = SumQuarters(acc), u1 = SumQuarters(acc + 4);
+    const __m512i u2 = SumQuarters(acc + 8), u3 = SumQuarters(acc + 12);
+    const __m512i x01 = _mm512_add_epi32(_mm512_shuffle_i32x4(u0, u1, 0x44),
+                                         _mm512_shuffle_i32x4(u0, u1, 0xEE));
+    const __m512i x23 = _mm512_add_epi32(_mm512_shuffle_i32x4(u2, u3, 0x44),
+                                         _mm512_shuffle_i32x4(u2, u3, 0xEE));
+    __m512i out = _mm512_sub_epi32(_mm512_add_epi32(_mm512_shuffle_i32x4(x01, x23, 0x88),
+                                                    _mm512_shuffle_i32x4(x01, x23, 0xDD)),
+                                   excess);
+    const __mmask16 cols = static_cast<__mmask16>((1u << nc) - 1u);
+    if (ubeta != 0) {
+      const __m512i old = _mm512_maskz_loadu_epi32(cols, C + j0);
+      out = _mm512_add_epi32(out, _mm512_mullo_epi32(old, beta));
+    }
+    _mm512_mask_storeu_epi32(C + j0, cols, out);
+  }
+}
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+#else
 // One row of A against B stored transposed: dot products of contiguous
 // rows, four columns per pass so that each load of A serves four sums.
 // Within a chunk of 65536 bytes a signed sum cannot overflow, which lets the
@@ -653,6 +782,7 @@ void SingleRowDots(const Operands& op, uint32_t ubeta, int32_t* C) {
     C[j] = static_cast<int32_t>(ubeta * static_cast<uint32_t>(C[j]) + dot);
   }
 }
+#endif
 
 // A single row (the net's one-frame case) needs no packing: with B stored
 // transposed each entry is a dot product of two contiguous rows, otherwise
