@@ -133,7 +133,8 @@ class SummaryReporter : public benchmark::ConsoleReporter {
 
 const Shape kSgemmShapes[] = {{1, 256, 120},  {1, 256, 256},   {1, 2, 256},
                               {16, 256, 120}, {256, 256, 256}, {512, 512, 512}};
-const Shape kI8Shapes[] = {{64, 64, 64}, {256, 256, 256}};
+// The one-row shapes are a streaming 8-bit net's per-frame products.
+const Shape kI8Shapes[] = {{1, 32, 96}, {1, 32, 360}, {64, 64, 64}, {256, 256, 256}};
 
 }  // namespace
 

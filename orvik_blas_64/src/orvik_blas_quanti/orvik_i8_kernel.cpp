@@ -612,16 +612,8 @@ void SingleRowByRows(const Operands& op, uint32_t ubeta, int32_t* C) {
     const __mmask64 cols = nj == 64 ? ~0ull : (1ull << nj) - 1;
     const int8_t* b = op.B + j0;
     __m512i acc[4] = {zero, zero, zero, zero};
-    for (int p = 0; p < K; p += 4) {
-      const int rows = Min(4, K - p);
-      // Missing rows read as b = 0 (so as 128 unsigned) against a = 0.
-      __m512i r[4];
-      int32_t quad = 0;
-      for (int t = 0; t < 4; ++t) {
-        r[t] = t < rows ? _mm512_maskz_loadu_epi8(cols, b + static_cast<long>(p + t) * N) : zero;
-        r[t] = _mm512_xor_si512(r[t], offset);
-      }
-      memcpy(&quad, a + p, static_cast<size_t>(rows));
+    // Interleaves rows p .. p + 3 into quads and adds their products.
+    auto step = [&](const __m512i* r, int32_t quad) {
       const __m512i av = _mm512_set1_epi32(quad);
       const __m512i lo01 = _mm512_unpacklo_epi8(r[0], r[1]), hi01 = _mm512_unpackhi_epi8(r[0], r[1]);
       const __m512i lo23 = _mm512_unpacklo_epi8(r[2], r[3]), hi23 = _mm512_unpackhi_epi8(r[2], r[3]);
@@ -629,6 +621,29 @@ void SingleRowByRows(const Operands& op, uint32_t ubeta, int32_t* C) {
       acc[1] = _mm512_dpbusd_epi32(acc[1], _mm512_unpackhi_epi16(lo01, lo23), av);
       acc[2] = _mm512_dpbusd_epi32(acc[2], _mm512_unpacklo_epi16(hi01, hi23), av);
       acc[3] = _mm512_dpbusd_epi32(acc[3], _mm512_unpackhi_epi16(hi01, hi23), av);
+    };
+    int p = 0;
+    for (; p + 4 <= K; p += 4) {
+      __m512i r[4];
+      for (int t = 0; t < 4; ++t) {
+        r[t] = _mm512_xor_si512(_mm512_maskz_loadu_epi8(cols, b + static_cast<long>(p + t) * N),
+                                offset);
+      }
+      int32_t quad;
+      memcpy(&quad, a + p, sizeof(quad));
+      step(r, quad);
+    }
+    if (p < K) {
+      // Missing rows read as b = 0 (so as 128 unsigned) against a = 0.
+      __m512i r[4];
+      uint32_t quad = 0;
+      for (int t = 0; t < 4; ++t) {
+        const bool in = p + t < K;
+        r[t] = _mm512_xor_si512(
+            in ? _mm512_maskz_loadu_epi8(cols, b + static_cast<long>(p + t) * N) : zero, offset);
+        if (in) quad |= static_cast<uint32_t>(static_cast<uint8_t>(a[p + t])) << (8 * t);
+      }
+      step(r, static_cast<int32_t>(quad));
     }
     alignas(64) uint32_t sums[4][16];
     for (int k = 0; k < 4; ++k) _mm512_store_si512(sums[k], acc[k]);
