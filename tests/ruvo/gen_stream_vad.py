@@ -69,11 +69,11 @@ def quantised():
     proj, time = factorise(p)
     layers = []
     in_shift = SHIFTS["in"]
-    spec = [("proj", proj.reshape(RANK, 1, 3, 40), None, "proj", False),
+    plan = [("proj", proj.reshape(RANK, 1, 3, 40), None, "proj", False),
             ("time", time.reshape(-1, TAPS, 1, RANK), p["fc1_bias"], "time", True),
             ("fc2", p["fc2_weight"].reshape(-1, 1, 1, 64), p["fc2_bias"], "fc2", True),
             ("fc3", p["fc3_weight"], p["fc3_bias"], None, False)]
-    for name, w, b, out_key, act in spec:
+    for name, w, b, out_key, act in plan:
         ws = weight_shifts(w)
         scale = 2.0 ** ws.reshape((-1,) + (1,) * (w.ndim - 1))
         wq = np.clip(np.trunc(w * scale), -127, 127).astype(I8)
