@@ -1,4 +1,7 @@
-// The bundled 8-bit streaming model.  Through the engine, one frame per
+// The two bundled models.  The float dense net (models/dense), on windows
+// taken from held-out features: its posteriors match those PyTorch computed
+// when it was exported (training/export.py --check-out).  The 8-bit
+// streaming default (models/default): through the engine, one frame per
 // call over a whole stretch of held-out speech, every 8-bit layer output and
 // the float logits equal the integer simulation that trained it
 // (training/export_stream.py --check-out), bit for bit.  Through the
@@ -20,6 +23,7 @@
 namespace {
 
 const std::string kModel = TOVAD_MODEL_DIR;
+const std::string kDense = TOVAD_DENSE_MODEL_DIR;
 const std::string kData = TOVAD_TEST_DATA_DIR;
 constexpr uint32_t kFrameValues = 3 * 40;
 // The 8-bit layers and their widths, then the dense layer's two logits.
@@ -72,6 +76,42 @@ TEST(StreamingModelTest, EngineOutputsEqualTheIntegerSimulationFrameByFrame) {
     }
   }
   EXPECT_EQ(mismatched_frames, 0u) << "of " << frames << " frames";
+  MXPredFree(h);
+}
+
+constexpr uint32_t kHeight = 20, kChan = 3, kWidth = 40;
+constexpr size_t kWindow = kHeight * kChan * kWidth;
+
+TEST(DenseModelTest, EnginePosteriorsMatchTraining) {
+  const std::string json = ReadBytes(kDense + "/tovad.json");
+  const std::string params = ReadBytes(kDense + "/tovad.params");
+  const std::string input_bytes = ReadBytes(kData + "/default_model_input.f32");
+  ASSERT_EQ(input_bytes.size() % (kWindow * sizeof(float)), 0u);
+  const size_t n = input_bytes.size() / (kWindow * sizeof(float));
+  std::vector<float> input(n * kWindow);
+  std::memcpy(input.data(), input_bytes.data(), input_bytes.size());
+  std::istringstream expected_text(ReadBytes(kData + "/default_model_posteriors.txt"));
+  std::vector<float> expected;
+  for (float v; expected_text >> v;) expected.push_back(v);
+  ASSERT_EQ(expected.size(), 2 * n);
+
+  const char* keys[] = {"data"};
+  const uint32_t indptr[] = {0, 4};
+  const uint32_t shape[] = {1, kHeight, kChan, kWidth};
+  PredictorHandle h = nullptr;
+  ASSERT_EQ(MXPredCreate(json.c_str(), params.data(), static_cast<int>(params.size()), 1, 0, 1,
+                         keys, indptr, shape, &h),
+            0);
+  ASSERT_NE(h, nullptr);
+  for (size_t w = 0; w < n; ++w) {
+    float out[2] = {-1.0f, -1.0f};
+    MXPredSetInput(h, "data", input.data() + w * kWindow, kWindow);
+    MXPredForward(h);
+    MXPredGetOutput(h, 0, out, 2);
+    // Float32 sums of 2400 products in another order: far below 1e-4.
+    EXPECT_NEAR(out[0], expected[2 * w], 1e-4) << "window " << w;
+    EXPECT_NEAR(out[1], expected[2 * w + 1], 1e-4) << "window " << w;
+  }
   MXPredFree(h);
 }
 
