@@ -30,7 +30,8 @@ def block(kind, key, array):
 
 
 class IoFile:
-    """The .io text, block by block."""
+    """The .io text, block by block: io.case(name), io.input / io.output /
+    io.bound(key, array)."""
 
     def __init__(self):
         self.lines = []
@@ -38,14 +39,10 @@ class IoFile:
     def case(self, name):
         self.lines.append("case %s" % name)
 
-    def input(self, key, array):
-        self.lines += block("input", key, array)
-
-    def output(self, key, array):
-        self.lines += block("output", key, array)
-
-    def bound(self, key, array):
-        self.lines += block("bound", key, array)
+    def __getattr__(self, kind):
+        if kind not in ("input", "output", "bound"):
+            raise AttributeError(kind)
+        return lambda key, array: self.lines.extend(block(kind, key, array))
 
     def write(self, path):
         with open(path, "w") as f:
@@ -58,15 +55,41 @@ def save(name, graph, params, io, out_dir, version=10600):
     io.write(os.path.join(out_dir, name + ".io"))
 
 
-def weight_args(g, params, name, w, b=None):
-    """Adds NAME_weight and, unless b is None, NAME_bias to the parameters;
-    returns their graph variables, weight first."""
-    params.append(("arg:%s_weight" % name, w))
-    args = [g.variable(name + "_weight")]
-    if b is not None:
-        params.append(("arg:%s_bias" % name, b))
-        args.append(g.variable(name + "_bias"))
-    return args
+class Params(list):
+    """The named arrays of a net, each added with its graph variable."""
+
+    def __init__(self, graph):
+        super().__init__()
+        self.g = graph
+
+    def add(self, kind, name, value):
+        self.append(("%s:%s" % (kind, name), value))
+        return self.g.variable(name)
+
+    def aux(self, name, values, dtype=I8):
+        return self.add("aux", name, np.asarray(values, dtype=dtype))
+
+    def weights(self, name, w, b=None):
+        """NAME_weight and, unless b is None, NAME_bias; their variables."""
+        return [self.add("arg", name + "_weight", w)] + ([] if b is None else [self.add("arg", name + "_bias", b)])
+
+    def shift_tables(self, name, out_shift, wshift, vec, bias_shift=None, first="output_shift_history"):
+        """The output, weight and (unless bias_shift is None) bias shift
+        states of an 8-bit layer; a scalar table keeps the first entry."""
+        key, one = ("vec_", lambda a: a) if vec else ("", lambda a: a[:1])
+        refs = [self.aux("%s_%s" % (name, first), [out_shift]),
+                self.aux("%s_weight_%sshift_history" % (name, key), one(wshift))]
+        if bias_shift is not None:
+            refs.append(self.aux("%s_bias_%sshift_history" % (name, key), one(np.asarray(bias_shift))))
+        return refs
+
+    def batchnorm(self, rng, name, n):
+        """Random 8-bit batch normalisation states (weight, right shift,
+        weight shift) and their variables."""
+        bn = (rng.integers(-300, 300, (n,)).astype(I32), rng.integers(0, 4, (n,)).astype(I8),
+              rng.integers(6, 10, (n,)).astype(I8))
+        return bn, [self.aux(name + "_bn_" + k, v, v.dtype)
+                    for k, v in zip(["weight", "right_shift", "weight_shift"], bn)]
 
 
 def conv_attrs(k, stride=(1, 1), pad=(0, 0), dilate=(1, 1), nf=1, groups=1, **flags):
@@ -123,17 +146,17 @@ def output_stage(acc, in_shift, wshift, out_shift=0, bias=None, bn=None, edata=N
 # ------------------------------------------------------------ entry point
 
 
-def write_or_check(argv, generate, script, out_dir=NET_DIR):
+def write_or_check(generate, out_dir=NET_DIR):
     """generate(out_dir) writes the files; with --check it writes them to a
     scratch directory instead and reports (exit status 1) any that differ
     from the committed ones."""
-    if argv[1:] != ["--check"]:
+    if sys.argv[1:] != ["--check"]:
         return generate(out_dir)
     with tempfile.TemporaryDirectory() as tmp:
         generate(tmp)
-        stale = [n for n in sorted(os.listdir(tmp))
-                 if open(os.path.join(tmp, n), "rb").read() != open(os.path.join(out_dir, n), "rb").read()]
+        stale = [n for n in sorted(os.listdir(tmp)) if not os.path.exists(os.path.join(out_dir, n))
+                 or open(os.path.join(tmp, n), "rb").read() != open(os.path.join(out_dir, n), "rb").read()]
     if stale:
-        print("stale test data, run tests/ruvo/%s: %s" % (script, ", ".join(stale)))
+        print("stale test data, rerun %s: %s" % (sys.argv[0], ", ".join(stale)))
         return 1
     return 0

@@ -268,4 +268,4 @@ def generate(out_dir):
 
 
 if __name__ == "__main__":
-    sys.exit(write_or_check(sys.argv, generate, "gen_float_fixtures.py"))
+    sys.exit(write_or_check(generate))

@@ -16,8 +16,8 @@ import sys
 
 import numpy as np
 
-from fixture_lib import (F32, I8, I32, IoFile, SymbolGraph, conv_attrs, output_stage, quanti_input,
-                         save, weight_args, write_or_check, wrap32, write_params)
+from fixture_lib import (F32, I8, I32, IoFile, Params, SymbolGraph, conv_attrs, output_stage,
+                         quanti_input, save, write_or_check, wrap32, write_params)
 
 
 def conv_sum(x, w, stride, pad, dilate, groups, pad_value=0, dtype=np.float64):
@@ -60,17 +60,13 @@ def conv_net(rng, out_dir):
     suffix _q), side by side on one (2, 7, 9, 6) input."""
     g = SymbolGraph()
     x = g.variable("data")
-    params, heads, weights = [], [], {}
+    params, heads, weights = Params(g), [], {}
     for name, k, s, p, d, nf, groups, bias, tw in CONVS:
         w = rng.uniform(-1.0, 1.0, (nf,) + k + (6 // groups,)).astype(F32)
         b = rng.uniform(-0.5, 0.5, (nf,)).astype(F32) if bias else None
         weights[name] = (w, b, s, p, d, groups)
         for suffix, quanti in (("", False), ("_q", True)):
-            inputs = [x, g.variable(name + suffix + "_weight")]
-            params.append(("arg:%s%s_weight" % (name, suffix), w))
-            if bias:
-                inputs.append(g.variable(name + suffix + "_bias"))
-                params.append(("arg:%s%s_bias" % (name, suffix), b))
+            inputs = [x] + params.weights(name + suffix, w, b)
             heads.append(g.node("Convolution", name + suffix, inputs,
                                 param=conv_attrs(k, s, p, d, nf, groups, no_bias=not bias,
                                                  online_quanti=quanti, transpose_weight=tw)))
@@ -130,15 +126,10 @@ def quant_net(rng, out_dir):
     convolutions in every form, the small layers on top."""
     g = SymbolGraph()
     x = g.variable("data")
-    params = []
-
-    def aux(name, values, dtype):
-        params.append(("aux:" + name, np.asarray(values, dtype=dtype)))
-        return g.variable(name)
-
-    qin = g.node("QuantiInput", "qin", [x, aux("qin_input_shift_history", [4], I8)],
+    params = Params(g)
+    qin = g.node("QuantiInput", "qin", [x, params.aux("qin_input_shift_history", [4])],
                  attr={"truncate": "floor"})
-    qin5 = g.node("QuantiInput", "qin5", [x, aux("qin5_input_shift_history", [3], I8)],
+    qin5 = g.node("QuantiInput", "qin5", [x, params.aux("qin5_input_shift_history", [3])],
                   attr={"truncate": "naive", "fixed_output_shift": "5"})
 
     nodes = {"qin": qin, "qin5": qin5}
@@ -149,21 +140,11 @@ def quant_net(rng, out_dir):
               src_channels=6, scalar_shift=7):
         w = rng.integers(-128, 128, (nf,) + k + (src_channels // groups,)).astype(I8)
         b = rng.integers(-3000, 3000, (nf,)).astype(I32) if bias else None
-        inputs = [nodes[src]] + weight_args(g, params, name, w, b)
-        if edata is not None:
-            inputs.append(nodes[edata])
+        inputs = [nodes[src]] + params.weights(name, w, b) + ([nodes[edata]] if edata else [])
         wshift = (rng.integers(5, 9, (nf,)) if vec else np.full(nf, scalar_shift)).astype(I8)
-        key = "vec_" if vec else ""
-        inputs += [aux(name + "_output_shift_history", [out_shift], I8),
-                   aux("%s_weight_%sshift_history" % (name, key), wshift if vec else wshift[:1], I8)]
-        if bias:
-            inputs.append(aux("%s_bias_%sshift_history" % (name, key), np.zeros(nf if vec else 1), I8))
-        bnp = None
-        if bn:
-            bnp = (rng.integers(-300, 300, (nf,)).astype(I32), rng.integers(0, 4, (nf,)).astype(I8),
-                   rng.integers(6, 10, (nf,)).astype(I8))
-            inputs += [aux(name + "_bn_" + n, v, v.dtype)
-                       for n, v in zip(["weight", "right_shift", "weight_shift"], bnp)]
+        inputs += params.shift_tables(name, out_shift, wshift, vec, np.zeros(nf) if bias else None)
+        bnp, bn_states = params.batchnorm(rng, name, nf) if bn else (None, [])
+        inputs += bn_states
         nodes[name] = g.node(
             "AlphaConvolution", name, inputs,
             attr=conv_attrs(k, s, p, d, nf, groups, no_bias=not bias, vector_quanti=vec,
@@ -223,4 +204,4 @@ def generate(out_dir):
 
 
 if __name__ == "__main__":
-    sys.exit(write_or_check(sys.argv, generate, "gen_quant_fixtures.py"))
+    sys.exit(write_or_check(generate))

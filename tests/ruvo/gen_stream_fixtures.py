@@ -20,8 +20,8 @@ import sys
 
 import numpy as np
 
-from fixture_lib import (F32, I8, I32, IoFile, SymbolGraph, conv_attrs, output_stage, quanti_input,
-                         save, weight_args, write_or_check, wrap32)
+from fixture_lib import (F32, I8, I32, IoFile, Params, SymbolGraph, conv_attrs, output_stage,
+                         quanti_input, save, write_or_check, wrap32)
 from gen_quant_fixtures import conv_sum
 FRAMES, WIDTH, CHANNELS = 12, 5, 3
 RESTART = 5
@@ -67,31 +67,21 @@ def temporal_stream(seq, w, dilate, updates):
 
 def stream_net(rng, out_dir):
     g = SymbolGraph()
-    params = []
+    params = Params(g)
     nodes = {"data": g.variable("data")}
-
-    def aux(name, values, dtype):
-        params.append(("aux:" + name, np.asarray(values, dtype=dtype)))
-        return g.variable(name)
-
-    nodes["qin"] = g.node("QuantiInput", "qin", [nodes["data"], aux("qin_input_shift_history", [0], I8)],
+    nodes["qin"] = g.node("QuantiInput", "qin", [nodes["data"], params.aux("qin_input_shift_history", [0])],
                           attr={"fixed_output_shift": str(IN_SHIFT)})
     layers = []  # (name, source, kind, weight, stage arguments, dilate)
 
     def shift_tables(name, n, vec, bias, first="output_shift_history", out_shift=3):
         wshift = (rng.integers(5, 9, (n,)) if vec else np.full(n, 7)).astype(I8)
-        key = "vec_" if vec else ""
-        refs = [aux("%s_%s" % (name, first), [out_shift], I8),
-                aux("%s_weight_%sshift_history" % (name, key), wshift if vec else wshift[:1], I8)]
-        if bias:
-            refs.append(aux("%s_bias_%sshift_history" % (name, key), np.zeros(n if vec else 1), I8))
-        return wshift, refs
+        return wshift, params.shift_tables(name, out_shift, wshift, vec, np.zeros(n) if bias else None, first)
 
     def temporal(name, src, taps, nf, width, channels, dilate=1, bias=True, vec=False, act=False,
                  float_out=False, tw=True, out_shift=3, wmax=40):
         w = rng.integers(-wmax, wmax + 1, (nf, taps, width, channels)).astype(I8)
         b = rng.integers(-3000, 3000, (nf,)).astype(I32) if bias else None
-        inputs = [nodes[src]] + weight_args(g, params, name, w, b)
+        inputs = [nodes[src]] + params.weights(name, w, b)
         wshift, refs = shift_tables(name, nf, vec, bias,
                                     "output_shift_history" if bias else "out_shift_history",
                                     out_shift)
@@ -107,14 +97,10 @@ def stream_net(rng, out_dir):
               out_shift=3):
         w = rng.integers(-50, 51, (nh, num_input)).astype(I8)
         b = rng.integers(-3000, 3000, (nh,)).astype(I32) if bias else None
-        inputs = [nodes[src]] + weight_args(g, params, name, w, b)
+        inputs = [nodes[src]] + params.weights(name, w, b)
         wshift, refs = shift_tables(name, nh, vec, bias, out_shift=out_shift)
-        bnp = None
-        if bn:
-            bnp = (rng.integers(-300, 300, (nh,)).astype(I32), rng.integers(0, 4, (nh,)).astype(I8),
-                   rng.integers(6, 10, (nh,)).astype(I8))
-            refs += [aux(name + "_bn_" + n, v, v.dtype)
-                     for n, v in zip(["weight", "right_shift", "weight_shift"], bnp)]
+        bnp, bn_states = params.batchnorm(rng, name, nh) if bn else (None, [])
+        refs += bn_states
         attr = {"num_hidden": str(nh)}
         attr.update({k: ("True" if v else "False") for k, v in
                      dict(no_bias=not bias, vector_quanti=vec, use_batchnorm=bn,
@@ -209,27 +195,18 @@ def upscale_ref(x):
     """Bilinear doubling, weights out of 256, the last row and column
     repeated, every shift flooring."""
     n, h, w, c = x.shape
-    r = np.arange(2 * h)
-    j = np.arange(2 * w)
-    y, fy = r // 2, np.where(r % 2, 128, 0)
-    xx, fx = j // 2, np.where(j % 2, 128, 0)
+    r, j = np.arange(2 * h), np.arange(2 * w)
+    fy, fx = np.where(r % 2, 128, 0)[None, :, None, None], np.where(j % 2, 128, 0)[None, None, :, None]
+    y0, y1, x0, x1 = r // 2, np.minimum(r // 2 + 1, h - 1), j // 2, np.minimum(j // 2 + 1, w - 1)
     v = x.astype(np.int64)
-    y1, x1 = np.minimum(y + 1, h - 1), np.minimum(xx + 1, w - 1)
-    a = v[:, y][:, :, xx]
-    b = v[:, y][:, :, x1]
-    cc = v[:, y1][:, :, xx]
-    d = v[:, y1][:, :, x1]
-    fx4 = fx[None, None, :, None]
-    fy4 = fy[None, :, None, None]
-    t = a * (256 - fx4) + b * fx4
-    u = cc * (256 - fx4) + d * fx4
-    inner = (u * fy4 + t * (256 - fy4)) >> 16
-    last_cols = ((cc * 256) * fy4 + (a * 256) * (256 - fy4)) >> 16
-    last_rows = t >> 8
+    a, b, cc, d = v[:, y0][:, :, x0], v[:, y0][:, :, x1], v[:, y1][:, :, x0], v[:, y1][:, :, x1]
+    t = a * (256 - fx) + b * fx
+    inner = ((cc * (256 - fx) + d * fx) * fy + t * (256 - fy)) >> 16
+    last_cols = ((cc * 256) * fy + (a * 256) * (256 - fy)) >> 16
     rows_end = (r >= 2 * h - 2)[None, :, None, None]
     cols_end = (j >= 2 * w - 2)[None, None, :, None]
-    out = np.where(rows_end, np.where(cols_end, a, last_rows), np.where(cols_end, last_cols, inner))
-    return out.astype(np.int8)
+    return np.where(rows_end, np.where(cols_end, a, t >> 8),
+                    np.where(cols_end, last_cols, inner)).astype(np.int8)
 
 
 def alpha_net(rng, out_dir):
@@ -237,8 +214,8 @@ def alpha_net(rng, out_dir):
     on the float data), AlphaUpscale on the image and on a 1 x 1 pool."""
     g = SymbolGraph()
     x = g.variable("data")
-    params = [("aux:qin_input_shift_history", np.array([0], I8))]
-    qin = g.node("QuantiInput", "qin", [x, g.variable("qin_input_shift_history")],
+    params = Params(g)
+    qin = g.node("QuantiInput", "qin", [x, params.aux("qin_input_shift_history", [0])],
                  attr={"fixed_output_shift": "4"})
     pools = [("p_max", qin, (3, 3), (2, 2), (1, 1), "max", False, False),
              ("p_avg_full", qin, (3, 3), (2, 2), (1, 1), "avg", True, False),
@@ -285,41 +262,27 @@ def alpha_plus_net(rng, out_dir):
     on the coarsest channel's grid."""
     g = SymbolGraph()
     x = g.variable("data")
-    params = [("aux:qin_input_shift_history", np.array([0], I8))]
-    qin = g.node("QuantiInput", "qin", [x, g.variable("qin_input_shift_history")],
+    params = Params(g)
+    qin = g.node("QuantiInput", "qin", [x, params.aux("qin_input_shift_history", [0])],
                  attr={"fixed_output_shift": "4"})
-
-    def aux(name, values):
-        params.append(("aux:" + name, np.asarray(values, I8)))
-        return g.variable(name)
 
     refs, heads = [], []
 
     def plus(name, k, p, nf, wshift, out_shift, in_shift=None, bias_d=None, edata_shift=None,
              act=False, align=False):
         w = rng.integers(-128, 128, (nf,) + k + (4,)).astype(I8)
-        params.append(("arg:%s_weight" % name, w))
-        inputs = [qin, g.variable(name + "_weight")]
+        b = None if bias_d is None else rng.integers(-128, 128, (nf,)).astype(I8)
+        inputs = [qin] + params.weights(name, w, b) + ([qin] if edata_shift is not None else [])
         vec = len(wshift) > 1
         wshift = np.resize(np.asarray(wshift), nf).astype(I8)
         used_in = in_shift if in_shift else 4
-        b = None
-        if bias_d is not None:
-            b = rng.integers(-128, 128, (nf,)).astype(I8)
-            params.append(("arg:%s_bias" % name, b))
-            inputs.append(g.variable(name + "_bias"))
-        if edata_shift is not None:
-            inputs.append(qin)
-        key = "vec_" if vec else ""
-        inputs += [aux(name + "_output_shift_history", [out_shift]),
-                   aux("%s_weight_%sshift_history" % (name, key), wshift if vec else wshift[:1])]
-        bias_al = None
+        bias_al = bshift = None
         if b is not None:
             d = np.resize(np.asarray(bias_d), nf).astype(np.int64)
             bshift = (wshift.astype(np.int64) + used_in - d).astype(I8)
-            inputs.append(aux("%s_bias_%sshift_history" % (name, key), bshift if vec else bshift[:1]))
             bv = b.astype(np.int64)
             bias_al = wrap32(np.where(d >= 0, bv << np.maximum(d, 0), bv >> (d % 32)))
+        inputs += params.shift_tables(name, out_shift, wshift, vec, bshift)
         attr = conv_attrs(k, pad=p, nf=nf, no_bias=b is None, vector_quanti=vec,
                           elementwise_input=edata_shift is not None, use_activation=act,
                           disable_output_quantization=align, align_output_shift=align)
@@ -368,4 +331,4 @@ def generate(out_dir):
 
 
 if __name__ == "__main__":
-    sys.exit(write_or_check(sys.argv, generate, "gen_stream_fixtures.py"))
+    sys.exit(write_or_check(generate))

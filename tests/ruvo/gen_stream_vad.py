@@ -26,8 +26,8 @@ import sys
 
 import numpy as np
 
-from fixture_lib import (F32, I8, I32, ROOT, IoFile, SymbolGraph, output_stage, quanti_input,
-                         read_params, save, weight_args, write_or_check, wrap32)
+from fixture_lib import (F32, I8, I32, ROOT, IoFile, Params, SymbolGraph, output_stage, quanti_input,
+                         read_params, save, write_or_check, wrap32)
 from gen_stream_fixtures import temporal_acc
 
 RANK = 16
@@ -104,19 +104,13 @@ def run_int8(layers, feats):
 def write(out_dir):
     layers = quantised()
     g = SymbolGraph()
-    params = []
-    src = g.node("QuantiInput", "qin", [g.variable("data"), g.variable("qin_input_shift_history")],
+    params = Params(g)
+    src = g.node("QuantiInput", "qin", [g.variable("data"), params.aux("qin_input_shift_history", [SHIFTS["in"]])],
                  attr={"fixed_output_shift": str(SHIFTS["in"])})
-    params.append(("aux:qin_input_shift_history", np.array([SHIFTS["in"]], I8)))
     for name, w, ws, b, out_shift, act in layers:
-        inputs = [src] + weight_args(g, params, name, w, b)
-        tables = [("output_shift_history" if b is not None else "out_shift_history",
-                   np.array([out_shift], I8)), ("weight_vec_shift_history", ws)]
-        if b is not None:
-            tables.append(("bias_vec_shift_history", np.zeros(len(ws), I8)))
-        for key, v in tables:
-            inputs.append(g.variable("%s_%s" % (name, key)))
-            params.append(("aux:%s_%s" % (name, key), v))
+        inputs = [src] + params.weights(name, w, b) + params.shift_tables(
+            name, out_shift, ws, True, None if b is None else np.zeros(len(ws)),
+            "output_shift_history" if b is not None else "out_shift_history")
         # Weights stay as stored, (outputs, inputs): one frame a call is a
         # matrix-vector product, which reads them in that order.
         flags = {"vector_quanti": "True", "no_bias": "True" if b is None else "False",
@@ -173,7 +167,7 @@ def calibrate(path):
 def main(argv):
     if argv[1:2] == ["--calibrate"]:
         return calibrate(argv[2])
-    return write_or_check(argv, write, "gen_stream_vad.py")
+    return write_or_check(write)
 
 
 if __name__ == "__main__":

@@ -10,55 +10,46 @@ The array contents follow simple formulas that the C++ tests restate
 
 import os
 import sys
-import tempfile
 
 import numpy as np
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "..", "..", "tools"))
+sys.path.insert(0, os.path.join(HERE, "..", "..", "ruvo"))
 
-from model_writer import RawArray, SymbolGraph, write_params  # noqa: E402
+from fixture_lib import SymbolGraph, write_or_check, write_params  # noqa: E402
+from model_writer import RawArray  # noqa: E402
 
 
 def ramp(shape, dtype, scale, offset):
     """Element i (row-major) is i * scale + offset, converted to dtype."""
-    n = int(np.prod(shape))
-    return (np.arange(n, dtype=np.float64) * scale + offset).astype(dtype).reshape(shape)
+    return (np.arange(np.prod(shape), dtype=np.float64) * scale + offset).astype(dtype).reshape(shape)
 
 
-def arrays():
-    return [
-        ("arg:fc1_weight", ramp((4, 3), np.float32, 0.25, -1.0)),
-        ("arg:fc1_bias", ramp((4,), np.float32, 1.0, 0.5)),
-        ("aux:bn1_moving_mean", ramp((4,), np.float32, -0.5, 0.0)),
-        # int8: i * 7 - 64, all within range
-        ("arg:conv_weight", ramp((2, 3, 3, 1), np.int8, 7, -64)),
-        ("arg:table", ramp((3, 2), np.int32, -100000, 7)),
-        ("", None),  # an empty array under an empty name
-        # five dimensions: the shape lives on the heap
-        ("arg:deep", ramp((1, 2, 1, 2, 2), np.float64, 1.0 / 3.0, 0.0)),
-        ("arg:u8", ramp((5,), np.uint8, 50, 3)),
-        ("arg:i64", ramp((2,), np.int64, 1 << 40, -5)),
-        # flag 2 is read with 16 bytes per element
-        ("arg:f16", RawArray((2,), 2, bytes(range(32)))),
-        # no elements, no data bytes
-        ("arg:nothing", ramp((2, 0), np.float32, 0, 0)),
-    ]
+ARRAYS = [
+    ("arg:fc1_weight", ramp((4, 3), np.float32, 0.25, -1.0)),
+    ("arg:fc1_bias", ramp((4,), np.float32, 1.0, 0.5)),
+    ("aux:bn1_moving_mean", ramp((4,), np.float32, -0.5, 0.0)),
+    ("arg:conv_weight", ramp((2, 3, 3, 1), np.int8, 7, -64)),  # all within range
+    ("arg:table", ramp((3, 2), np.int32, -100000, 7)),
+    ("", None),  # an empty array under an empty name
+    ("arg:deep", ramp((1, 2, 1, 2, 2), np.float64, 1.0 / 3.0, 0.0)),  # shape on the heap
+    ("arg:u8", ramp((5,), np.uint8, 50, 3)),
+    ("arg:i64", ramp((2,), np.int64, 1 << 40, -5)),
+    ("arg:f16", RawArray((2,), 2, bytes(range(32)))),  # flag 2: 16 bytes an element
+    ("arg:nothing", ramp((2, 0), np.float32, 0, 0)),  # no elements, no data bytes
+]
 
 
 def graph_new_style():
     """data -> fc1 -> bn1 -> relu1 -> softmax; bn1 lists its two moving
     averages behind its three inputs, as new-style files do."""
     g = SymbolGraph()
-    inputs = [g.variable(n) for n in ("data", "fc1_weight", "fc1_bias")]
-    fc1 = g.node("FullyConnected", "fc1", inputs,
+    fc1 = g.node("FullyConnected", "fc1", [g.variable(n) for n in ("data", "fc1_weight", "fc1_bias")],
                  attr={"num_hidden": "4", "no_bias": "False"})
     stats = [g.variable("bn1_" + n) for n in ("gamma", "beta", "moving_mean", "moving_var")]
-    bn1 = g.node("BatchNorm", "bn1", [fc1] + stats,
-                 attr={"eps": "0.001", "fix_gamma": "False"},
+    bn1 = g.node("BatchNorm", "bn1", [fc1] + stats, attr={"eps": "0.001", "fix_gamma": "False"},
                  param={"eps": "0.5", "momentum": "0.9"})
-    relu = g.node("Activation", "relu1", [bn1],
-                  attr={"act_type": "relu", "__op_type_str__": "Pooling"})
+    relu = g.node("Activation", "relu1", [bn1], attr={"act_type": "relu", "__op_type_str__": "Pooling"})
     g.heads = [g.node("SoftmaxOutput", "softmax", [relu, g.variable("softmax_label")])]
     return g
 
@@ -70,38 +61,20 @@ def graph_old_style():
     fc1 = g.node("FullyConnected", "fc1", [g.variable("data"), g.variable("fc1_weight")],
                  param={"num_hidden": "6", "no_bias": "True"})
     parts = g.node("SliceChannel", "split", [fc1], param={"num_outputs": "2"})
-    relu = g.node("Activation", "relu1", [(parts, 1)], param={"act_type": "tanh"})
-    g.heads = [(parts, 0), relu]
+    g.heads = [(parts, 0), g.node("Activation", "relu1", [(parts, 1)], param={"act_type": "tanh"})]
     return g
 
 
 def write_all(folder):
     out = lambda name: os.path.join(folder, name)  # noqa: E731
-    write_params(out("params_modern.params"), arrays())
-    write_params(out("params_legacy.params"), arrays(), legacy=True)
+    write_params(out("params_modern.params"), ARRAYS)
+    write_params(out("params_legacy.params"), ARRAYS, legacy=True)
     write_params(out("params_empty.params"), [])
     ten = [("arg:p%d" % i, ramp((1,), np.float32, 0, i)) for i in range(10)]
     write_params(out("params_ten_nine.params"), ten, names=[n for n, _ in ten[:9]])
     graph_new_style().write(out("symbol_new.json"), version=10600)
     graph_old_style().write(out("symbol_old.json"), version=None)
-    return sorted(n for n in os.listdir(folder) if n.endswith((".params", ".json")))
-
-
-def main(argv):
-    if argv[1:] == ["--check"]:
-        # The committed files must be exactly what this script makes.
-        with tempfile.TemporaryDirectory() as tmp:
-            stale = [n for n in write_all(tmp)
-                     if not os.path.exists(os.path.join(HERE, n))
-                     or open(os.path.join(tmp, n), "rb").read()
-                     != open(os.path.join(HERE, n), "rb").read()]
-        if stale:
-            print("stale or missing, rerun %s: %s" % (sys.argv[0], " ".join(stale)))
-            return 1
-        return 0
-    write_all(HERE)
-    return 0
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv))
+    sys.exit(write_or_check(write_all, HERE))
