@@ -127,6 +127,7 @@ def pool8_net(rng, out_dir):
     t = q.astype(np.int64).sum(axis=(1, 2), keepdims=True)
     outs["qp_global_avg"] = np.sign(t) * (np.abs(t) // (7 * 8))
     outs["qin"] = q
+    outs.update({k + ".shift": np.array([4]) for k in list(outs)})  # pooling keeps the scale
     build(out_dir, "pool8", nodes, params, [("h7w8", {"data": x}, outs)])
 
 

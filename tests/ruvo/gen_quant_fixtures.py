@@ -185,9 +185,10 @@ def quant_net(rng, out_dir):
         q["qact"] = (np.maximum(a1q, 0).astype(np.int8), a1s)
         q["nhcw_q"] = (q["qin"][0].transpose(0, 1, 3, 2), 255)
         io.output("nhcw_f", data.transpose(0, 1, 3, 2))
-        for key, (values, shift) in q.items():
+        for key, (values, shift) in q.items():  # an 8-bit output has its shift beside it
             io.output(key, values)
-            io.output(key + ".shift", np.array([shift]))
+            if values.dtype == np.int8:
+                io.output(key + ".shift", np.array([shift]))
     save("quant", g, params, io, out_dir)
 
     # File errors: a per-channel shift table one entry short, and a weight

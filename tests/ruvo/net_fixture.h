@@ -1,14 +1,17 @@
 #ifndef TESTS_RUVO_NET_FIXTURE_H_
 #define TESTS_RUVO_NET_FIXTURE_H_
 
-// Reads the nets written by tests/ruvo/gen_net_fixtures.py (graph,
-// parameters, and inputs with their expected outputs computed in numpy)
-// and builds predictors from them.  A missing file fails the test.
+// Reads the nets written by the generators in tests/ruvo (graph,
+// parameters, and inputs with their expected outputs computed in numpy),
+// builds predictors from them and compares what they give.  A missing file
+// fails the test.
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -17,6 +20,10 @@
 #include <vector>
 
 #include "tovadmod/c_predict_api.h"
+
+// Allocations made so far through operator new, in binaries that link
+// alloc_counter.cpp (ExpectNetMatches needs it).
+long AllocCount();
 
 namespace net_test {
 
@@ -38,9 +45,10 @@ struct Model {
   std::vector<IoCase> cases;
 };
 
+// The whole file; a missing one fails the test.
 inline std::string ReadFile(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
-  EXPECT_TRUE(f.good()) << "missing test data " << path << " (run tests/ruvo/gen_net_fixtures.py)";
+  EXPECT_TRUE(f.good()) << "missing test data " << path;
   std::ostringstream ss;
   ss << f.rdbuf();
   return ss.str();
@@ -168,11 +176,81 @@ inline Tensor GetOutput(PredictorHandle h, uint32_t index) {
 inline void ExpectNear(const Tensor& got, const Tensor& want, float atol, float rtol,
                        const std::string& what) {
   ASSERT_EQ(got.shape, want.shape) << what;
-  ASSERT_EQ(got.values.size(), want.values.size()) << what;
   for (size_t i = 0; i < want.values.size(); ++i) {
     const float tol = atol + rtol * std::fabs(want.values[i]);
     EXPECT_NEAR(got.values[i], want.values[i], tol) << what << " element " << i;
   }
+}
+
+// An 8-bit output as GetOutput copies it (one byte an element), widened.
+inline std::vector<float> Widened(const Tensor& t) {
+  size_t count = 1;
+  for (uint32_t d : t.shape) count *= d;
+  const auto* bytes = reinterpret_cast<const signed char*>(t.values.data());
+  return std::vector<float>(bytes, bytes + count);
+}
+
+// Every case of the fixture net `name` through the prediction interface.
+// Head i is heads[i], or with no heads the case's i-th output in key order
+// (shifts left out).
+// An output with a bound in the case stays within it (and, over all cases,
+// is off somewhere: an approximate path must not be the exact one); one
+// with a "<key>.shift" is 8-bit and exact; any other is within atol +
+// rtol * |want|.  A third run gives the first run's outputs and allocates
+// nothing.
+inline void ExpectNetMatches(const std::string& name, std::vector<std::string> heads, float atol,
+                             float rtol) {
+  const long start = AllocCount();
+  Model m = LoadModel(name);
+  ASSERT_GT(AllocCount(), start) << "the counter sees allocations";
+  ASSERT_FALSE(m.cases.empty()) << name;
+  std::map<std::string, double> max_err;
+  for (const IoCase& c : m.cases) {
+    std::vector<std::string> keys = heads;
+    for (const auto& out : c.outputs) {
+      const std::string& k = out.first;
+      if (heads.empty() && (k.size() < 6 || k.compare(k.size() - 6, 6, ".shift") != 0)) keys.push_back(k);
+    }
+    PredictorHandle h = Create(m, c);
+    ASSERT_NE(h, nullptr) << name;
+    std::vector<Tensor> first;
+    for (int run = 0; run < 3; ++run) {
+      SetInputs(h, c);
+      const long before = AllocCount();
+      EXPECT_EQ(MXPredForward(h), 0);
+      if (run == 2) {
+        EXPECT_EQ(AllocCount() - before, 0) << name << ": steady-state allocations";
+      }
+      for (uint32_t i = 0; i < keys.size(); ++i) {
+        const Tensor got = GetOutput(h, i);
+        if (run == 2) {  // bitwise: 8-bit outputs fill floats with their bytes
+          EXPECT_EQ(std::memcmp(got.values.data(), first[i].values.data(), got.values.size() * 4), 0)
+              << name << ": run 3 differs, head " << keys[i];
+          continue;
+        }
+        if (run == 1) continue;
+        first.push_back(got);
+        const std::string what = name + "/" + c.name + "/" + keys[i];
+        const Tensor& want = c.outputs.at(keys[i]);
+        if (c.outputs.count(keys[i] + ".shift")) {
+          ASSERT_EQ(got.shape, want.shape) << what;
+          EXPECT_EQ(Widened(got), want.values) << what;
+        } else if (c.bounds.count(keys[i])) {
+          ASSERT_EQ(got.shape, want.shape) << what;
+          const std::vector<float>& bound = c.bounds.at(keys[i]).values;
+          for (size_t j = 0; j < want.values.size(); ++j) {
+            const double err = std::fabs(got.values[j] - want.values[j]);
+            EXPECT_LE(err, bound[j]) << what << " element " << j;
+            max_err[keys[i]] = std::max(max_err[keys[i]], err);
+          }
+        } else {
+          ExpectNear(got, want, atol, rtol, what);
+        }
+      }
+    }
+    MXPredFree(h);
+  }
+  for (const auto& e : max_err) EXPECT_GT(e.second, 0.0) << name << "/" << e.first << " is exact";
 }
 
 }  // namespace net_test

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <memory>
 #include <string>
 #include <vector>
@@ -17,19 +16,11 @@
 #include "tests/ruvo/layer_cases.h"
 #include "tests/ruvo/net_fixture.h"
 
-// Allocations made so far by this binary through operator new (replaced in
-// alloc_counter.cpp).  Tensor storage is made with make_shared, so a new
-// tensor or a grown scratch buffer is counted too.
-long AllocCount();
-
 namespace {
 
-using net_test::GetOutput;
 using net_test::LoadModel;
 using net_test::Model;
-using net_test::Tensor;
 using orvik::ruvo::DefaultNet;
-using orvik::ruvo::Layer;
 using orvik::ruvo::LayerAttrs;
 using orvik::ruvo::NDArray;
 using orvik::ruvo::TShape;
@@ -40,82 +31,29 @@ using ruvo_test::FatalCase;
 using ruvo_test::MakeLayer;
 using ruvo_test::RegexEscape;
 
-// Heads of the "conv" net, in graph order: each float convolution, then its
-// online 8-bit twin.
-const char* const kConvs[] = {"c_basic",     "c_stride_pad", "c_dilate",    "c_group",
-                              "c_group_1x1", "c_1x1",        "c_1x1_stride"};
-
+// Float convolutions against numpy (a few dozen float products per element,
+// summed in another order), each followed by its online 8-bit twin within
+// its computed quantisation error.
 TEST(ConvolutionTest, FloatMatchesNumpyAndEightBitStaysWithinItsError) {
-  Model m = LoadModel("conv");
-  ASSERT_EQ(m.cases.size(), 2u);
-  for (const auto& c : m.cases) {
-    PredictorHandle h = net_test::Create(m, c);
-    ASSERT_NE(h, nullptr);
-    net_test::SetInputs(h, c);
-    EXPECT_EQ(MXPredForward(h), 0);
-    for (uint32_t i = 0; i < 2 * std::size(kConvs); ++i) {
-      const std::string key = std::string(kConvs[i / 2]) + (i % 2 ? "_q" : "");
-      const std::string what = c.name + "/" + key;
-      Tensor got = GetOutput(h, i);
-      const Tensor& want = c.outputs.at(key);
-      if (i % 2 == 0) {
-        // A few dozen float products per element, summed in another order.
-        net_test::ExpectNear(got, want, 1e-5f, 1e-5f, what);
-        continue;
-      }
-      ASSERT_EQ(got.shape, want.shape) << what;
-      const Tensor& bound = c.bounds.at(key);
-      double max_err = 0;
-      for (size_t j = 0; j < want.values.size(); ++j) {
-        const double err = std::fabs(got.values[j] - want.values[j]);
-        ASSERT_LE(err, bound.values[j]) << what << " element " << j;
-        max_err = std::max(max_err, err);
-      }
-      if (c.name == "mixed") {
-        EXPECT_GT(max_err, 0.0) << what << ": not the 8-bit path";
-      }
-    }
-    // Weights are prepared once; a second run gives the same.
-    Tensor first = GetOutput(h, 1);
-    MXPredForward(h);
-    EXPECT_EQ(GetOutput(h, 1).values, first.values);
-    MXPredFree(h);
+  std::vector<std::string> heads;
+  for (const char* conv : {"c_basic", "c_stride_pad", "c_dilate", "c_group", "c_group_1x1", "c_1x1",
+                           "c_1x1_stride"}) {
+    heads.insert(heads.end(), {conv, std::string(conv) + "_q"});
   }
+  net_test::ExpectNetMatches("conv", heads, 1e-5f, 1e-5f);
 }
 
-// The 8-bit layers bit for bit, each head's shift with it.
+// The 8-bit layers bit for bit through the interface, then each head's
+// shift on the net's own blobs.
 TEST(QuantisedNetTest, OutputsAndShiftsAreExact) {
+  const std::vector<std::string> heads = {"qin", "qin5", "a1", "a2", "a3", "a4", "a5",
+                                          "a6",  "a7",   "a8", "qflat", "qact", "nhcw_f", "nhcw_q"};
+  net_test::ExpectNetMatches("quant", heads, 0, 0);
   Model m = LoadModel("quant");
-  ASSERT_EQ(m.cases.size(), 2u);
   for (const auto& c : m.cases) {
     DefaultNet net;
     ASSERT_TRUE(ruvo_test::RunNet(m, c, &net));
-    ruvo_test::ExpectHeadsExact(net, c,
-                                {"qin", "qin5", "a1", "a2", "a3", "a4", "a5", "a6", "a7", "a8",
-                                 "qflat", "qact", "nhcw_f", "nhcw_q"},
-                                "quant");
-  }
-}
-
-// After the first run, which prepares weights and grows the scratch, a run
-// allocates nothing.
-TEST(ConvAllocTest, SteadyStateRunsAllocateNothing) {
-  for (const char* name : {"conv", "quant"}) {
-    const long start = AllocCount();
-    Model m = LoadModel(name);
-    ASSERT_GT(AllocCount(), start) << "the counter sees allocations";
-    const auto& c = m.cases.at(0);
-    PredictorHandle h = net_test::Create(m, c);
-    ASSERT_NE(h, nullptr) << name;
-    net_test::SetInputs(h, c);
-    MXPredForward(h);
-    const long before = AllocCount();
-    for (int i = 0; i < 3; ++i) {
-      net_test::SetInputs(h, c);
-      MXPredForward(h);
-    }
-    EXPECT_EQ(AllocCount() - before, 0) << name;
-    MXPredFree(h);
+    ruvo_test::ExpectHeadsExact(net, c, heads, "quant");
   }
 }
 
