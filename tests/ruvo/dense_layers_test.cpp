@@ -96,6 +96,8 @@ INSTANTIATE_TEST_SUITE_P(
                   RegexEscape("((str_auto_chn_sw) == \"True\"")},
         FatalCase{"ConcatDimZero", "Concat", {{"num_args", "2"}, {"dim", "0"}}, {},
                   RegexEscape("Check failed: (dim_ > 0 && dim_ <= 4)")},
+        FatalCase{"ConcatNoArgs", "Concat", {{"num_args", "0"}}, {},
+                  RegexEscape("Check failed: (num_args_ >= 1)")},
         FatalCase{"ConcatSwitchOffChannel", "Concat",
                   {{"num_args", "2"}, {"dim", "2"}, {"auto_channel_switch", "True"}},
                   {TShape{1, 2, 3, 4}, TShape{1, 2, 3, 4}},

@@ -67,6 +67,9 @@ INSTANTIATE_TEST_SUITE_P(
                   RegexEscape("Pooling: kernel size exceed input")},
         FatalCase{"BatchNormNot4d", "BatchNorm", {}, {TShape{2, 3, 4}, TShape(), TShape()},
                   Fatal("dshape.ndim() == 4 (3 vs. 4)", "For predict, input shape must be 4")},
+        FatalCase{"BatchNormBadBool", "BatchNorm", {{"fix_gamma", "1"}}, {},
+                  RegexEscape("Check failed: ((str_fix_gamma) == \"True\" || (str_fix_gamma) == "
+                              "\"False\")")},
         FatalCase{"DropoutPOne", "Dropout", {{"p", "1.0"}}, {},
                   RegexEscape("Check failed: p_ >= 0 && p_ < 1")},
         FatalCase{"DropoutMode", "Dropout", {{"mode", "never"}}, {},

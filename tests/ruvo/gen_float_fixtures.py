@@ -91,15 +91,21 @@ POOLS = {
 }
 
 
-def pool_net(rng, out_dir):
+def pool_nodes(src, prefix="", global_kinds=("max", "avg")):
+    """Every pool of POOLS and the global ones, on src."""
     nodes = {}
     for name, (kind, k, s, p, conv) in POOLS.items():
         a = {"kernel": "(%d,%d)" % k, "stride": "(%d,%d)" % s, "pad": "(%d,%d)" % p, "pool_type": kind}
         a.update({"legacy_shape": "True"} if conv == "legacy" else {"pooling_convention": conv})
-        nodes[name] = ("Pooling", ["data"], a)
-    for kind in ("max", "avg"):
-        nodes["p_global_" + kind] = ("Pooling", ["data"],
-                                     {"kernel": "(1,1)", "global_pool": "True", "pool_type": kind})
+        nodes[prefix + name] = ("Pooling", [src], a)
+    for kind in global_kinds:
+        nodes[prefix + "p_global_" + kind] = ("Pooling", [src],
+                                              {"kernel": "(1,1)", "global_pool": "True", "pool_type": kind})
+    return nodes
+
+
+def pool_net(rng, out_dir):
+    nodes = pool_nodes("data")
     cases = []
     for case, shape in (("h7w8", (2, 7, 8, 5)), ("h8w7", (1, 8, 7, 19))):
         x = rng.uniform(-3, 2, shape).astype(F32)
@@ -114,13 +120,7 @@ def pool8_net(rng, out_dir):
     """The pools above on 8-bit data: float -> QuantiInput (shift 4, floor)
     -> Pooling, in integer numpy; the range saturates some inputs."""
     params = [("aux:qin_input_shift_history", np.array([4], dtype=np.int8))]
-    nodes = {"qin": ("QuantiInput", ["data", "qin_input_shift_history"], {})}
-    for name, (kind, k, s, p, conv) in POOLS.items():
-        a = {"kernel": "(%d,%d)" % k, "stride": "(%d,%d)" % s, "pad": "(%d,%d)" % p, "pool_type": kind}
-        a.update({"legacy_shape": "True"} if conv == "legacy" else {"pooling_convention": conv})
-        nodes["q" + name] = ("Pooling", ["qin"], a)
-    nodes["qp_global_avg"] = ("Pooling", ["qin"],
-                              {"kernel": "(1,1)", "global_pool": "True", "pool_type": "avg"})
+    nodes = dict(pool_nodes("qin", "q", ["avg"]), qin=("QuantiInput", ["data", "qin_input_shift_history"], {}))
     x = rng.uniform(-9, 9, (2, 7, 8, 19)).astype(F32)
     q = quanti_input(x, 4, True)
     outs = {"q" + n: pool_ref(q, *v) for n, v in POOLS.items()}
@@ -212,6 +212,7 @@ def lstm_net(rng, out_dir):
     """Each LSTM above on one (T, N, 5) input with its own non-zero initial
     states; expectations from torch.nn.LSTM in float64."""
     import torch
+    t64 = lambda a: torch.from_numpy(a.astype(np.float64))  # noqa: E731
     I, H = 5, 4
     g = SymbolGraph()
     x = g.variable("data")
@@ -221,7 +222,7 @@ def lstm_net(rng, out_dir):
         flat = {}
         for pname, _ in lstm.named_parameters():
             flat[pname] = rng.uniform(-0.6, 0.6, getattr(lstm, pname).shape).astype(F32)
-            getattr(lstm, pname).data = torch.from_numpy(flat[pname].astype(np.float64))
+            getattr(lstm, pname).data = t64(flat[pname])
         sfx = ["", "_reverse"] if bi else [""]
         order = ["weight_ih_l%d%s", "weight_hh_l%d%s"], ["bias_ih_l%d%s", "bias_hh_l%d%s"]
         packed = np.concatenate([flat[k % (l, d)].ravel() for kinds in order
@@ -247,9 +248,7 @@ def lstm_net(rng, out_dir):
             io.input(name + "_h0", h0)
             io.input(name + "_c0", c0)
             with torch.no_grad():
-                y, (hy, cy) = lstm(*(torch.from_numpy(a.astype(np.float64)) for a in (data,)),
-                                   (torch.from_numpy(h0.astype(np.float64)),
-                                    torch.from_numpy(c0.astype(np.float64))))
+                y, (hy, cy) = lstm(t64(data), (t64(h0), t64(c0)))
             outs[name] = y.numpy()
             if so:
                 outs[name + ".hy"], outs[name + ".cy"] = hy.numpy(), cy.numpy()

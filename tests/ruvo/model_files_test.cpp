@@ -7,8 +7,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,6 +14,7 @@
 #include "ruvo/json_load.h"
 #include "ruvo/ndarray.h"
 #include "tests/ruvo/death_text.h"
+#include "tests/ruvo/net_fixture.h"
 
 namespace orvik {
 namespace ruvo {
@@ -25,12 +24,7 @@ using ruvo_test::Fatal;
 using ruvo_test::RegexEscape;
 
 std::string ReadDataFile(const std::string& name) {
-  const std::string path = std::string(TOVAD_TEST_DATA_DIR) + "/ruvo/" + name;
-  std::ifstream in(path, std::ios::binary);
-  EXPECT_TRUE(in.good()) << "missing test data " << path;
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
+  return net_test::ReadFile(std::string(TOVAD_TEST_DATA_DIR) + "/ruvo/" + name);
 }
 
 // Little-endian byte builder for hand-made parameter files.

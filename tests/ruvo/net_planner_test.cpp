@@ -100,32 +100,25 @@ struct Graph {
   std::vector<int> types;
   std::vector<uint32_t> outs;
 
-  // A graph input (or parameter): the top of an "Input" layer.
-  uint32_t Input(TShape shape) {
-    auto l = std::make_shared<PlanLayer>(1, false);
-    l->SetType("Input");
-    const uint32_t id = NewBlob(shape);
-    l->GetTops() = {id};
-    layers.push_back(l);
-    return id;
-  }
-  // A layer reading `bottoms` and writing `num_tops` new blobs of `shape`.
-  std::vector<uint32_t> Op(std::vector<uint32_t> bottoms, TShape shape, uint32_t num_tops = 1,
-                           bool in_place = false, const std::string& name = "op") {
-    auto l = std::make_shared<PlanLayer>(num_tops, in_place);
-    l->SetType("Test");
-    l->SetName(name);
+  // A layer reading `bottoms` and writing one new blob per shape; an
+  // "Input" layer (no bottoms) makes a graph input or parameter.
+  std::vector<uint32_t> Add(std::vector<uint32_t> bottoms, std::vector<TShape> tops,
+                            bool in_place = false, const char* type = "Test") {
+    auto l = std::make_shared<PlanLayer>(static_cast<uint32_t>(tops.size()), in_place);
+    l->SetType(type);
+    l->SetName("shapeless");
     l->GetBottoms() = bottoms;
-    std::vector<uint32_t> tops;
-    for (uint32_t i = 0; i < num_tops; ++i) tops.push_back(NewBlob(shape));
-    l->GetTops() = tops;
+    for (const TShape& s : tops) {
+      l->GetTops().push_back(static_cast<uint32_t>(shapes.size()));
+      shapes.push_back(s);
+      types.push_back(0);
+    }
     layers.push_back(l);
-    return tops;
+    return l->GetTops();
   }
-  uint32_t NewBlob(TShape shape) {
-    shapes.push_back(shape);
-    types.push_back(0);
-    return static_cast<uint32_t>(shapes.size() - 1);
+  uint32_t Input(TShape shape) { return Add({}, {shape}, false, "Input")[0]; }
+  uint32_t Op(std::vector<uint32_t> bottoms, TShape shape, bool in_place = false) {
+    return Add(bottoms, {shape}, in_place)[0];
   }
   std::vector<int> Plan() {
     std::vector<int> ids;
@@ -137,21 +130,13 @@ struct Graph {
 TEST(PlanMemoryTest, TopsAreServedLargestFirstThenInReverse) {
   Graph g;
   const uint32_t data = g.Input({4});
-  const std::vector<uint32_t> tops = g.Op({data}, {8}, 2);
-  auto l = std::make_shared<PlanLayer>(2, false);
-  l->SetType("Test");
-  l->GetBottoms() = {data};
-  const uint32_t small = g.NewBlob({4});
-  const uint32_t large = g.NewBlob({40});
-  l->GetTops() = {small, large};
-  g.layers.push_back(l);
-  g.outs = {tops[0], tops[1], small, large};
+  const std::vector<uint32_t> even = g.Add({data}, {{8}, {8}});
+  const std::vector<uint32_t> mixed = g.Add({data}, {{4}, {40}});
+  g.outs = {even[0], even[1], mixed[0], mixed[1]};
   const std::vector<int> ids = g.Plan();
   EXPECT_EQ(ids[data], -1);  // graph inputs have no storage
-  EXPECT_EQ(ids[tops[1]], 0);
-  EXPECT_EQ(ids[tops[0]], 1);
-  EXPECT_EQ(ids[large], 2);
-  EXPECT_EQ(ids[small], 3);
+  EXPECT_EQ((std::vector<int>{ids[even[1]], ids[even[0]], ids[mixed[1]], ids[mixed[0]]}),
+            (std::vector<int>{0, 1, 2, 3}));
 }
 
 // A chain needs two storages however long it is: a layer's output is
@@ -160,10 +145,7 @@ TEST(PlanMemoryTest, ChainAlternatesTwoStorages) {
   Graph g;
   uint32_t x = g.Input({16});
   std::vector<uint32_t> blobs;
-  for (int i = 0; i < 6; ++i) {
-    x = g.Op({x}, {16})[0];
-    blobs.push_back(x);
-  }
+  for (int i = 0; i < 6; ++i) blobs.push_back(x = g.Op({x}, {16}));
   g.outs = {x};
   const std::vector<int> ids = g.Plan();
   for (size_t i = 0; i < blobs.size(); ++i) EXPECT_EQ(ids[blobs[i]], static_cast<int>(i % 2));
@@ -176,10 +158,10 @@ TEST(PlanMemoryTest, InPlaceRules) {
   for (Variant v : {kAllowed, kSecondReader, kGraphInput, kInputIsOutput, kOtherSize}) {
     Graph g;
     const uint32_t data = g.Input({8});
-    const uint32_t a = v == kGraphInput ? data : g.Op({data}, {8})[0];
-    const uint32_t r = g.Op({a}, {v == kOtherSize ? 4u : 8u}, 1, true)[0];
+    const uint32_t a = v == kGraphInput ? data : g.Op({data}, {8});
+    const uint32_t r = g.Op({a}, {v == kOtherSize ? 4u : 8u}, true);
     g.outs = {r};
-    if (v == kSecondReader) g.outs.push_back(g.Op({a}, {8})[0]);
+    if (v == kSecondReader) g.outs.push_back(g.Op({a}, {8}));
     if (v == kInputIsOutput) g.outs.push_back(a);
     const std::vector<int> ids = g.Plan();
     EXPECT_EQ(ids[r] == ids[a], v == kAllowed) << v;
@@ -188,37 +170,28 @@ TEST(PlanMemoryTest, InPlaceRules) {
 }
 
 // An output that nothing reads is released in its own step: the next
-// layer's output may take its storage.
-TEST(PlanMemoryTest, UnusedSecondOutputIsFreeForTheNextLayer) {
+// layer's output may take its storage.  A blob read twice by one layer is
+// released on its last read only, and a later layer does not get its
+// storage while it is still live.
+TEST(PlanMemoryTest, BlobsLiveToTheirLastReader) {
   Graph g;
   const uint32_t data = g.Input({8});
-  const std::vector<uint32_t> tops = g.Op({data}, {8}, 2);
-  const uint32_t next = g.Op({tops[0]}, {8})[0];
-  g.outs = {next};
+  const std::vector<uint32_t> tops = g.Add({data}, {{8}, {8}});
+  const uint32_t next = g.Op({tops[0]}, {8});
+  const uint32_t b = g.Op({next}, {8});
+  const uint32_t c = g.Op({next, b}, {8});
+  g.outs = {c};
   const std::vector<int> ids = g.Plan();
   EXPECT_EQ(ids[next], ids[tops[1]]);
   EXPECT_NE(ids[next], ids[tops[0]]);
-}
-
-// A blob read twice by one layer is released on its last read only, and a
-// later layer does not get its storage while it is still live.
-TEST(PlanMemoryTest, BlobReadTwiceLivesToItsLastReader) {
-  Graph g;
-  const uint32_t data = g.Input({8});
-  const uint32_t a = g.Op({data}, {8})[0];
-  const uint32_t b = g.Op({a}, {8})[0];
-  const uint32_t c = g.Op({a, b}, {8})[0];
-  g.outs = {c};
-  const std::vector<int> ids = g.Plan();
-  EXPECT_NE(ids[b], ids[a]);
-  EXPECT_NE(ids[c], ids[a]);
+  EXPECT_NE(ids[b], ids[next]);
+  EXPECT_NE(ids[c], ids[next]);
   EXPECT_NE(ids[c], ids[b]);
 }
 
 TEST(PlanMemoryDeathTest, TopWithoutShapeIsFatal) {
   Graph g;
-  const uint32_t data = g.Input({8});
-  g.Op({data}, TShape(), 1, false, "shapeless");
+  g.Op({g.Input({8})}, TShape());
   EXPECT_DEATH(g.Plan(), ruvo_test::Fatal("vstorage_ids[blob_id] != kBadStorageID (-1 vs. -1)",
                                           "no storage allocated for layer:shapeless"));
 }

@@ -44,9 +44,7 @@ TEST(StreamVadTest, LogitsOneFrameACallMatchNumpy) {
 
 // 16-bit mono samples of a canonical WAV file.
 std::vector<short> ReadWav(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  std::string bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-  EXPECT_GT(bytes.size(), 44u) << "missing " << path;
+  const std::string bytes = net_test::ReadFile(path);
   for (size_t at = 12; at + 8 <= bytes.size();) {
     uint32_t size = 0;
     std::memcpy(&size, bytes.data() + at + 4, 4);
