@@ -73,41 +73,33 @@ def stream_net(rng, out_dir):
                           attr={"fixed_output_shift": str(IN_SHIFT)})
     layers = []  # (name, source, kind, weight, stage arguments, dilate)
 
-    def shift_tables(name, n, vec, bias, first="output_shift_history", out_shift=3):
-        wshift = (rng.integers(5, 9, (n,)) if vec else np.full(n, 7)).astype(I8)
-        return wshift, params.shift_tables(name, out_shift, wshift, vec, np.zeros(n) if bias else None, first)
-
-    def temporal(name, src, taps, nf, width, channels, dilate=1, bias=True, vec=False, act=False,
-                 float_out=False, tw=True, out_shift=3, wmax=40):
-        w = rng.integers(-wmax, wmax + 1, (nf, taps, width, channels)).astype(I8)
+    def layer(kind, name, src, w, bias=True, vec=False, act=False, bn=False, float_out=False, tw=True,
+              out_shift=3, dilate=1):
+        """A temporal convolution or dense layer with weight w (F, ...)."""
+        nf = len(w)
         b = rng.integers(-3000, 3000, (nf,)).astype(I32) if bias else None
         inputs = [nodes[src]] + params.weights(name, w, b)
-        wshift, refs = shift_tables(name, nf, vec, bias,
-                                    "output_shift_history" if bias else "out_shift_history",
-                                    out_shift)
-        nodes[name] = g.node("QuantiTemporalConvolution", name, inputs + refs,
-                             attr=conv_attrs((taps, width), dilate=(dilate, 1), nf=nf,
-                                             no_bias=not bias, vector_quanti=vec, use_activation=act,
-                                             disable_output_quantization=float_out,
-                                             transpose_weight=tw))
-        layers.append((name, src, "temporal", w, dict(bias=b, wshift=wshift, out_shift=out_shift,
-                                                      act=act, float_out=float_out), dilate))
+        wshift = (rng.integers(5, 9, (nf,)) if vec else np.full(nf, 7)).astype(I8)
+        first = "out_shift_history" if kind == "temporal" and not bias else "output_shift_history"
+        inputs += params.shift_tables(name, out_shift, wshift, vec, np.zeros(nf) if bias else None, first)
+        bnp, bn_states = params.batchnorm(rng, name, nf) if bn else (None, [])
+        flags = dict(no_bias=not bias, vector_quanti=vec, **({"use_activation": act} if kind == "temporal"
+                                                          else {"use_batchnorm": bn}),
+                     disable_output_quantization=float_out, transpose_weight=tw)
+        if kind == "temporal":
+            nodes[name] = g.node("QuantiTemporalConvolution", name, inputs,
+                                 attr=conv_attrs(w.shape[1:3], dilate=(dilate, 1), nf=nf, **flags))
+        else:
+            attr = dict({"num_hidden": str(nf)}, **{k: ("True" if v else "False") for k, v in flags.items()})
+            nodes[name] = g.node("QuantiFullyConnected", name, inputs + bn_states, attr=attr)
+        layers.append((name, src, kind, w, dict(bias=b, wshift=wshift, out_shift=out_shift, act=act, bn=bnp,
+                                                float_out=float_out), dilate))
 
-    def dense(name, src, nh, num_input, bias=True, vec=False, bn=False, float_out=False, tw=True,
-              out_shift=3):
-        w = rng.integers(-50, 51, (nh, num_input)).astype(I8)
-        b = rng.integers(-3000, 3000, (nh,)).astype(I32) if bias else None
-        inputs = [nodes[src]] + params.weights(name, w, b)
-        wshift, refs = shift_tables(name, nh, vec, bias, out_shift=out_shift)
-        bnp, bn_states = params.batchnorm(rng, name, nh) if bn else (None, [])
-        refs += bn_states
-        attr = {"num_hidden": str(nh)}
-        attr.update({k: ("True" if v else "False") for k, v in
-                     dict(no_bias=not bias, vector_quanti=vec, use_batchnorm=bn,
-                          disable_output_quantization=float_out, transpose_weight=tw).items()})
-        nodes[name] = g.node("QuantiFullyConnected", name, inputs + refs, attr=attr)
-        layers.append((name, src, "dense", w, dict(bias=b, wshift=wshift, out_shift=out_shift,
-                                                   bn=bnp, float_out=float_out), 1))
+    def temporal(name, src, taps, nf, width, channels, wmax=40, **kw):
+        layer("temporal", name, src, rng.integers(-wmax, wmax + 1, (nf, taps, width, channels)).astype(I8), **kw)
+
+    def dense(name, src, nh, num_input, **kw):
+        layer("dense", name, src, rng.integers(-50, 51, (nh, num_input)).astype(I8), **kw)
 
     # Every layer's window is at least three frames, so the net also runs
     # three frames a call.
