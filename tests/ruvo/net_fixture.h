@@ -121,10 +121,9 @@ inline InputShapes ShapesOf(const IoCase& c) {
 }
 
 // MXPredCreate (or MXPredCreatePartialOut when output keys are given) with
-// the input shapes of `c`; fails the test on a non-zero result.
-inline PredictorHandle Create(const Model& m, const IoCase& c,
+// the input shapes `s`; fails the test on a non-zero result.
+inline PredictorHandle Create(const Model& m, InputShapes s,
                               std::vector<const char*> output_keys = {}) {
-  InputShapes s = ShapesOf(c);
   PredictorHandle h = nullptr;
   const auto n_in = static_cast<uint32_t>(s.keys.size());
   const int size = static_cast<int>(m.params.size());
@@ -139,16 +138,14 @@ inline PredictorHandle Create(const Model& m, const IoCase& c,
   return h;
 }
 
-// MXPredCreate with the one input "data" of the 4-d `shape`, as a stream
-// of frames is fed; fails the test on a non-zero result.
-inline PredictorHandle CreateForData(const Model& m, const uint32_t (&shape)[4]) {
-  const char* key = "data";
-  const uint32_t indptr[] = {0, 4};
-  PredictorHandle h = nullptr;
-  EXPECT_EQ(MXPredCreate(m.json.c_str(), m.params.data(), static_cast<int>(m.params.size()), 1, 0,
-                         1, &key, indptr, shape, &h),
-            0);
-  return h;
+// With the input shapes of case `c`.
+inline PredictorHandle Create(const Model& m, const IoCase& c, std::vector<const char*> output_keys = {}) {
+  return Create(m, ShapesOf(c), output_keys);
+}
+
+// With the one input "data" of the 4-d `shape`, as a stream of frames is fed.
+inline PredictorHandle CreateForData(const Model& m, std::vector<uint32_t> shape) {
+  return Create(m, InputShapes{{"data"}, {0, 4}, shape});
 }
 
 inline void SetInputs(PredictorHandle h, const IoCase& c) {

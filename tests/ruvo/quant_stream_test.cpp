@@ -88,23 +88,18 @@ TEST(QuantStreamTest, FramesAtAnyPaceResetAndUpdateMatchNumpy) {
   ASSERT_EQ(m.cases.size(), 1u);
   const auto& io = m.cases[0].outputs;
   const int restart = static_cast<int>(io.at("restart_at").values.at(0));
-  Schedule updated;
-  for (float f : io.at("updates_after").values) updated.update_after.insert(static_cast<int>(f));
-  Schedule three;
-  three.batch = 3;
-  Schedule reset;
-  reset.reset_before = restart;
-
+  std::set<int> updates;
+  for (float f : io.at("updates_after").values) updates.insert(static_cast<int>(f));
   const struct {
     const char* name;
     Schedule schedule;
     int from;
     const char* suffix;
   } runs[] = {
-      {"one frame a call", Schedule(), 0, ""},
-      {"three frames a call", three, 0, ""},
-      {"reset in the middle", reset, restart, "@reset"},
-      {"updates between calls", updated, 0, "@update"},
+      {"one frame a call", Schedule{}, 0, ""},
+      {"three frames a call", Schedule{3, -1, {}}, 0, ""},
+      {"reset in the middle", Schedule{1, restart, {}}, restart, "@reset"},
+      {"updates between calls", Schedule{1, -1, updates}, 0, "@update"},
   };
   for (const auto& r : runs) {
     Streamed got = Stream(m, r.schedule, r.from);
