@@ -236,11 +236,7 @@ TEST(NetMemoryTest, DenseChainUsesTwoSlabs) {
 TEST(NetMemoryTest, Int8SlabHasTrueSize) {
   net_test::Model m = net_test::LoadModel("int8_relu");
   // The parameter is the relu's data: its shape comes from the caller.
-  net_test::InputShapes s;
-  s.keys = {"q"};
-  s.indptr = {0, 2};
-  s.data = {1, 100};
-  auto net = Build(m, s);
+  auto net = Build(m, net_test::InputShapes{{"q"}, {0, 2}, {1, 100}});
   ASSERT_EQ(net->data_pool().size(), 1u);
   EXPECT_EQ(net->data_pool()[0].Size(), 25u);
   EXPECT_EQ(net->data_pool()[0].dtype(), 0);
