@@ -7,20 +7,21 @@
 // (training/export_stream.py --check-out), bit for bit.  Through the
 // toolkit, the positions do not depend on how the audio is cut into blocks.
 #include <gtest/gtest.h>
-#include <sndfile.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "tests/tools/tool_test_util.h"
 #include "tovadmod/c_predict_api.h"
 #include "tovadmod/tovad_api.h"
 
 namespace {
+
+using tovad_test::ReadBytes;
 
 const std::string kModel = TOVAD_MODEL_DIR;
 const std::string kDense = TOVAD_DENSE_MODEL_DIR;
@@ -30,14 +31,6 @@ constexpr uint32_t kFrameValues = 3 * 40;
 const char* kLayers[] = {"tconv1", "tconv2", "tconv3", "tconv4", "tconv5", "fc"};
 constexpr size_t kConvs = 5, kFilters = 32, kClasses = 2;
 constexpr size_t kRecord = kConvs * kFilters + kClasses * sizeof(float);
-
-std::string ReadBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  EXPECT_TRUE(in.good()) << "cannot read " << path;
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
 
 TEST(StreamingModelTest, EngineOutputsEqualTheIntegerSimulationFrameByFrame) {
   const std::string json = ReadBytes(kModel + "/tovad.json");
@@ -115,17 +108,6 @@ TEST(DenseModelTest, EnginePosteriorsMatchTraining) {
   MXPredFree(h);
 }
 
-std::vector<short> ReadSample() {
-  SF_INFO info = {};
-  SNDFILE* f = sf_open((kData + "/tovad_sample.wav").c_str(), SFM_READ, &info);
-  EXPECT_NE(f, nullptr);
-  if (f == nullptr) return {};
-  std::vector<short> pcm(static_cast<size_t>(info.frames));
-  sf_readf_short(f, pcm.data(), info.frames);
-  sf_close(f);
-  return pcm;
-}
-
 // Positions after each second of audio, fed in blocks of `block` samples;
 // a closed segment is taken and the handle reset at that point.
 std::vector<std::pair<int, int>> PositionsPerSecond(const std::vector<short>& pcm, int block) {
@@ -144,7 +126,7 @@ std::vector<std::pair<int, int>> PositionsPerSecond(const std::vector<short>& pc
 }
 
 TEST(StreamingModelTest, ToolkitPositionsDoNotDependOnTheBlockSize) {
-  const std::vector<short> pcm = ReadSample();
+  const std::vector<short> pcm = tovad_test::ReadAudio(kData + "/tovad_sample.wav");
   ASSERT_GE(pcm.size(), 16000u * 5);
   const auto reference = PositionsPerSecond(pcm, 160);
   int segments = 0;
@@ -157,7 +139,7 @@ TEST(StreamingModelTest, ToolkitPositionsDoNotDependOnTheBlockSize) {
 // Noise that starts after digital silence is not speech: a second of zeros
 // in front of the recording moves its first segment by that second.
 TEST(StreamingModelTest, ZerosInFrontDelayTheFirstSegmentByTheirLength) {
-  const std::vector<short> pcm = ReadSample();
+  const std::vector<short> pcm = tovad_test::ReadAudio(kData + "/tovad_sample.wav");
   std::vector<short> padded(16000, 0);
   padded.insert(padded.end(), pcm.begin(), pcm.end());
   // The start of the first segment, as the first second that has one says.
