@@ -2,6 +2,7 @@
 
 #include <cfloat>
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <random>
 #include <string>
@@ -21,7 +22,6 @@ struct GemmShape {
   float alpha, beta;
 };
 
-
 // Dense leading dimensions for a shape.
 void LeadingDims(const GemmShape& s, int* lda, int* ldb, int* ldc) {
   const bool row = s.order == CblasRowMajor;
@@ -37,20 +37,30 @@ float OpAt(const std::vector<float>& x, bool row, bool trans, int ld, int i, int
   return row ? x[static_cast<size_t>(i) * ld + j] : x[i + static_cast<size_t>(j) * ld];
 }
 
-// Runs cblas_sgemm and the plain reference on the same random data and
+// C = alpha op(A) op(B) + beta C for the shape, on dense operands.
+using Product = std::function<void(const GemmShape& s, const float* A, int lda, const float* B,
+                                   int ldb, float* C, int ldc)>;
+
+void Sgemm(const GemmShape& s, const float* A, int lda, const float* B, int ldb, float* C,
+           int ldc) {
+  cblas_sgemm(static_cast<CBLAS_ORDER>(s.order), static_cast<CBLAS_TRANSPOSE>(s.trans_a),
+              static_cast<CBLAS_TRANSPOSE>(s.trans_b), s.M, s.N, s.K, s.alpha, A, lda, B, ldb,
+              s.beta, C, ldc);
+}
+
+// Runs `product` and the plain GEMM reference on the same random data and
 // compares each entry.  The two differ only in summation order and
 // fusing, each within k roundings of the sum of magnitudes, so the bound
 // is that sum times 2 (k + 2) float epsilons.
-void CompareWithReference(const GemmShape& s, std::mt19937* rng, const std::string& variant) {
+void CompareWithReference(const GemmShape& s, std::mt19937* rng, const std::string& variant,
+                          const Product& product = Sgemm) {
   int lda, ldb, ldc;
   LeadingDims(s, &lda, &ldb, &ldc);
   const std::vector<float> A = RandomFloats(rng, static_cast<size_t>(s.M) * s.K);
   const std::vector<float> B = RandomFloats(rng, static_cast<size_t>(s.K) * s.N);
   const std::vector<float> C0 = RandomFloats(rng, static_cast<size_t>(s.M) * s.N);
   std::vector<float> ours = C0, ref = C0;
-  cblas_sgemm(static_cast<CBLAS_ORDER>(s.order), static_cast<CBLAS_TRANSPOSE>(s.trans_a),
-              static_cast<CBLAS_TRANSPOSE>(s.trans_b), s.M, s.N, s.K, s.alpha, A.data(), lda,
-              B.data(), ldb, s.beta, ours.data(), ldc);
+  product(s, A.data(), lda, B.data(), ldb, ours.data(), ldc);
   orvik_sgemm_inhouse(s.order, s.trans_a, s.trans_b, s.M, s.N, s.K, s.alpha, A.data(), lda,
                       B.data(), ldb, s.beta, ref.data(), ldc);
   const bool row = s.order == CblasRowMajor;
@@ -229,8 +239,18 @@ TEST(SgerTest, RankOneUpdateWithItsOddStrides) {
   for (int i = 0; i < 6; ++i) EXPECT_FLOAT_EQ(A[i], expected[i]) << i;
 }
 
-// m is the length of y and n the length of x in every combination.
-TEST(SgemvTest, EveryFormMatchesPlainLoops) {
+// m is the length of y and n the length of x in every combination: the
+// product is the GEMM of op(A), m x n, with x as an n x 1 matrix.
+TEST(SgemvTest, EveryFormMatchesReference) {
+  const Product gemv = [](const GemmShape& s, const float* A, int lda, const float* x, int,
+                          float* y, int) {
+    cblas_sgemv(static_cast<CBLAS_ORDER>(s.order), static_cast<CBLAS_TRANSPOSE>(s.trans_a), s.M,
+                s.K, s.alpha, A, lda, x, 1, s.beta, y, 1);
+  };
+  const Product plain_gemv = [](const GemmShape& s, const float* A, int lda, const float* x, int,
+                                float* y, int) {
+    orvik_sgemv_inhouse(s.order, s.trans_a, s.M, s.K, s.alpha, A, lda, x, 1, s.beta, y, 1);
+  };
   std::mt19937 rng(7);
   std::uniform_int_distribution<int> dim(1, 40);
   ForEachKernelVariant([&](const std::string& variant) {
@@ -239,38 +259,10 @@ TEST(SgemvTest, EveryFormMatchesPlainLoops) {
       const int m = dim(rng), n = rep == 0 ? 600 : dim(rng);
       for (int order : kOrders) {
         for (int trans : kTrans) {
-          const bool row = order == CblasRowMajor;
-          // Element (i, j) of the m x n operator that maps x to y.
-          const bool y_index_major = row == (trans == CblasNoTrans);
-          const int lda = y_index_major ? n : m;
-          const std::vector<float> A = RandomFloats(&rng, static_cast<size_t>(m) * n);
-          const std::vector<float> x = RandomFloats(&rng, n);
-          std::vector<float> y = RandomFloats(&rng, m);
-          const std::vector<float> y0 = y;
-          const float alpha = 0.75f, beta = rep % 2 ? 0.0f : -0.5f;
-          cblas_sgemv(static_cast<CBLAS_ORDER>(order), static_cast<CBLAS_TRANSPOSE>(trans), m, n,
-                      alpha, A.data(), lda, x.data(), 1, beta, y.data(), 1);
-          for (int i = 0; i < m; ++i) {
-            double dot = 0.0, magnitude = 0.0;
-            for (int j = 0; j < n; ++j) {
-              const float a = y_index_major ? A[static_cast<size_t>(i) * lda + j]
-                                            : A[static_cast<size_t>(j) * lda + i];
-              dot += static_cast<double>(a) * x[j];
-              magnitude += std::fabs(a * x[j]);
-            }
-            const double expect = alpha * dot + beta * y0[i];
-            const double tol = 2.0 * (n + 2) * FLT_EPSILON * (magnitude + std::fabs(y0[i]));
-            EXPECT_NEAR(y[i], expect, tol) << variant << " order " << order << " trans " << trans
-                                           << " m " << m << " n " << n << " i " << i;
-          }
-          if (row) {
-            std::vector<float> z = y0;
-            orvik_sgemv_inhouse(order, trans, m, n, alpha, A.data(), lda, x.data(), 1, beta,
-                                z.data(), 1);
-            for (int i = 0; i < m; ++i) {
-              EXPECT_NEAR(z[i], y[i], 4.0 * (n + 2) * FLT_EPSILON * (n + 1)) << i;
-            }
-          }
+          const GemmShape s{order, trans, CblasNoTrans, m, 1, n, 0.75f, rep % 2 ? 0.0f : -0.5f};
+          CompareWithReference(s, &rng, variant, gemv);
+          // The plain form takes row-major operators only.
+          if (order == CblasRowMajor) CompareWithReference(s, &rng, "plain", plain_gemv);
         }
       }
     }
