@@ -7,6 +7,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "orvik_blas_64/src/orvik_blas/orvik_cblas.h"
@@ -188,26 +189,6 @@ TEST(SgemmDeathTest, LeadingDimensionsMustBeDense) {
   }
 }
 
-TEST(SgemmDeathTest, ArgumentChecksInOrder) {
-  float A[4] = {}, B[4] = {}, C[4] = {};
-  EXPECT_DEATH(cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, 2, 2, 2, 1.0f, A, 2, B, 2,
-                           0.0f, nullptr, 2),
-               "# Check failed: C\n");
-  EXPECT_DEATH(cblas_sgemm(static_cast<CBLAS_ORDER>(100), CblasNoTrans, CblasNoTrans, 2, 2, 2, 1.0f,
-                           A, 9, B, 2, 0.0f, C, 2),
-               "# Check failed: Order == 101 \\|\\| Order == 102\n");
-  EXPECT_DEATH(cblas_sgemm(CblasRowMajor, static_cast<CBLAS_TRANSPOSE>(113), CblasNoTrans, 2, 2, 2,
-                           1.0f, A, 9, B, 2, 0.0f, C, 2),
-               "# Check failed: TransA == 111 \\|\\| TransA == 112\n");
-  EXPECT_DEATH(cblas_sgemm(CblasRowMajor, CblasNoTrans, static_cast<CBLAS_TRANSPOSE>(0), 2, 2, 2,
-                           1.0f, A, 9, B, 2, 0.0f, C, 2),
-               "# Check failed: TransB == 111 \\|\\| TransB == 112\n");
-  // incY 1 with N above 1 ends in the GEMM's ldb check.
-  float x[2] = {1, 2}, y[3] = {1, 2, 3}, M[6] = {};
-  EXPECT_DEATH(cblas_sger(CblasRowMajor, 2, 3, 1.0f, x, 1, y, 1, M, 3),
-               "# Check failed: ldb == N \\(1 vs\\. 3\\)");
-}
-
 // Four products at once each hold their own pool block.
 TEST(SgemmTest, ConcurrentCallsGiveTheSameResults) {
   std::mt19937 rng(11);
@@ -269,22 +250,6 @@ TEST(SgemvTest, EveryFormMatchesReference) {
   });
 }
 
-TEST(SgemvDeathTest, Checks) {
-  float A[16] = {}, x[4] = {}, y[4] = {};
-  EXPECT_DEATH(cblas_sgemv(CblasRowMajor, CblasNoTrans, 2, 4, 1.0f, A, 4, x, 1, 0.0f, nullptr, 1),
-               "# Check failed: C\n");
-  EXPECT_DEATH(cblas_sgemv(CblasRowMajor, CblasTrans, 4, 8, 1.0f, A, 8, x, 1, 0.0f, y, 1),
-               "# Check failed: lda == m \\(8 vs\\. 4\\)");
-  EXPECT_DEATH(cblas_sgemv(CblasColMajor, CblasNoTrans, 2, 4, 1.0f, A, 4, x, 1, 0.0f, y, 1),
-               "# Check failed: lda == m \\(4 vs\\. 2\\)");
-  EXPECT_DEATH(cblas_sgemv(CblasRowMajor, CblasNoTrans, 2, 4, 1.0f, A, 4, x, 2, 0.0f, y, 1),
-               "# Check failed: ldb == 1 \\(2 vs\\. 1\\)");
-  EXPECT_DEATH(cblas_sgemv(CblasRowMajor, CblasNoTrans, 2, 4, 1.0f, A, 4, x, 1, 0.0f, y, -1),
-               "# Check failed: ldc == 1 \\(-1 vs\\. 1\\)");
-  EXPECT_DEATH(orvik_sgemv_inhouse(102, 111, 2, 4, 1.0f, A, 2, x, 1, 0.0f, y, 1),
-               "# Check failed: Order == 101 \\(102 vs\\. 101\\)");
-}
-
 TEST(Level1Test, AxpyIsFusedAndTheOthersAreExact) {
   // 1 + 2^-24 squared needs the fused form to keep its last bit.
   const float e = std::ldexp(1.0f, -12);
@@ -317,42 +282,57 @@ TEST(Level1Test, AxpyIsFusedAndTheOthersAreExact) {
   EXPECT_EQ(cblas_sdot(0, big, 1, big, 1), 0.0f);
 }
 
-TEST(Level1DeathTest, IncrementsMustBeOne) {
-  float x[4] = {}, y[4] = {};
-  EXPECT_DEATH(cblas_saxpy(4, 1.0f, x, 2, y, 1), "# Check failed: incX == 1 && incY == 1\n");
-  EXPECT_DEATH(cblas_saxpby(4, 1.0f, x, 1, 1.0f, y, 3), "# Check failed: incX == 1 && incY == 1\n");
-  EXPECT_DEATH(cblas_sscal(4, 1.0f, x, 2), "# Check failed: incX == 1 \\(2 vs\\. 1\\)");
-  EXPECT_DEATH(cblas_sasum(4, x, 0), "# Check failed: incX == 1 \\(0 vs\\. 1\\)");
-  EXPECT_DEATH(cblas_sdot(4, x, 1, y, 2), "# Check failed: incy == 1 \\(2 vs\\. 1\\)");
+// Each check names what failed, a comparison with both values, in the
+// order the arguments are checked.
+TEST(BlasDeathTest, ArgumentChecks) {
+  float A[16] = {}, B[16] = {}, x[4] = {}, y[4] = {};
   double d[4] = {};
-  EXPECT_DEATH(cblas_dscal(4, 1.0, d, 2), "# Check failed: incX == 1 \\(2 vs\\. 1\\)");
-  EXPECT_DEATH(cblas_ddot(4, d, 3, d, 1), "# Check failed: incx == 1 \\(3 vs\\. 1\\)");
+  const CBLAS_ORDER row = CblasRowMajor, col = CblasColMajor;
+  const CBLAS_TRANSPOSE no = CblasNoTrans, tr = CblasTrans;
+  const std::pair<std::function<void()>, const char*> kCases[] = {
+      {[&] { cblas_sgemm(row, no, no, 2, 2, 2, 1, A, 2, B, 2, 0, nullptr, 2); }, "C\n"},
+      {[&] { cblas_sgemm(CBLAS_ORDER(100), no, no, 2, 2, 2, 1, A, 9, B, 2, 0, y, 2); },
+       "Order == 101 \\|\\| Order == 102\n"},
+      {[&] { cblas_sgemm(row, CBLAS_TRANSPOSE(113), no, 2, 2, 2, 1, A, 9, B, 2, 0, y, 2); },
+       "TransA == 111 \\|\\| TransA == 112\n"},
+      {[&] { cblas_sgemm(row, no, CBLAS_TRANSPOSE(0), 2, 2, 2, 1, A, 9, B, 2, 0, y, 2); },
+       "TransB == 111 \\|\\| TransB == 112\n"},
+      // incY 1 with N above 1 ends in the GEMM's ldb check.
+      {[&] { cblas_sger(row, 2, 3, 1, x, 1, y, 1, A, 3); }, "ldb == N \\(1 vs\\. 3\\)"},
+      {[&] { cblas_sgemv(row, no, 2, 4, 1, A, 4, x, 1, 0, nullptr, 1); }, "C\n"},
+      {[&] { cblas_sgemv(row, tr, 4, 8, 1, A, 8, x, 1, 0, y, 1); }, "lda == m \\(8 vs\\. 4\\)"},
+      {[&] { cblas_sgemv(col, no, 2, 4, 1, A, 4, x, 1, 0, y, 1); }, "lda == m \\(4 vs\\. 2\\)"},
+      {[&] { cblas_sgemv(row, no, 2, 4, 1, A, 4, x, 2, 0, y, 1); }, "ldb == 1 \\(2 vs\\. 1\\)"},
+      {[&] { cblas_sgemv(row, no, 2, 4, 1, A, 4, x, 1, 0, y, -1); }, "ldc == 1 \\(-1 vs\\. 1\\)"},
+      {[&] { orvik_sgemv_inhouse(102, 111, 2, 4, 1, A, 2, x, 1, 0, y, 1); },
+       "Order == 101 \\(102 vs\\. 101\\)"},
+      {[&] { cblas_saxpy(4, 1, x, 2, y, 1); }, "incX == 1 && incY == 1\n"},
+      {[&] { cblas_saxpby(4, 1, x, 1, 1, y, 3); }, "incX == 1 && incY == 1\n"},
+      {[&] { cblas_sscal(4, 1, x, 2); }, "incX == 1 \\(2 vs\\. 1\\)"},
+      {[&] { cblas_sasum(4, x, 0); }, "incX == 1 \\(0 vs\\. 1\\)"},
+      {[&] { cblas_sdot(4, x, 1, y, 2); }, "incy == 1 \\(2 vs\\. 1\\)"},
+      {[&] { cblas_dscal(4, 1, d, 2); }, "incX == 1 \\(2 vs\\. 1\\)"},
+      {[&] { cblas_ddot(4, d, 3, d, 1); }, "incx == 1 \\(3 vs\\. 1\\)"},
+  };
+  for (const auto& [call, report] : kCases)
+    EXPECT_DEATH(call(), std::string("# Check failed: ") + report) << report;
 }
 
 TEST(DoubleFormsTest, MatchTheFloatFormsOnExactData) {
   // Small integers: every product and sum is exact in both types.
   std::mt19937 rng(5);
   std::uniform_int_distribution<int> val(-4, 4);
-  for (int order : kOrders) {
-    for (int ta : kTrans) {
-      for (int tb : kTrans) {
-        const GemmShape s{order, ta, tb, 3, 5, 4, 2.0f, 1.0f};
-        int lda, ldb, ldc;
-        LeadingDims(s, &lda, &ldb, &ldc);
-        std::vector<float> Af(12), Bf(20), Cf(15);
-        std::vector<double> Ad(12), Bd(20), Cd(15);
-        for (int i = 0; i < 12; ++i) Ad[i] = Af[i] = static_cast<float>(val(rng));
-        for (int i = 0; i < 20; ++i) Bd[i] = Bf[i] = static_cast<float>(val(rng));
-        for (int i = 0; i < 15; ++i) Cd[i] = Cf[i] = static_cast<float>(val(rng));
-        cblas_sgemm(static_cast<CBLAS_ORDER>(order), static_cast<CBLAS_TRANSPOSE>(ta),
-                    static_cast<CBLAS_TRANSPOSE>(tb), 3, 5, 4, 2.0f, Af.data(), lda, Bf.data(), ldb,
-                    1.0f, Cf.data(), ldc);
-        cblas_dgemm(static_cast<CBLAS_ORDER>(order), static_cast<CBLAS_TRANSPOSE>(ta),
-                    static_cast<CBLAS_TRANSPOSE>(tb), 3, 5, 4, 2.0, Ad.data(), lda, Bd.data(), ldb,
-                    1.0, Cd.data(), ldc);
-        for (int i = 0; i < 15; ++i) EXPECT_EQ(Cd[i], Cf[i]) << order << ta << tb << " " << i;
-      }
-    }
+  for (int form = 0; form < 8; ++form) {
+    const GemmShape s{kOrders[form / 4], kTrans[form / 2 % 2], kTrans[form % 2], 3, 5, 4, 2, 1};
+    int lda, ldb, ldc;
+    LeadingDims(s, &lda, &ldb, &ldc);
+    std::vector<float> f(47);  // A, B and C one after the other
+    for (float& v : f) v = static_cast<float>(val(rng));
+    std::vector<double> d(f.begin(), f.end());
+    Sgemm(s, f.data(), lda, f.data() + 12, ldb, f.data() + 32, ldc);
+    cblas_dgemm(CBLAS_ORDER(s.order), CBLAS_TRANSPOSE(s.trans_a), CBLAS_TRANSPOSE(s.trans_b), 3, 5,
+                4, 2.0, d.data(), lda, d.data() + 12, ldb, 1.0, d.data() + 32, ldc);
+    for (int i = 32; i < 47; ++i) EXPECT_EQ(d[i], f[i]) << "form " << form << " at " << i;
   }
   const double A[6] = {1, 2, 3, 4, 5, 6}, x[3] = {1, 1, 2};
   std::vector<double> y = {1, 1};
