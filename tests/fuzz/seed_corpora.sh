@@ -37,9 +37,10 @@ for io in "$data"/net/*.io; do
   # A sequence goes in one frame a call.
   grep -q '^case sequence' "$io" && head=$(echo "$head" | awk '{ $2 = 1; print }')
   for p in "$base".params "$base"_*.params; do
-    [ -f "$p" ] && small "$p" || continue
-    { echo "$head"; cat "$base"-symbol.json; printf '\0'; cat "$p"; } \
-      > "pred_create/seed-$(basename "$p" .params)"
+    [ -f "$p" ] || continue
+    out="pred_create/seed-$(basename "$p" .params)"
+    { echo "$head"; cat "$base"-symbol.json; printf '\0'; cat "$p"; } > "$out"
+    small "$out" || rm "$out"
   done
 done
 { echo "data 1 5 3 40"; cat "$data"/toolkit/tone_model.json; printf '\0'; \

@@ -5,7 +5,6 @@
 // tool's segment loop can be checked without a model.
 #include "tests/tools/fake_toolkit.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <vector>
 
@@ -77,7 +76,6 @@ void* Tovad_toolkit_init(const char* config_file, const char* config_path) {
   g_state.init_dir = config_path == nullptr ? "(null)" : config_path;
   ++g_state.init_calls;
   ++g_state.live_handles;
-  std::fprintf(stderr, "INFO: fake toolkit starting\n");
   return new fake_toolkit::Handle;
 }
 
@@ -110,7 +108,6 @@ int Tovad_toolkit_reset(void* handle, bool full) {
 int Tovad_toolkit_destory(void* handle) {
   delete H(handle);
   --g_state.live_handles;
-  std::fprintf(stderr, "INFO: fake toolkit stopped\n");
   return 0;
 }
 
