@@ -5,31 +5,29 @@
 // conf file) is listed beside it.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <functional>
 #include <string>
 
+#include "toolkit_harness.h"
 #include "tovadmod/c_predict_api.h"
-#include "tovadmod/tovad_api.h"
 
 namespace {
 
-const std::string kData = TOVAD_TEST_DATA_DIR "/toolkit/";
+using toolkit_harness::kToolkitData;
 
-std::string WriteConf(const std::string& name, const std::string& meanvar,
-                      const std::string& json) {
-  const std::string path = testing::TempDir() + name + "_" + std::to_string(getpid()) + ".conf";
-  FILE* fp = fopen(path.c_str(), "w");
-  fprintf(fp,
-          "path_to_json=%s\npath_to_param=%stone_model.params\npath_to_meanvar=%s\n"
-          "feature_type=pcen\nn_batch=1\nn_chan=3\nn_height=5\nn_width=40\nn_classes=2\n"
-          "target_class=1\nwakeup_threshold=0.5\nsil_to_voice_hangover=5\nvoice_to_sil_hangover=30\n"
-          "extra_leading_sil=10\ncutoff_n_frame_max_vad_length=0\n",
-          json.c_str(), kData.c_str(), meanvar.c_str());
-  fclose(fp);
-  return path;
+// The tone model's conf with one path replaced.
+std::string WriteConf(const std::string& name, const std::string& key = "",
+                      const std::string& path = "") {
+  std::string conf = toolkit_harness::ToneConf(kToolkitData);
+  if (!key.empty()) {
+    const size_t at = conf.find(key + "=") + key.size() + 1;
+    conf.replace(at, conf.find('\n', at) - at, path);
+  }
+  const std::string file = testing::TempDir() + name + "_" + std::to_string(getpid()) + ".conf";
+  std::ofstream(file) << conf;
+  return file;
 }
 
 // Written once by the parent process; death tests fork and see them.
@@ -44,9 +42,9 @@ struct Aborting {
 class BadArgumentAborts : public testing::TestWithParam<Aborting> {
  public:
   static void SetUpTestSuite() {
-    g_good = WriteConf("good", kData + "tone_meanvar.txt", kData + "tone_model.json");
-    g_no_meanvar = WriteConf("nomv", "/nonexistent/mv", kData + "tone_model.json");
-    g_no_symbol = WriteConf("nojs", kData + "tone_meanvar.txt", "/nonexistent/j.json");
+    g_good = WriteConf("good");
+    g_no_meanvar = WriteConf("nomv", "path_to_meanvar", "/nonexistent/mv");
+    g_no_symbol = WriteConf("nojs", "path_to_json", "/nonexistent/j.json");
   }
   static void TearDownTestSuite() {
     for (const std::string* path : {&g_good, &g_no_meanvar, &g_no_symbol}) remove(path->c_str());
@@ -116,7 +114,7 @@ INSTANTIATE_TEST_SUITE_P(Cases, BadArgumentAborts, testing::ValuesIn(kAborting),
 // Arguments the interface defines a result for: the call returns it and
 // the handle keeps working.
 TEST(BadArguments, DefinedResults) {
-  const std::string conf = WriteConf("defined", kData + "tone_meanvar.txt", kData + "tone_model.json");
+  const std::string conf = WriteConf("defined");
   void* vad = Tovad_toolkit_init(conf.c_str(), nullptr);
   int start = -7, end = -7;
   EXPECT_EQ(Tovad_toolkit_predict(vad, -160, nullptr, nullptr, nullptr), 0);

@@ -3,31 +3,18 @@
 // with feature_type "vad" through the exported interface.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cmath>
-#include <fstream>
-#include <iterator>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "src/tovad_feature_extractor.h"
-#include "tovadmod/tovad_api.h"
+#include "toolkit_harness.h"
 
 namespace {
 
 using Tovad_toolkit::Tovad_feature_extractor;
-
-template <typename T>
-std::vector<T> ReadAll(const std::string& path, size_t skip_bytes = 0) {
-  std::ifstream in(path, std::ios::binary);
-  std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  std::vector<T> v((bytes.size() - std::min(skip_bytes, bytes.size())) / sizeof(T));
-  std::copy_n(bytes.data() + skip_bytes, v.size() * sizeof(T), reinterpret_cast<char*>(v.data()));
-  return v;
-}
+using namespace toolkit_harness;
 
 class CompositeFeaturesTest : public testing::Test {
  protected:
@@ -101,23 +88,16 @@ TEST_F(CompositeFeaturesTest, HandlePositionsDoNotDependOnTheBlockSize) {
          "extra_leading_sil=10\ncutoff_n_frame_max_vad_length=0\n";
   const std::vector<short> pcm =
       ReadAll<short>(TOVAD_SOURCE_DIR "/tests/data/tovad_sample.wav", 44);  // past the header
-  std::vector<std::pair<int, int>> results;
-  for (int block : {160, 1, 16000}) {
-    testing::internal::CaptureStderr();
-    void* h = Tovad_toolkit_init("vad.conf", dir_.c_str());
-    testing::internal::GetCapturedStderr();
-    int start = -1, end = -1;
-    for (size_t at = 0; at < pcm.size(); at += block) {
-      const int n = static_cast<int>(std::min<size_t>(block, pcm.size() - at));
-      Tovad_toolkit_predict(h, n, pcm.data() + at, &start, &end);
-    }
+  std::vector<Segment> results;
+  for (size_t block : {160, 1, 16000}) {
+    void* h = QuietInit("vad.conf", dir_.c_str());
+    results.push_back(RunPerFrame(h, pcm, block).back());
     Tovad_toolkit_destory(h);
-    results.emplace_back(start, end);
   }
   // The first sentence is spoken from 0.81 s to 3.29 s; the end comes
   // after 30 frames of closing hangover and the median delay.
-  EXPECT_TRUE(results[0].first >= 60 && results[0].first <= 85) << results[0].first;
-  EXPECT_TRUE(results[0].second >= 330 && results[0].second <= 400) << results[0].second;
+  EXPECT_TRUE(results[0].start >= 60 && results[0].start <= 85) << results[0].start;
+  EXPECT_TRUE(results[0].end >= 330 && results[0].end <= 400) << results[0].end;
   EXPECT_EQ(results[1], results[0]);
   EXPECT_EQ(results[2], results[0]);
 }

@@ -2,54 +2,23 @@
 // tests/data/toolkit/gen_toolkit_model.py has scored synthesised bursts.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "tovadmod/tovad_api.h"
+#include "toolkit_harness.h"
 
 namespace {
 
-constexpr int kFrame = 160, kFrames = 480;
+using namespace toolkit_harness;
 
-// Uniform noise of +-32; over frames 100-180 and 280-330 a harmonic tone
-// with a syllable-rate envelope, which the adaptive features keep seeing.
-std::vector<short> MakeAudio() {
-  std::vector<short> pcm(static_cast<size_t>(kFrames) * kFrame);
-  uint32_t state = 7;
-  for (size_t i = 0; i < pcm.size(); ++i) {
-    state = state * 1664525u + 1013904223u;
-    const size_t f = i / kFrame;
-    const double w = 2 * M_PI * 180.0 * i / 16000.0, env = 0.6 + 0.4 * std::sin(w / 45.0);
-    const bool tone = (f >= 100 && f < 180) || (f >= 280 && f < 330);
-    pcm[i] = static_cast<short>(static_cast<int>(state >> 26) - 32 +
-                                (tone ? 3000.0 * env * (std::sin(w) + 0.6 * std::sin(2 * w)) : 0));
-  }
-  return pcm;
+// Logs other than the standard streams carry the creating thread's id.
+std::string LogPath(const ModelFolder& f, const std::string& name) {
+  return f.dir + "/" + name + "-" + std::to_string(getpid());
 }
-
-// A per-process folder with the model, removed afterwards.
-struct Folder {
-  explicit Folder(const std::string& name)
-      : dir(testing::TempDir() + "/debuger_" + std::to_string(getpid()) + "_" + name) {
-    const std::string copy = "cp " + std::string(TOVAD_TEST_DATA_DIR) + "/toolkit/tone_* ";
-    EXPECT_EQ(system(("rm -rf " + dir + " && mkdir -p " + dir + "/seg && " + copy + dir).c_str()),
-              0);
-  }
-  ~Folder() { EXPECT_EQ(system(("rm -rf " + dir).c_str()), 0); }
-  // Logs other than the standard streams carry the creating thread's id.
-  std::string log(const std::string& name) const {
-    return dir + "/" + name + "-" + std::to_string(getpid());
-  }
-  std::string dir;
-};
 
 // One flush of the recorder: its frames and the segment reported in them.
 struct Flush {
@@ -59,22 +28,15 @@ struct Flush {
 
 // The caller's loop (reset after each end) with `keys` added to the conf;
 // returns the flushes, the last one made by destroy.
-std::vector<Flush> RunHandle(const Folder& f, const std::string& keys,
+std::vector<Flush> RunHandle(const ModelFolder& f, const std::string& keys,
                              const std::vector<short>& pcm) {
-  std::ofstream(f.dir + "/vad.conf")
-      << "path_to_json=tone_model.json\npath_to_param=tone_model.params\n"
-         "path_to_meanvar=tone_meanvar.txt\nfeature_type=pcen\nn_batch=1\nn_chan=3\n"
-         "n_height=5\nn_width=40\nn_classes=2\ntarget_class=1\nwakeup_threshold=0.5\n"
-         "sil_to_voice_hangover=5\nvoice_to_sil_hangover=30\nextra_leading_sil=10\n"
-         "cutoff_n_frame_max_vad_length=0\nrt_log_path="
-      << f.dir << "/rt.log\nsoftmax_log_path=" << f.dir << "/softmax.log\ndump_file_path=" << f.dir
-      << "/dump\nsave_vad_segment_dir=" << f.dir << "/seg\n"
-      << keys;
-  testing::internal::CaptureStderr();
-  void* h = Tovad_toolkit_init("vad.conf", f.dir.c_str());
-  testing::internal::GetCapturedStderr();
+  std::ofstream(f.dir + "/vad.conf", std::ios::app)
+      << "rt_log_path=" << f.dir << "/rt.log\nsoftmax_log_path=" << f.dir
+      << "/softmax.log\ndump_file_path=" << f.dir << "/dump\nsave_vad_segment_dir=" << f.dir
+      << "/seg\n" << keys;
+  void* h = QuietInit("vad.conf", f.dir.c_str());
   std::vector<Flush> flushes(1, Flush{0, 0});
-  for (int at = 0; at < kFrames; ++at) {
+  for (int at = 0; at < kBurstFrames; ++at) {
     Flush& cur = flushes.back();
     Tovad_toolkit_predict(h, kFrame, pcm.data() + at * kFrame, &cur.start, &cur.end);
     cur.frames += 1;
@@ -96,16 +58,9 @@ std::vector<std::string> Lines(const std::string& path, const std::string& havin
   return out;
 }
 
-std::vector<int16_t> ReadRaw(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  const std::string b((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  const int16_t* v = reinterpret_cast<const int16_t*>(b.data());
-  return std::vector<int16_t>(v, v + b.size() / 2);
-}
-
 TEST(DebugerTest, RecordsWhatTheHandleSawAndDecided) {
-  const std::vector<short> pcm = MakeAudio();
-  Folder f("on");
+  const std::vector<short> pcm = TwoBursts();
+  ModelFolder f("on");
   const std::vector<Flush> flushes = RunHandle(
       f,
       "use_debug_function=1\nrt_rate_calculation_interval=50\nextra_vad_segment_prefix=20\n"
@@ -116,7 +71,7 @@ TEST(DebugerTest, RecordsWhatTheHandleSawAndDecided) {
 
   // Track 1: the input plus the noise table shifted down by 3, the same
   // pattern in every frame.
-  const std::vector<int16_t> dump = ReadRaw(f.log("dump"));
+  const std::vector<int16_t> dump = ReadAll<int16_t>(LogPath(f, "dump"));
   ASSERT_EQ(dump.size(), 3u * pcm.size());
   const int table[] = {-18, -18, 0, 34, 51, 60, 25, 43};
   for (int j = 0; j < 8; ++j) EXPECT_EQ(dump[3 * j] - pcm[j], table[j] >> 3) << "sample " << j;
@@ -129,10 +84,10 @@ TEST(DebugerTest, RecordsWhatTheHandleSawAndDecided) {
 
   // Track 2: the median of 7 of the logged class 1 posteriors (the window
   // starts as zeros and runs on across the cheap resets).
-  const std::vector<std::string> softmax = Lines(f.log("softmax.log"), "all priors:");
-  ASSERT_EQ(softmax.size(), static_cast<size_t>(kFrames));
+  const std::vector<std::string> softmax = Lines(LogPath(f, "softmax.log"), "all priors:");
+  ASSERT_EQ(softmax.size(), static_cast<size_t>(kBurstFrames));
   std::vector<float> window(7, 0.0f);
-  for (int t = 0; t < kFrames; ++t) {
+  for (int t = 0; t < kBurstFrames; ++t) {
     float p0, p1;
     std::istringstream(softmax[t].substr(softmax[t].find("priors:") + 7)) >> p0 >> p1;
     EXPECT_NE(softmax[t].find(p1 > p0 ? "class is: 1" : "class is: 0"), std::string::npos);
@@ -160,15 +115,15 @@ TEST(DebugerTest, RecordsWhatTheHandleSawAndDecided) {
       want.insert(want.end(), seen.begin() + next.offset * kFrame,
                   seen.begin() + (next.offset + std::min(15, next.start)) * kFrame);
     }
-    EXPECT_EQ(ReadRaw(f.dir + "/seg/" + std::to_string(k) + ".pcm"), want) << "segment " << k;
+    EXPECT_EQ(ReadAll<int16_t>(f.dir + "/seg/" + std::to_string(k) + ".pcm"), want) << "segment " << k;
   }
   EXPECT_FALSE(std::ifstream(f.dir + "/seg/2.pcm").good());
 
   // A report every 50 frames, none left for destroy; resets are marked.
-  EXPECT_EQ(Lines(f.log("rt.log"), "RT of last 50 frames: compute feats = ").size(), 9u);
-  EXPECT_EQ(Lines(f.log("rt.log"), "realtime cost of last 50 frames").size(), 9u);
-  EXPECT_EQ(Lines(f.log("rt.log"), "]: RESET").size(), 2u);
-  EXPECT_EQ(Lines(f.log("softmax.log"), "]: RESET").size(), 2u);
+  EXPECT_EQ(Lines(LogPath(f, "rt.log"), "RT of last 50 frames: compute feats = ").size(), 9u);
+  EXPECT_EQ(Lines(LogPath(f, "rt.log"), "realtime cost of last 50 frames").size(), 9u);
+  EXPECT_EQ(Lines(LogPath(f, "rt.log"), "]: RESET").size(), 2u);
+  EXPECT_EQ(Lines(LogPath(f, "softmax.log"), "]: RESET").size(), 2u);
 
   // Off (anything but exactly 1) the recorder leaves no trace; on, with
   // paths that can't be opened, it is silent.  Decisions never change.
@@ -176,7 +131,7 @@ TEST(DebugerTest, RecordsWhatTheHandleSawAndDecided) {
        {"use_debug_function=0\n", "use_debug_function=2\n",
         "use_debug_function=1\ndump_file_type=text\nrt_log_path=/no/r\n"
         "softmax_log_path=/no/s\ndump_file_path=/no/d\nsave_vad_segment_dir=/no\n"}) {
-    Folder other("off");
+    ModelFolder other("off");
     EXPECT_TRUE(RunHandle(other, keys, pcm) == flushes) << keys;
     const std::string ls =
         "ls " + other.dir + " " + other.dir + "/seg | grep -e log -e dump -e pcm";

@@ -3,34 +3,24 @@
 // fails the run.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tests/synth/voiced_audio.h"
+#include "toolkit_harness.h"
 #include "tovadmod/c_predict_api.h"
-#include "tovadmod/tovad_api.h"
 
 namespace {
 
-const std::string kData = TOVAD_TEST_DATA_DIR "/toolkit/";
+using namespace toolkit_harness;
+
 constexpr int kThreads = 8;
 constexpr int kSignals = 3;  // threads i and i + 3 share a signal
 constexpr int kSeconds = 20;
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
 
 // Start the threads together, so their work overlaps.
 class Gate {
@@ -44,38 +34,12 @@ class Gate {
   std::atomic<int> waiting_{0};
 };
 
-struct Segment {
-  int start, end;
-  bool operator==(const Segment& o) const { return start == o.start && end == o.end; }
-};
-
-// Every closed segment, in blocks of an odd size so that frames straddle
-// calls; the handle is reset after each.
-std::vector<Segment> Segments(void* vad, const std::vector<int16_t>& pcm) {
-  std::vector<Segment> out;
-  int start = -1, end = -1;
-  constexpr size_t kBlock = 373;
-  for (size_t i = 0; i < pcm.size(); i += kBlock) {
-    const int n = static_cast<int>(std::min(kBlock, pcm.size() - i));
-    Tovad_toolkit_predict(vad, n, pcm.data() + i, &start, &end);
-    if (end >= 0) {
-      out.push_back({start, end});
-      Tovad_toolkit_reset(vad, false);
-      start = end = -1;
-    }
-  }
-  return out;
-}
+// Blocks of an odd size, so that frames straddle calls.
+constexpr size_t kBlock = 373;
 
 TEST(Threads, HandlesOnEightThreadsGiveTheSingleHandlePositions) {
   const std::string conf = testing::TempDir() + "threads_" + std::to_string(getpid()) + ".conf";
-  std::ofstream(conf) << "path_to_json=" << kData << "tone_model.json\npath_to_param=" << kData
-                      << "tone_model.params\npath_to_meanvar=" << kData
-                      << "tone_meanvar.txt\nfeature_type=pcen\n"
-                         "n_batch=1\nn_chan=3\nn_height=5\nn_width=40\nn_classes=2\n"
-                         "target_class=1\nwakeup_threshold=0.5\nsil_to_voice_hangover=5\n"
-                         "voice_to_sil_hangover=30\nextra_leading_sil=10\n"
-                         "cutoff_n_frame_max_vad_length=0\n";
+  std::ofstream(conf) << ToneConf(kToolkitData);
   std::vector<std::vector<int16_t>> signals(kSignals,
                                             std::vector<int16_t>(kSeconds * 16000));
   std::vector<std::vector<Segment>> expected(kSignals);
@@ -83,7 +47,7 @@ TEST(Threads, HandlesOnEightThreadsGiveTheSingleHandlePositions) {
   for (int s = 0; s < kSignals; ++s) {
     tovad_synth::VoicedAudio(s + 1).Fill(signals[s].data(), signals[s].size());
     void* vad = Tovad_toolkit_init(conf.c_str(), nullptr);
-    expected[s] = Segments(vad, signals[s]);
+    expected[s] = Segments(vad, signals[s], kBlock);
     Tovad_toolkit_destory(vad);
     ASSERT_GE(expected[s].size(), 2u) << "signal " << s << " should hold several segments";
   }
@@ -95,7 +59,7 @@ TEST(Threads, HandlesOnEightThreadsGiveTheSingleHandlePositions) {
     threads.emplace_back([&, t] {
       gate.Arrive();
       void* vad = Tovad_toolkit_init(conf.c_str(), nullptr);
-      got[t] = Segments(vad, signals[t % kSignals]);
+      got[t] = Segments(vad, signals[t % kSignals], kBlock);
       Tovad_toolkit_destory(vad);
     });
   }
@@ -108,8 +72,9 @@ TEST(Threads, HandlesOnEightThreadsGiveTheSingleHandlePositions) {
 }
 
 TEST(Threads, PredictorsCreatedAndFreedConcurrently) {
-  const std::string json = ReadFile(kData + "tone_model.json");
-  const std::string params = ReadFile(kData + "tone_model.params");
+  const std::vector<char> json_text = ReadAll<char>(kToolkitData + "tone_model.json");
+  const std::string json(json_text.begin(), json_text.end());
+  const std::vector<char> params = ReadAll<char>(kToolkitData + "tone_model.params");
   const char* keys[] = {"data"};
   const uint32_t indptr[] = {0, 4};
   const uint32_t shape[] = {1, 5, 3, 40};
