@@ -71,6 +71,11 @@ class PcenProbe : public MelTables<PcenFeatureExtractor> {
   }
 };
 
+std::unique_ptr<FeatureExtractor> Make(bool pcen, int32_t banks, const float* mv) {
+  if (pcen) return std::make_unique<PcenProbe>(banks, mv);
+  return std::make_unique<FbankProbe>(banks, 2, mv);
+}
+
 TEST(MelFeaturesDeathTest, DimensionIsCheckedBeforeDeltaOrder) {
   const std::vector<float> mv = IdentityMeanvar(1000);
   const std::string kDim = "^错误: fbank的特征维度只能为40或者80, 输入的维度为";
@@ -86,8 +91,10 @@ TEST(MelFeaturesDeathTest, DimensionIsCheckedBeforeDeltaOrder) {
 // Triangles on the mel scale 1127 ln(1 + f/700) over 0 .. 8000 Hz, bank b
 // spanning (b, b + 2) spacings, over the bins 0 .. 255 strictly inside;
 // no bin lies within 2e-5 (relative) of an edge, so a double computation
-// gives the same bins.  Both extractors share the tables.
-TEST(MelBankTest, TrianglesOverTheBins) {
+// gives the same bins.  Both extractors share the tables.  The Hamming
+// window is in double precision for PCEN and in single for fbank (its
+// float argument i * 6.2831855f / 399 is off by a few eps times 2 pi).
+TEST(MelBankTest, TrianglesOverTheBinsAndWindows) {
   for (int32_t banks : {40, 80}) {
     const std::vector<float> mv = IdentityMeanvar(3 * banks);
     auto pcen = std::make_unique<PcenProbe>(banks, mv.data());
@@ -111,89 +118,83 @@ TEST(MelBankTest, TrianglesOverTheBins) {
       ASSERT_EQ(got, fbank->weights(b));
       for (size_t j = 0; j < got.size(); ++j) ASSERT_NEAR(got[j], want[j], 1e-5) << b << " " << j;
     }
+    int differ = 0;
+    for (int i = 0; i < 400; ++i) {
+      const double exact = 0.54 - 0.46 * std::cos(2 * M_PI * i / 399);
+      ASSERT_EQ(pcen->window()[i], static_cast<float>(exact)) << i;
+      ASSERT_NEAR(fbank->window()[i], exact, 1e-6) << i;
+      differ += fbank->window()[i] != pcen->window()[i];
+    }
+    EXPECT_GT(differ, 0);
   }
 }
 
-TEST(MelWindowTest, FbankInSinglePcenInDoublePrecision) {
-  const std::vector<float> mv = IdentityMeanvar(120);
-  auto pcen = std::make_unique<PcenProbe>(40, mv.data());
-  auto fbank = std::make_unique<FbankProbe>(40, 2, mv.data());
-  int differ = 0;
-  for (int i = 0; i < 400; ++i) {
-    const double exact = 0.54 - 0.46 * std::cos(2 * M_PI * i / 399);
-    ASSERT_EQ(pcen->window()[i], static_cast<float>(exact)) << i;
-    // The float argument i * 6.2831855f / 399 is off by up to a few eps
-    // times 2*pi, so the window is off by a few 1e-7.
-    ASSERT_NEAR(fbank->window()[i], exact, 1e-6) << i;
-    differ += fbank->window()[i] != pcen->window()[i];
-  }
-  EXPECT_GT(differ, 0);
-}
-
-TEST(FbankTest, FirstOutputAtCallTwiceOrderPlusThree) {
+// The first output comes at call 2 x order + 3.  Of order 0 the output of
+// call t is the log mel energy of stream samples (t-3)*160 .. +399,
+// unscaled, Hamming-windowed: checked against a double DFT over the
+// extractor's own bank.
+TEST(FbankTest, LogMelOfTheOldestFourHundredSamples) {
+  const std::vector<int16_t> pcm = RandomPcm(160 * 12, 5, 3000.0f);
   for (int32_t order : {0, 1, 2}) {
     const int32_t dim = 40 * (order + 1);
     const std::vector<float> mv = IdentityMeanvar(dim);
     auto fbank = std::make_unique<FbankProbe>(40, order, mv.data());
     EXPECT_EQ(fbank->feature_dim(), dim);
-    const std::vector<int16_t> pcm = RandomPcm(160 * 12, 3, 2000.0f);
     for (int32_t call = 1; call <= 12; ++call) {
       std::vector<float> feats(dim, std::nanf(""));
       fbank->getFeats(pcm.data() + 160 * (call - 1), feats.data());
       for (int32_t i = 0; i < dim; ++i) {
         ASSERT_EQ(std::isnan(feats[i]), call < 2 * order + 3) << order << " " << call << " " << i;
       }
-    }
-  }
-}
-
-TEST(FbankTest, LogMelOfTheOldestFourHundredSamples) {
-  // Order 0: the output of call t is the log mel energy of stream samples
-  // (t-3)*160 .. (t-3)*160 + 399, unscaled, Hamming-windowed.  Checked
-  // against a double-precision DFT over the extractor's own bank.
-  const std::vector<float> mv = IdentityMeanvar(40);
-  auto fbank = std::make_unique<FbankProbe>(40, 0, mv.data());
-  const std::vector<int16_t> pcm = RandomPcm(160 * 8, 5, 3000.0f);
-  std::vector<float> feats(40);
-  for (int32_t call = 1; call <= 8; ++call) {
-    fbank->getFeats(pcm.data() + 160 * (call - 1), feats.data());
-    if (call < 3) continue;
-    std::vector<double> power(256);
-    for (int k = 0; k < 256; ++k) {
-      std::complex<double> sum = 0;
-      for (int t = 0; t < 400; ++t) {
-        const double w = 0.54 - 0.46 * std::cos(2 * M_PI * t / 399);
-        sum += pcm[(call - 3) * 160 + t] * w * std::polar(1.0, -2.0 * M_PI * ((k * t) % 512) / 512);
+      if (order > 0 || call < 3 || call > 8) continue;
+      std::vector<double> power(256);
+      for (int k = 0; k < 256; ++k) {
+        std::complex<double> sum = 0;
+        for (int t = 0; t < 400; ++t) {
+          const double w = 0.54 - 0.46 * std::cos(2 * M_PI * t / 399);
+          sum += pcm[(call - 3) * 160 + t] * w * std::polar(1.0, -2.0 * M_PI * ((k * t) % 512) / 512);
+        }
+        power[k] = std::norm(sum);
       }
-      power[k] = std::norm(sum);
-    }
-    for (int32_t b = 0; b < 40; ++b) {
-      const std::vector<float> w = fbank->weights(b);
-      double mel = 0;
-      for (size_t j = 0; j < w.size(); ++j) mel += w[j] * power[fbank->offsets()[b] + j];
-      // Noise at this level fills every bank; float rounding of the frame
-      // and the FFT stays far below 1e-4 in the log.
-      ASSERT_NEAR(feats[b], std::log(mel), 1e-4) << "call " << call << ", bank " << b;
+      for (int32_t b = 0; b < 40; ++b) {
+        const std::vector<float> w = fbank->weights(b);
+        double mel = 0;
+        for (size_t j = 0; j < w.size(); ++j) mel += w[j] * power[fbank->offsets()[b] + j];
+        // Noise at this level fills every bank; float rounding of the frame
+        // and the FFT stays far below 1e-4 in the log.
+        ASSERT_NEAR(feats[b], std::log(mel), 1e-4) << "call " << call << ", bank " << b;
+      }
     }
   }
 }
 
-TEST(FbankTest, SilenceGivesTheFloorAndSteadySoundZeroDeltas) {
-  const std::vector<float> mv = IdentityMeanvar(120);
+// Steady sound gives zero deltas (the scales of orders 1 and 2 sum to 0,
+// up to their float rounding); silence gives the floor: log(eps) for
+// fbank, the compression of eps for PCEN.
+TEST(MelFeaturesTest, SilenceGivesTheFloorAndSteadySoundZeroDeltas) {
   std::vector<int16_t> tone(160);
   for (int t = 0; t < 160; ++t) tone[t] = static_cast<int16_t>(6000 * std::sin(2 * M_PI * t / 16));
-  for (bool silent : {true, false}) {
-    auto fbank = std::make_unique<FbankProbe>(40, 2, mv.data());
-    const std::vector<int16_t> frame = silent ? std::vector<int16_t>(160, 0) : tone;
-    std::vector<float> feats(120);
-    for (int call = 0; call < 12; ++call) fbank->getFeats(frame.data(), feats.data());
-    for (int k = 0; k < 40; ++k) {
-      if (silent) {
-        EXPECT_EQ(feats[k], std::log(kEps)) << k;  // about -15.94
+  const double pcen_floor = std::sqrt(kEps / std::pow(kEps + 1e-6, 0.98) + 2) - std::sqrt(2.0);
+  const struct {
+    bool pcen, silent;
+    int32_t banks;
+    double floor;
+  } cases[] = {{false, true, 40, std::log(kEps)},
+               {false, false, 40, NAN},
+               {true, true, 40, pcen_floor},
+               {true, true, 80, pcen_floor}};
+  for (const auto& c : cases) {
+    const std::vector<float> mv = IdentityMeanvar(3 * c.banks);
+    auto ex = Make(c.pcen, c.banks, mv.data());
+    const std::vector<int16_t> frame = c.silent ? std::vector<int16_t>(160, 0) : tone;
+    std::vector<float> feats(3 * c.banks);
+    for (int call = 0; call < 12; ++call) ex->getFeats(frame.data(), feats.data());
+    for (int k = 0; k < c.banks; ++k) {
+      if (c.silent) {
+        ASSERT_NEAR(feats[k], c.floor, 1e-5) << c.pcen << " " << k;
       }
-      // The scales of orders 1 and 2 sum to 0 (up to their float rounding).
-      EXPECT_NEAR(feats[40 + k], 0.0f, 1e-4f) << k;
-      EXPECT_NEAR(feats[80 + k], 0.0f, 1e-4f) << k;
+      ASSERT_NEAR(feats[c.banks + k], 0.0f, 1e-4f) << c.pcen << " " << k;
+      ASSERT_NEAR(feats[2 * c.banks + k], 0.0f, 1e-4f) << c.pcen << " " << k;
     }
   }
 }
@@ -250,23 +251,6 @@ TEST(PcenTest, WarmupRewritesTheCallersBufferThenWritesFeatures) {
   }
 }
 
-TEST(PcenTest, SilenceGivesTheFlooredCompressionAndZeroDeltas) {
-  for (int32_t banks : {40, 80}) {
-    const std::vector<float> mv = IdentityMeanvar(3 * banks);
-    auto pcen = std::make_unique<PcenProbe>(banks, mv.data());
-    const std::vector<int16_t> silence(160, 0);
-    std::vector<float> feats(3 * banks);
-    for (int call = 0; call < 12; ++call) pcen->getFeats(silence.data(), feats.data());
-    const double expected =
-        std::sqrt(kEps / std::pow(kEps + 1e-6, 0.98) + 2) - std::sqrt(2.0);  // about 0.037
-    for (int k = 0; k < banks; ++k) {
-      ASSERT_NEAR(feats[k], expected, 1e-5) << k;
-      ASSERT_NEAR(feats[banks + k], 0.0f, 1e-6f) << k;
-      ASSERT_NEAR(feats[2 * banks + k], 0.0f, 1e-6f) << k;
-    }
-  }
-}
-
 // A loud burst lifts the smoother far above 1e9 per bank; quiet noise keeps
 // the mel energies far below 1.5e7.
 const float kLoud = 15000.0f;
@@ -314,27 +298,18 @@ TEST(MelFeaturesTest, ResetGivesTheFeaturesOfAFreshObject) {
   const std::vector<float> mv = IdentityMeanvar(120);
   const std::vector<int16_t> history = RandomPcm(160 * 30, 61, 8000.0f);
   const std::vector<int16_t> pcm = RandomPcm(160 * 15, 67, 3000.0f);
-
-  auto pcen = std::make_unique<PcenProbe>(40, mv.data());
-  auto fbank = std::make_unique<FbankProbe>(40, 2, mv.data());
-  std::vector<float> scratch(120);
-  for (int f = 0; f < 30; ++f) {
-    pcen->getFeats(history.data() + 160 * f, scratch.data());
-    fbank->getFeats(history.data() + 160 * f, scratch.data());
-  }
-  pcen->reset();
-  fbank->reset();
-  auto fresh_pcen = std::make_unique<PcenProbe>(40, mv.data());
-  auto fresh_fbank = std::make_unique<FbankProbe>(40, 2, mv.data());
-  for (int f = 0; f < 15; ++f) {
-    std::vector<float> a(120, 0.0f), b(120, 0.0f), c(120, 0.0f), d(120, 0.0f);
-    pcen->getFeats(pcm.data() + 160 * f, a.data());
-    fresh_pcen->getFeats(pcm.data() + 160 * f, b.data());
-    fbank->getFeats(pcm.data() + 160 * f, c.data());
-    fresh_fbank->getFeats(pcm.data() + 160 * f, d.data());
-    ASSERT_EQ(a, b) << "PCEN, frame " << f;
-    ASSERT_EQ(c, d) << "fbank, frame " << f;
-    ASSERT_EQ(pcen->get_energy_of_current_frame(), fresh_pcen->get_energy_of_current_frame());
+  for (bool pcen : {true, false}) {
+    auto used = Make(pcen, 40, mv.data()), fresh = Make(pcen, 40, mv.data());
+    std::vector<float> scratch(120);
+    for (int f = 0; f < 30; ++f) used->getFeats(history.data() + 160 * f, scratch.data());
+    used->reset();
+    for (int f = 0; f < 15; ++f) {
+      std::vector<float> a(120, 0.0f), b(120, 0.0f);
+      used->getFeats(pcm.data() + 160 * f, a.data());
+      fresh->getFeats(pcm.data() + 160 * f, b.data());
+      ASSERT_EQ(a, b) << (pcen ? "PCEN" : "fbank") << ", frame " << f;
+      ASSERT_EQ(used->get_energy_of_current_frame(), fresh->get_energy_of_current_frame());
+    }
   }
 }
 
