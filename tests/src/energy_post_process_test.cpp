@@ -72,28 +72,35 @@ TEST(EnergyPostProcessTest, Mode1QuantilesRiseAboveTheFloors) {
   EXPECT_EQ(RunFrames(*stage, 100.0f, 0.9f, 1)[0], 0.9f);
 }
 
+// Mode 2 weighs each batch against its own quantiles (floors 40 and 60).
 TEST(EnergyPostProcessTest, Mode2WindowIsTheBatch) {
-  auto stage = MakeEnergy({{"E_post_process_type", "2"}});
-  // First batch: the median gives 0 x 5, 50 x 5; both quantiles are below
-  // the floors.
-  std::vector<float> energy(10, 50.0f);
-  std::vector<float> vad(10, 0.9f);
-  stage->apply_energy_post_process(10, energy.data(), vad.data());
   const float weighed = Attenuated(0.9f, 50.0f, 40.0f, 60.0f, 0.4f);
-  EXPECT_EQ(vad, (std::vector<float>{0, 0, 0, 0, 0, weighed, weighed, weighed, weighed, weighed}));
-  // Second batch of 100s: the median is full of 50s for 5 frames, then
-  // 100.  Sorted window 5 x 50, 5 x 100: low = max(sorted[4], 40) = 50,
-  // high = max(sorted[8], 60) = 100.
-  std::vector<float> loud(10, 100.0f);
-  vad.assign(10, 0.9f);
-  stage->apply_energy_post_process(10, loud.data(), vad.data());
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(vad[i], 0.0f) << i;
-  for (int i = 5; i < 10; ++i) EXPECT_EQ(vad[i], 0.9f) << i;  // at `high`: ratio 1
-  // Third batch: all 100, so high = low = 100 and nothing passes; no
-  // division by zero either.
-  vad.assign(10, 0.9f);
-  stage->apply_energy_post_process(10, loud.data(), vad.data());
-  EXPECT_EQ(vad, std::vector<float>(10, 0.0f));
+  const struct {
+    float energy;
+    std::vector<float> expected;
+  } batches[] = {
+      // The median gives 0 x 5, 50 x 5: both quantiles below the floors.
+      {50.0f, {0, 0, 0, 0, 0, weighed, weighed, weighed, weighed, weighed}},
+      // The median holds 50 x 5, then 100: low = max(sorted[4], 40) = 50,
+      // high = max(sorted[8], 60) = 100, and 100 at `high` has ratio 1.
+      {100.0f, {0, 0, 0, 0, 0, 0.9f, 0.9f, 0.9f, 0.9f, 0.9f}},
+      // All 100: high = low = 100, nothing passes, no division by zero.
+      {100.0f, std::vector<float>(10, 0.0f)},
+  };
+  auto stage = MakeEnergy({{"E_post_process_type", "2"}});
+  for (const auto& b : batches) {
+    std::vector<float> energy(10, b.energy), vad(10, 0.9f);
+    stage->apply_energy_post_process(10, energy.data(), vad.data());
+    EXPECT_EQ(vad, b.expected) << b.energy;
+  }
+  // The largest batch, half quiet, half loud: low = sorted[1638], a quiet
+  // 20, so the floor 40; high = sorted[3276] = 100.
+  stage = MakeEnergy({{"E_post_process_type", "2"}});
+  std::vector<float> energy(4096, 20.0f), vad(4096, 0.5f);
+  std::fill(energy.begin() + 2048, energy.end(), 100.0f);
+  stage->apply_energy_post_process(4096, energy.data(), vad.data());
+  EXPECT_EQ(vad[100], 0.0f);
+  EXPECT_EQ(vad[4095], 0.5f);
 }
 
 TEST(EnergyPostProcessTest, Mode3StoresAndWeighsOnRequest) {
@@ -101,12 +108,7 @@ TEST(EnergyPostProcessTest, Mode3StoresAndWeighsOnRequest) {
   std::vector<float> out(8, -1.0f);
   stage->get_energy_post_process_result(out.data());  // nothing stored yet
   EXPECT_EQ(out, std::vector<float>(8, -1.0f));
-  std::vector<float> energy(8, 50.0f);
-  std::vector<float> vad(8, 0.9f);
-  for (int i = 0; i < 8; ++i) {
-    stage->apply_energy_post_process(1, &energy[i], &vad[i]);
-  }
-  EXPECT_EQ(vad, std::vector<float>(8, 0.9f));  // left alone
+  EXPECT_EQ(RunFrames(*stage, 50.0f, 0.9f, 8), std::vector<float>(8, 0.9f));  // left alone
   // One frame per call and the window grows by one; the ring place lags
   // one behind, so after 8 calls 7 stored frames are weighed.  (The values
   // themselves are not checked: the growing window is not kept sorted.)
@@ -115,26 +117,13 @@ TEST(EnergyPostProcessTest, Mode3StoresAndWeighsOnRequest) {
   EXPECT_EQ(out[7], -1.0f);
 }
 
-TEST(EnergyPostProcessTest, LargestBatchPasses) {
-  auto stage = MakeEnergy({{"E_post_process_type", "2"}});
-  // Half quiet, half loud: low = sorted[1638], a quiet 20, so the floor 40;
-  // high = sorted[3276] = 100.
-  std::vector<float> energy(4096, 20.0f);
-  std::fill(energy.begin() + 2048, energy.end(), 100.0f);
-  std::vector<float> vad(4096, 0.5f);
-  stage->apply_energy_post_process(4096, energy.data(), vad.data());
-  EXPECT_EQ(vad[100], 0.0f);
-  EXPECT_EQ(vad[4095], 0.5f);
-}
-
 TEST(EnergyPostProcessDeathTest, UnknownModeAndOversizedBatchAbort) {
   const ConfigMap config = {{"E_post_process_type", "4"}};
   EXPECT_DEATH(Energy_post_process bad(config),
                "src/energy_post_process:[0-9]+ ERROR: E_post_process_type should be "
                "0、1、2、3, not 4$");
   auto stage = MakeEnergy({{"E_post_process_type", "1"}});
-  std::vector<float> energy(4097, 0.0f);
-  std::vector<float> vad(4097, 0.0f);
+  std::vector<float> energy(4097, 0.0f), vad(4097, 0.0f);
   EXPECT_DEATH(stage->apply_energy_post_process(4097, energy.data(), vad.data()),
                "src/energy_post_process:[0-9]+ ERROR: energy post process support max n_frame at "
                "4096, your n_frame is 4097$");
