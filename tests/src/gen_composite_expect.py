@@ -1,10 +1,9 @@
 #!/usr/bin/python3
 """Expected vectors of the composite front end by an independent float64
-model: numpy's FFT, a Toeplitz solve for the predictor, plain medians; only
-the log2 and square-root approximations and the warp table are shared.
-Run at test time by composite_features_test.cpp as
-    /usr/bin/python3 tests/src/gen_composite_expect.py OUT_DIR
-which also gets the small model of the handle test (vad_model.*)."""
+model (numpy's FFT, a Toeplitz solve, plain medians; only the log2 and
+square-root approximations and the warp table are shared), and the small
+model of the handle test.  Run by composite_features_test.cpp:
+    /usr/bin/python3 tests/src/gen_composite_expect.py OUT_DIR"""
 import os
 import sys
 import wave
@@ -130,9 +129,9 @@ def main(out_dir):
     }
     meanvar = np.concatenate((rng.normal(0, 2, 48), rng.uniform(0.2, 2, 48))).astype(np.float32)
     meanvar.tofile(os.path.join(out_dir, "meanvar.f32"))
-    cases = [(k, k, 0, 0, 0) for k in sig] + [("speech_mean", "speech", 30, 0, 0),
-                                              ("speech_table", "speech", 30, 1, 0),
-                                              ("speech_reset", "speech", 30, 1, 100)]
+    cases = [(k, k, 0, 0, 0) for k in sig] + [
+        ("speech_mean", "speech", 30, 0, 0), ("speech_table", "speech", 30, 1, 0),
+        ("speech_reset", "speech", 30, 1, 100)]
     with open(os.path.join(out_dir, "cases.txt"), "w") as f:
         for name, key, capacity, table, reset_after in cases:
             pcm = np.round(sig[key]).astype("<i2")
