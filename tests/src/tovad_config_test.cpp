@@ -40,30 +40,19 @@ TEST(LoadConfTest, Grammar) {
       {"just words\n\n\n", {}},
       {"a=1\r\nb\t=2\r\n", {{"a", "1\r"}, {"b\t", "2\r"}}},
       {"", {}},
+      // Without a final newline the EOF byte (0xFF) stays behind the value,
+      // followed by what the line before left in the buffer.
+      {"abc=123\nb=2", {{"abc", "123"}, {"b", "2\xFF" "123"}}},
   };
   for (const auto& c : cases) EXPECT_EQ(LoadText(c.text), c.expected) << c.text;
 }
 
-TEST(LoadConfTest, MissingFinalNewlineKeepsTheEofByte) {
-  // The EOF byte (0xFF) stays behind the value, followed by what the line
-  // before left in the buffer up to its terminator.
-  ConfigMap m = LoadText("abc=123\nb=2");
-  ASSERT_EQ(m.count("b"), 1u);
-  EXPECT_EQ(m["b"], std::string("2\xFF"
-                                "123"));
-  EXPECT_EQ(m["abc"], "123");
-  EXPECT_EQ(config_to_int(m["b"]), 2);
-}
-
 TEST(LoadConfTest, LongLinesSplitAt512Bytes) {
-  const std::string exact = std::string("k=") + std::string(509, 'v') + "\n";
-  ConfigMap m = LoadText(exact);
+  ConfigMap m = LoadText("k=" + std::string(509, 'v') + "\n");
   EXPECT_EQ(m["k"].size(), 509u);
-
-  // 600 bytes: the first 512 form one line without terminator; the rest
-  // starts a new line of its own.
-  const std::string over = std::string("k=") + std::string(510, 'v') + "x=tail\n";
-  m = LoadText(over);
+  // The first 512 bytes form one line without terminator; the rest starts
+  // a new line of its own.
+  m = LoadText("k=" + std::string(510, 'v') + "x=tail\n");
   EXPECT_EQ(m["x"], "tail");
   EXPECT_EQ(m["k"].substr(0, 510), std::string(510, 'v'));
 }
@@ -73,37 +62,34 @@ TEST(ConfigConversionTest, UncheckedConversions) {
   EXPECT_EQ(config_to_int("-7x"), -7);
   EXPECT_EQ(config_to_int("abc"), 0);
   EXPECT_EQ(config_to_int("4294967297"), 1);  // truncated to 32 bits
+  EXPECT_EQ(config_to_int("2\xFF" "123"), 2);
   EXPECT_FLOAT_EQ(config_to_float("0.35"), 0.35f);
   EXPECT_EQ(config_to_float("none"), 0.0f);
 }
 
-TEST(LoadConfWithPrefixTest, PrefixesOnlyModelPathsAndAlwaysAddsASlash) {
+// The prefix goes before the model paths only, always with a slash (also
+// before an absolute path or none); a null or empty prefix adds nothing.
+TEST(LoadConfWithPrefixTest, PrefixesOnlyModelPaths) {
   const std::string dir = testing::TempDir() + "/prefix_case_" + std::to_string(getpid());
   ASSERT_EQ(system(("mkdir -p " + dir).c_str()), 0);
-  std::ofstream(dir + "/vad.conf") << "path_to_json=m.json\npath_to_param=/abs/m.params\n"
-                                      "path_to_meanvar=\nrt_log_path=log.txt\n";
-  for (const std::string& path : {dir, dir + "/"}) {
+  const std::string file = dir + "/vad.conf";
+  std::ofstream(file) << "path_to_json=m.json\npath_to_param=/abs/m.params\n"
+                         "path_to_meanvar=\nrt_log_path=log.txt\n";
+  const std::string slashed = dir + "/";
+  for (const char* path : {dir.c_str(), slashed.c_str(), static_cast<const char*>(nullptr), ""}) {
+    const bool prefixed = path != nullptr && *path != '\0';
     testing::internal::CaptureStderr();
-    ConfigMap m = load_conf_with_prefix("vad.conf", path.c_str());
+    ConfigMap m = load_conf_with_prefix(prefixed ? "vad.conf" : file.c_str(), path);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "INFO: using config_file <vad.conf> and prefix config_path <" + path + ">\n");
-    const std::string prefix = path + "/";
+              prefixed ? "INFO: using config_file <vad.conf> and prefix config_path <" +
+                             std::string(path) + ">\n"
+                       : "INFO: using config_file <" + file + "> and not use prefix config_path\n");
+    const std::string prefix = prefixed ? std::string(path) + "/" : "";
     EXPECT_EQ(m["path_to_json"], prefix + "m.json");
     EXPECT_EQ(m["path_to_param"], prefix + "/abs/m.params");
     EXPECT_EQ(m["path_to_meanvar"], prefix);
     EXPECT_EQ(m["rt_log_path"], "log.txt");
     EXPECT_EQ(m.count("path_to_obm"), 0u);
-  }
-}
-
-TEST(LoadConfWithPrefixTest, NoPrefixForNullOrEmptyPath) {
-  const std::string file = WriteFile("plain.conf", "path_to_json=m.json\n");
-  for (const char* path : {static_cast<const char*>(nullptr), ""}) {
-    testing::internal::CaptureStderr();
-    ConfigMap m = load_conf_with_prefix(file.c_str(), path);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "INFO: using config_file <" + file + "> and not use prefix config_path\n");
-    EXPECT_EQ(m["path_to_json"], "m.json");
   }
 }
 
