@@ -17,14 +17,11 @@ namespace {
 
 using toolkit_harness::kToolkitData;
 
-// The tone model's conf with one path replaced.
-std::string WriteConf(const std::string& name, const std::string& key = "",
-                      const std::string& path = "") {
+// The tone model's conf with the file `from` replaced by `to`.
+std::string WriteConf(const std::string& name, const std::string& from = "",
+                      const std::string& to = "") {
   std::string conf = toolkit_harness::ToneConf(kToolkitData);
-  if (!key.empty()) {
-    const size_t at = conf.find(key + "=") + key.size() + 1;
-    conf.replace(at, conf.find('\n', at) - at, path);
-  }
+  if (!from.empty()) conf.replace(conf.find(from), from.size(), kToolkitData + to);
   const std::string file = testing::TempDir() + name + "_" + std::to_string(getpid()) + ".conf";
   std::ofstream(file) << conf;
   return file;
@@ -43,8 +40,8 @@ class BadArgumentAborts : public testing::TestWithParam<Aborting> {
  public:
   static void SetUpTestSuite() {
     g_good = WriteConf("good");
-    g_no_meanvar = WriteConf("nomv", "path_to_meanvar", "/nonexistent/mv");
-    g_no_symbol = WriteConf("nojs", "path_to_json", "/nonexistent/j.json");
+    g_no_meanvar = WriteConf("nomv", kToolkitData + "tone_meanvar.txt", "none/mv");
+    g_no_symbol = WriteConf("nojs", kToolkitData + "tone_model.json", "none/j.json");
   }
   static void TearDownTestSuite() {
     for (const std::string* path : {&g_good, &g_no_meanvar, &g_no_symbol}) remove(path->c_str());
@@ -144,11 +141,12 @@ TEST(BadArguments, DefinedResults) {
             -1);
   EXPECT_EQ(out, nullptr);
   const std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_NE(err.find("MXPredCreate: null symbol text\n"), std::string::npos) << err;
-  EXPECT_NE(err.find("MXPredCreate: bad parameter block\n"), std::string::npos) << err;
-  EXPECT_NE(err.find("MXPredCreate: null input description\n"), std::string::npos) << err;
-  EXPECT_NE(err.find("MXPredCreate: null handle pointer\n"), std::string::npos) << err;
-  EXPECT_NE(err.find("MXPredCreatePartialOut: null output keys\n"), std::string::npos) << err;
+  for (const char* line : {"MXPredCreate: null symbol text\n", "MXPredCreate: bad parameter block\n",
+                           "MXPredCreate: null input description\n",
+                           "MXPredCreate: null handle pointer\n",
+                           "MXPredCreatePartialOut: null output keys\n"}) {
+    EXPECT_NE(err.find(line), std::string::npos) << line << err;
+  }
   EXPECT_EQ(MXPredFree(nullptr), 0);
 }
 

@@ -33,11 +33,9 @@ std::vector<int> CutPlaces(Force_cutoff& f, std::vector<float> scores) {
   return cuts;
 }
 
-std::vector<float> Steady(float s, int n) { return std::vector<float>(n, s); }
-
-std::vector<float> Concat(std::vector<float> a, const std::vector<float>& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
+std::vector<float> Steady(float s, int n, std::vector<float> after = {}) {
+  after.insert(after.begin(), n, s);
+  return after;
 }
 
 TEST(ForceCutoffTest, CutsWhereExpected) {
@@ -57,14 +55,14 @@ TEST(ForceCutoffTest, CutsWhereExpected) {
       // The window sum keeps the segment's first two scores: with those high
       // and everything after at 0, `recent` never falls, so only the length
       // limit cuts.  A clean moving sum would cut at index 4.
-      {12, 3, 2, "0.5", Concat({10.0f, 10.0f}, Steady(0.0f, 12)), {10}},
+      {12, 3, 2, "0.5", Steady(10.0f, 2, Steady(0.0f, 12)), {10}},
       // The subtraction starts one frame late and takes the third score
       // first: at length 5 the sum is s1+s2+s4+s5 = 2, recent 0.67 below
       // 0.5 * 11 / 5.  Dropping the oldest on time would never cut.
       {1000, 3, 3, "0.5", {0.0f, 0.0f, 9.0f, 1.0f, 1.0f}, {4}},
       // Steady 1.0 gives recent 5/4 = 1.25 against 1.2; the first 0.5
       // brings the sum to 4.5, recent 1.125 against 1.2 * 20.5 / 21.
-      {1000, 8, 4, "1.2", Concat(Steady(1.0f, 20), Steady(0.5f, 5)), {20}},
+      {1000, 8, 4, "1.2", Steady(1.0f, 20, Steady(0.5f, 5)), {20}},
   };
   for (const auto& c : cases) {
     auto f = MakeCutoff(c.max_len, c.min_len, c.judging, c.threshold);
@@ -103,8 +101,7 @@ TEST(ForceCutoffTest, CountRestarts) {
 
 TEST(ForceCutoffDeathTest, MissingKeyAborts) {
   const ConfigMap config = {{"cutoff_n_frame_max_vad_length", "100"},
-                            {"cutoff_n_frame_min_vad_length", "10"},
-                            {"cutoff_n_frame_judging", "10"}};
+                            {"cutoff_n_frame_min_vad_length", "10"}, {"cutoff_n_frame_judging", "10"}};
   EXPECT_DEATH(Force_cutoff f(config),
                "src/force_cutoff:[0-9]+ ERROR: can`t read value of key <cutoff_threshold>\n$");
 }

@@ -84,6 +84,7 @@ struct TimelineCase {
   std::vector<float> scores;
   std::vector<Change> changes;
   float energy = 100.0f;
+  size_t batch = 1;  // frames per call
 };
 
 void PrintTo(const TimelineCase& c, std::ostream* os) { *os << c.name; }
@@ -93,7 +94,8 @@ class PostProcessTimelineTest : public testing::TestWithParam<TimelineCase> {};
 TEST_P(PostProcessTimelineTest, OutputsFrameByFrame) {
   const TimelineCase& c = GetParam();
   auto pp = MakePost(With(BaseConfig(), c.overrides));
-  EXPECT_EQ(Feed(*pp, c.scores, c.energy), Timeline(c.changes, c.scores.size()));
+  EXPECT_EQ(Feed(*pp, c.scores, c.energy, c.batch),
+            Timeline(c.changes, c.scores.size() / c.batch));
 }
 
 const float kSil = 0.1f;
@@ -206,6 +208,14 @@ INSTANTIATE_TEST_SUITE_P(
                       {"cutoff_threshold", "1.2"}},
                      Runs({{kSil, 10}, {0.95f, 20}, {0.6f, 20}}),
                      {{0, -1, -1}, {13, 13, -1}, {34, 13, 32}}},
+        // Two frames per call.  Voice from frame 14 opens at frame 16, the
+        // first of its pair, start 13.  The catch-up would need frames 13..15
+        // but the history holds 14..17, so frame 13 is not counted and the
+        // length is 59 at frame 72, first of its pair.  The end takes the
+        // pair's last frame: 74 - 1 + 1 - 2 = 72, seen one call later.
+        TimelineCase{"ByLengthInPairs", With(kCutAt60, {{"n_batch", "2"}}),
+                     Runs({{kSil, 11}, {kVoice, 89}}), {{0, -1, -1}, {8, 13, -1}, {37, 13, 72}},
+                     0.0f, 2},
         // Below 51 there is no cutoff at all (and its keys aren't needed).
         TimelineCase{"NoneBelow51", {{"cutoff_n_frame_max_vad_length", "50"}},
                      Runs({{kSil, 10}, {kVoice, 200}}), {{0, -1, -1}, {15, 12, -1}}}),
@@ -309,7 +319,6 @@ TEST(PostProcessTest, ScoreMixesTargetClasses) {
 TEST(PostProcessTest, ThresholdSetterActsFromTheNextFrame) {
   auto pp = MakePost(BaseConfig());
   pp->set_wkp_threshold(0.95f);
-  EXPECT_EQ(pp->get_curr_wkp_threshold(), 0.95f);
   EXPECT_EQ(Feed(*pp, Runs({{kVoice, 20}})), Timeline({{0, -1, -1}}, 20));
   pp->set_wkp_threshold(0.85f);
   // The smoothed score is already voice: three frames open.
@@ -353,21 +362,6 @@ TEST(PostProcessTest, BatchOfTwoMatchesSingleFrames) {
       pair->reset(false);
     }
   }
-}
-
-// Two frames per call with a length cut.  Voice from frame 14 opens at frame
-// 16, the first of its pair, start 13.  The catch-up would need frames
-// 13..15 but the history holds 14..17, so frame 13 is not counted and the
-// length is 59 at frame 72, first of its pair.  The end then takes the
-// pair's last frame: 74 - 1 + 1 - 2 = 72, seen one call later.
-TEST(PostProcessTest, BatchOfTwoCutEndsAtTheBatchsLastFrame) {
-  auto pp = MakePost(With(BaseConfig(), {{"n_batch", "2"},
-                                         {"cutoff_n_frame_max_vad_length", "60"},
-                                         {"cutoff_n_frame_min_vad_length", "1000"},
-                                         {"cutoff_n_frame_judging", "10"},
-                                         {"cutoff_threshold", "0.5"}}));
-  EXPECT_EQ(Feed(*pp, Runs({{kSil, 11}, {kVoice, 89}}), 0.0f, 2),
-            Timeline({{0, -1, -1}, {8, 13, -1}, {37, 13, 72}}, 50));
 }
 
 TEST(PostProcessDeathTest, MissingKeysAndBadClassesAbort) {
