@@ -22,17 +22,20 @@ constexpr int kThreads = 8;
 constexpr int kSignals = 3;  // threads i and i + 3 share a signal
 constexpr int kSeconds = 20;
 
-// Start the threads together, so their work overlaps.
-class Gate {
- public:
-  void Arrive() {
-    ++waiting_;
-    while (waiting_.load() < kThreads) std::this_thread::yield();
+// Runs body(t) on kThreads threads started together, so their work overlaps.
+template <typename F>
+void OnThreads(F body) {
+  std::atomic<int> waiting{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      ++waiting;
+      while (waiting.load() < kThreads) std::this_thread::yield();
+      body(t);
+    });
   }
-
- private:
-  std::atomic<int> waiting_{0};
-};
+  for (std::thread& th : threads) th.join();
+}
 
 // Blocks of an odd size, so that frames straddle calls.
 constexpr size_t kBlock = 373;
@@ -40,8 +43,7 @@ constexpr size_t kBlock = 373;
 TEST(Threads, HandlesOnEightThreadsGiveTheSingleHandlePositions) {
   const std::string conf = testing::TempDir() + "threads_" + std::to_string(getpid()) + ".conf";
   std::ofstream(conf) << ToneConf(kToolkitData);
-  std::vector<std::vector<int16_t>> signals(kSignals,
-                                            std::vector<int16_t>(kSeconds * 16000));
+  std::vector<std::vector<int16_t>> signals(kSignals, std::vector<int16_t>(kSeconds * 16000));
   std::vector<std::vector<Segment>> expected(kSignals);
   testing::internal::CaptureStderr();  // start-up reports every key
   for (int s = 0; s < kSignals; ++s) {
@@ -53,17 +55,11 @@ TEST(Threads, HandlesOnEightThreadsGiveTheSingleHandlePositions) {
   }
   // Handles are made on the threads too: start-up runs concurrently.
   std::vector<std::vector<Segment>> got(kThreads);
-  Gate gate;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      gate.Arrive();
-      void* vad = Tovad_toolkit_init(conf.c_str(), nullptr);
-      got[t] = Segments(vad, signals[t % kSignals], kBlock);
-      Tovad_toolkit_destory(vad);
-    });
-  }
-  for (std::thread& th : threads) th.join();
+  OnThreads([&](int t) {
+    void* vad = Tovad_toolkit_init(conf.c_str(), nullptr);
+    got[t] = Segments(vad, signals[t % kSignals], kBlock);
+    Tovad_toolkit_destory(vad);
+  });
   testing::internal::GetCapturedStderr();
   for (int t = 0; t < kThreads; ++t) {
     EXPECT_EQ(got[t], expected[t % kSignals]) << "thread " << t;
@@ -96,19 +92,13 @@ TEST(Threads, PredictorsCreatedAndFreedConcurrently) {
 
   constexpr int kRounds = 40;
   std::vector<int> mismatches(kThreads, 0);
-  Gate gate;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      gate.Arrive();
-      std::vector<float> out;
-      for (int r = 0; r < kRounds; ++r) {
-        run(0.25f * t, &out);
-        if (out != expected[t]) ++mismatches[t];
-      }
-    });
-  }
-  for (std::thread& th : threads) th.join();
+  OnThreads([&](int t) {
+    std::vector<float> out;
+    for (int r = 0; r < kRounds; ++r) {
+      run(0.25f * t, &out);
+      if (out != expected[t]) ++mismatches[t];
+    }
+  });
   for (int t = 0; t < kThreads; ++t) EXPECT_EQ(mismatches[t], 0) << "thread " << t;
 }
 
