@@ -10,17 +10,12 @@
 namespace Tovad_toolkit {
 namespace {
 
-// Writes `text` to a fresh file in the test's temporary directory.
-std::string WriteFile(const std::string& name, const std::string& text) {
-  // Per process: CTest runs the cases of this file in parallel.
-  const std::string path = testing::TempDir() + "/" + std::to_string(getpid()) + "_" + name;
-  std::ofstream(path, std::ios::binary) << text;
-  return path;
-}
-
+// Loads `text` from a per-process file (CTest runs the cases in parallel).
 ConfigMap LoadText(const std::string& text) {
+  const std::string path = testing::TempDir() + "/" + std::to_string(getpid()) + "_case.conf";
+  std::ofstream(path, std::ios::binary) << text;
   testing::internal::CaptureStderr();
-  ConfigMap m = load_conf(WriteFile("conf_case.conf", text).c_str());
+  ConfigMap m = load_conf(path.c_str());
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "load_conf prints nothing";
   return m;
 }
