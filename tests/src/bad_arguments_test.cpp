@@ -89,11 +89,9 @@ const Aborting kAborting[] = {
      "Tovad_toolkit_check_sil_frame called with a null handle"},
     {"SetterNullHandle", [](void*) { TOVAD_toolkit_set_wkp_threshold(nullptr, 0.5f); },
      "TOVAD_toolkit_set_wkp_threshold called with a null handle"},
-    {"MissingMeanvar",
-     [](void*) { Tovad_toolkit_init(g_no_meanvar.c_str(), nullptr); },
+    {"MissingMeanvar", [](void*) { Tovad_toolkit_init(g_no_meanvar.c_str(), nullptr); },
      "src/tovad_predictor:[0-9]+ ERROR: meanvar file not found"},
-    {"MissingSymbolFile",
-     [](void*) { Tovad_toolkit_init(g_no_symbol.c_str(), nullptr); },
+    {"MissingSymbolFile", [](void*) { Tovad_toolkit_init(g_no_symbol.c_str(), nullptr); },
      "# Fatal error in"},
     {"MissingConf", [](void*) { Tovad_toolkit_init("/nonexistent/vad.conf", nullptr); },
      "ERROR: config file at path </nonexistent/vad.conf> not found"},
@@ -141,10 +139,10 @@ TEST(BadArguments, DefinedResults) {
             -1);
   EXPECT_EQ(out, nullptr);
   const std::string err = testing::internal::GetCapturedStderr();
-  for (const char* line : {"MXPredCreate: null symbol text\n", "MXPredCreate: bad parameter block\n",
-                           "MXPredCreate: null input description\n",
-                           "MXPredCreate: null handle pointer\n",
-                           "MXPredCreatePartialOut: null output keys\n"}) {
+  for (const char* line :
+       {"MXPredCreate: null symbol text\n", "MXPredCreate: bad parameter block\n",
+        "MXPredCreate: null input description\n", "MXPredCreate: null handle pointer\n",
+        "MXPredCreatePartialOut: null output keys\n"}) {
     EXPECT_NE(err.find(line), std::string::npos) << line << err;
   }
   EXPECT_EQ(MXPredFree(nullptr), 0);

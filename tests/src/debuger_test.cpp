@@ -33,7 +33,8 @@ std::vector<Flush> RunHandle(const ModelFolder& f, const std::string& keys,
   std::ofstream(f.dir + "/vad.conf", std::ios::app)
       << "rt_log_path=" << f.dir << "/rt.log\nsoftmax_log_path=" << f.dir
       << "/softmax.log\ndump_file_path=" << f.dir << "/dump\nsave_vad_segment_dir=" << f.dir
-      << "/seg\n" << keys;
+      << "/seg\n"
+      << keys;
   void* h = QuietInit("vad.conf", f.dir.c_str());
   std::vector<Flush> flushes(1, Flush{0, 0});
   for (int at = 0; at < kBurstFrames; ++at) {
@@ -115,7 +116,8 @@ TEST(DebugerTest, RecordsWhatTheHandleSawAndDecided) {
       want.insert(want.end(), seen.begin() + next.offset * kFrame,
                   seen.begin() + (next.offset + std::min(15, next.start)) * kFrame);
     }
-    EXPECT_EQ(ReadAll<int16_t>(f.dir + "/seg/" + std::to_string(k) + ".pcm"), want) << "segment " << k;
+    EXPECT_EQ(ReadAll<int16_t>(f.dir + "/seg/" + std::to_string(k) + ".pcm"), want)
+        << "segment " << k;
   }
   EXPECT_FALSE(std::ifstream(f.dir + "/seg/2.pcm").good());
 

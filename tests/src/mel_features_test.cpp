@@ -148,7 +148,8 @@ TEST(FbankTest, LogMelOfTheOldestFourHundredSamples) {
         std::complex<double> sum = 0;
         for (int t = 0; t < 400; ++t) {
           const double w = 0.54 - 0.46 * std::cos(2 * M_PI * t / 399);
-          sum += pcm[(call - 3) * 160 + t] * w * std::polar(1.0, -2.0 * M_PI * ((k * t) % 512) / 512);
+          sum +=
+              pcm[(call - 3) * 160 + t] * w * std::polar(1.0, -2.0 * M_PI * ((k * t) % 512) / 512);
         }
         power[k] = std::norm(sum);
       }

@@ -256,9 +256,10 @@ INSTANTIATE_TEST_SUITE_P(
         InitFailure{"FeatureTypeFbank", ToneConf() + "feature_type=fbank\n", "",
                     "错误: fbank的特征维度只能为40或者80, 输入的维度为0"},
         InitFailure{"FeatureTypeCapitalised", ToneConf() + "feature_type=Fbank\n", "", ""},
-        InitFailure{"UnloadableModel", ToneConf(),
-                    "sed -i 's/SoftmaxActivation/NoSuchOperator/' tone_model.json",
-                    "not support MXGetLastErr currently!\n致命错误: 加载MXNET模型失败，请检查相关配置项"}),
+        InitFailure{
+            "UnloadableModel", ToneConf(),
+            "sed -i 's/SoftmaxActivation/NoSuchOperator/' tone_model.json",
+            "not support MXGetLastErr currently!\n致命错误: 加载MXNET模型失败，请检查相关配置项"}),
     [](const testing::TestParamInfo<InitFailure>& info) { return info.param.name; });
 
 TEST(ToolkitInitDeathTest, EmptyModelPathWithoutPrefixIsRefused) {

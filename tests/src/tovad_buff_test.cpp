@@ -32,7 +32,8 @@ std::vector<std::complex<double>> ReferenceSpectrum(const std::vector<int16_t>& 
   }
   std::vector<double> in(512, 0.0);
   for (int i = 1; i < 480; ++i) {
-    const double w = 0.42 - 0.5 * std::cos(2 * M_PI * i / 479) + 0.08 * std::cos(4 * M_PI * i / 479);
+    const double w =
+        0.42 - 0.5 * std::cos(2 * M_PI * i / 479) + 0.08 * std::cos(4 * M_PI * i / 479);
     in[i] = (a[i] - static_cast<double>(0.97f) * a[i - 1]) * w;
   }
   std::vector<std::complex<double>> out(257);

@@ -35,9 +35,9 @@ TEST(LoadConfTest, Grammar) {
       {"just words\n\n\n", {}},
       {"a=1\r\nb\t=2\r\n", {{"a", "1\r"}, {"b\t", "2\r"}}},
       {"", {}},
-      // Without a final newline the EOF byte (0xFF) stays behind the value,
-      // followed by what the line before left in the buffer.
-      {"abc=123\nb=2", {{"abc", "123"}, {"b", "2\xFF" "123"}}},
+      // Without a final newline the EOF byte (0xFF, \377) stays behind the
+      // value, followed by what the line before left in the buffer.
+      {"abc=123\nb=2", {{"abc", "123"}, {"b", "2\377123"}}},
   };
   for (const auto& c : cases) EXPECT_EQ(LoadText(c.text), c.expected) << c.text;
 }
@@ -57,7 +57,7 @@ TEST(ConfigConversionTest, UncheckedConversions) {
   EXPECT_EQ(config_to_int("-7x"), -7);
   EXPECT_EQ(config_to_int("abc"), 0);
   EXPECT_EQ(config_to_int("4294967297"), 1);  // truncated to 32 bits
-  EXPECT_EQ(config_to_int("2\xFF" "123"), 2);
+  EXPECT_EQ(config_to_int("2\377123"), 2);
   EXPECT_FLOAT_EQ(config_to_float("0.35"), 0.35f);
   EXPECT_EQ(config_to_float("none"), 0.0f);
 }
