@@ -10,9 +10,9 @@
 #include <thread>
 #include <vector>
 
+#include "tests/ruvo/net_fixture.h"
 #include "tests/synth/voiced_audio.h"
 #include "toolkit_harness.h"
-#include "tovadmod/c_predict_api.h"
 
 namespace {
 
@@ -68,36 +68,24 @@ TEST(Threads, HandlesOnEightThreadsGiveTheSingleHandlePositions) {
 }
 
 TEST(Threads, PredictorsCreatedAndFreedConcurrently) {
-  const std::vector<char> json_text = ReadAll<char>(kToolkitData + "tone_model.json");
-  const std::string json(json_text.begin(), json_text.end());
-  const std::vector<char> params = ReadAll<char>(kToolkitData + "tone_model.params");
-  const char* keys[] = {"data"};
-  const uint32_t indptr[] = {0, 4};
-  const uint32_t shape[] = {1, 5, 3, 40};
-  auto run = [&](float offset, std::vector<float>* out) {
-    PredictorHandle pred = nullptr;
-    ASSERT_EQ(MXPredCreate(json.c_str(), params.data(), static_cast<int>(params.size()), 1, 0, 1,
-                           keys, indptr, shape, &pred),
-              0);
+  const net_test::Model model{net_test::ReadFile(kToolkitData + "tone_model.json"),
+                              net_test::ReadFile(kToolkitData + "tone_model.params"),
+                              {}};
+  auto run = [&](float offset) {
+    PredictorHandle pred = net_test::CreateForData(model, {1, 5, 3, 40});
     std::vector<float> input(600);
     for (size_t i = 0; i < input.size(); ++i) input[i] = offset + 0.01f * (i % 40);
     MXPredSetInput(pred, "data", input.data(), 600);
     MXPredForward(pred);
-    out->assign(2, 0.0f);
-    MXPredGetOutput(pred, 0, out->data(), 2);
+    const std::vector<float> out = net_test::GetOutput(pred, 0).values;
     MXPredFree(pred);
+    return out;
   };
   std::vector<std::vector<float>> expected(kThreads);
-  for (int t = 0; t < kThreads; ++t) run(0.25f * t, &expected[t]);
-
-  constexpr int kRounds = 40;
+  for (int t = 0; t < kThreads; ++t) expected[t] = run(0.25f * t);
   std::vector<int> mismatches(kThreads, 0);
   OnThreads([&](int t) {
-    std::vector<float> out;
-    for (int r = 0; r < kRounds; ++r) {
-      run(0.25f * t, &out);
-      if (out != expected[t]) ++mismatches[t];
-    }
+    for (int r = 0; r < 40; ++r) mismatches[t] += run(0.25f * t) != expected[t];
   });
   for (int t = 0; t < kThreads; ++t) EXPECT_EQ(mismatches[t], 0) << "thread " << t;
 }
