@@ -1,5 +1,6 @@
 #include "tovadmod/tovad_api.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -151,8 +152,13 @@ int Tovad_toolkit_predict(void* handle, int n_samples, const short* pcm, int* va
   TOVAD_REQUIRE(vad_start, "vad_start");
   TOVAD_REQUIRE(vad_end, "vad_end");
   Tovad_handle* h = as_handle(handle);
-  for (int i = 0; i < n_samples; ++i) {
-    h->pcm_buff[h->n_remain_sample++] = pcm[i];
+  // Whole runs of samples at a time: a per-sample store of the count would
+  // cost more than the copy.
+  for (int i = 0; i < n_samples;) {
+    const int take = std::min(n_samples - i, Tovad_toolkit::kFrameSamples - h->n_remain_sample);
+    memcpy(h->pcm_buff + h->n_remain_sample, pcm + i, static_cast<size_t>(take) * sizeof(short));
+    h->n_remain_sample += take;
+    i += take;
     if (h->n_remain_sample == Tovad_toolkit::kFrameSamples) {
       Tovad_toolkit::run_frame(h, vad_start, vad_end);
     }

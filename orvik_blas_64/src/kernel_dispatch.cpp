@@ -13,7 +13,10 @@ namespace orvik_blas_kernels {
 namespace {
 
 #define ORVIK_KERNEL_TABLE(ns) \
-  { #ns, ns::sgemm_blocked, ns::sgemv_n, ns::sgemv_t, ns::saxpy, ns::sdot, ns::i8_gemm, ns::i8_dot }
+  {                            \
+    #ns, ns::sgemm_blocked, ns::sgemv_n, ns::sgemv_t, ns::saxpy, ns::sdot, ns::i8_gemm, \
+        ns::i8_dot, ns::i8_gemv_packed                                                   \
+  }
 
 const KernelTable kGeneric = ORVIK_KERNEL_TABLE(generic);
 #if defined(__x86_64__)

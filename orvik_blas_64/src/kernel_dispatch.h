@@ -38,6 +38,12 @@ struct KernelTable {
   void (*i8_gemm)(int a_trans, int b_trans, int M, int N, int K, const int8_t* A, const int8_t* B,
                   int32_t beta, int32_t* C);
   int32_t (*i8_dot)(int n, const int8_t* x, const int8_t* y);
+  // One row a (K bytes) against a B packed once by orvik_i8_pack_b (layout
+  // in orvik_blas_i8.h): c_j = sum_p a[p] * B(p, j) + bias[j], wrapping,
+  // bias optional.  With out8 null, C[j] = c_j; otherwise
+  // out8[j] = clamp(c_j >> shift[j], lo, 127), the shift arithmetic.
+  void (*i8_gemv_packed)(int N, int K, const int8_t* a, const int8_t* packed, const int32_t* bias,
+                         const uint8_t* shift, int32_t lo, int32_t* C, int8_t* out8);
 };
 
 // The variant in use.  Chosen on the first call.
@@ -64,6 +70,8 @@ void OverrideKernelsForTesting(const KernelTable* table);
   void i8_gemm(int a_trans, int b_trans, int M, int N, int K, const int8_t* A, const int8_t* B,  \
                int32_t beta, int32_t* C);                                                        \
   int32_t i8_dot(int n, const int8_t* x, const int8_t* y);                                       \
+  void i8_gemv_packed(int N, int K, const int8_t* a, const int8_t* packed, const int32_t* bias,   \
+                      const uint8_t* shift, int32_t lo, int32_t* C, int8_t* out8);               \
   }
 
 ORVIK_DECLARE_KERNEL_VARIANT(generic)

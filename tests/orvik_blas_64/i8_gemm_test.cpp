@@ -163,6 +163,71 @@ TEST(I8GemmTest, EdgeSizesAndWrapAround) {
   });
 }
 
+// The packed one-row product against the reference loop, in both B forms,
+// storing 32-bit sums or narrowing them: shapes off the 16-column strip and
+// the depth quad, the net's own, and one whose sum wraps (2^31 of -128s).
+TEST(I8GemmTest, PackedOneRowMatchesReferenceAndNarrowing) {
+  struct Case {
+    int N, K;
+    bool extreme;
+  };
+  const Case kCases[] = {{1, 1, false},  {2, 32, false},  {32, 96, false},  {32, 360, false},
+                         {17, 5, false}, {64, 7, false},  {80, 130, false}, {33, 1027, false},
+                         {1, 131072, true}};
+  std::mt19937 rng(47);
+  ForEachKernelVariant([&](const std::string& variant) {
+    for (const Case& k : kCases) {
+      const size_t nk = static_cast<size_t>(k.N) * k.K;
+      const std::vector<signed char> a =
+          k.extreme ? std::vector<signed char>(k.K, -128) : RandomBytes(&rng, k.K);
+      const std::vector<signed char> B =
+          k.extreme ? std::vector<signed char>(nk, -128) : RandomBytes(&rng, nk);
+      std::vector<int> ref(k.N, 0);
+      seq_matrix_mul_i8_i32_nt_c(1, k.N, k.K, 1, a.data(), B.data(), 0, ref.data());
+      const std::vector<int> bias = RandomInts(&rng, k.N);
+      std::vector<unsigned char> shift(k.N);
+      for (unsigned char& v : shift) v = static_cast<unsigned char>(rng() % 32);
+      for (int tb = 0; tb < 2; ++tb) {
+        // B(p, j) is B[j*K + p] either way; the untransposed form holds it as K x N.
+        std::vector<signed char> form = B;
+        if (tb == 0) {
+          for (int j = 0; j < k.N; ++j) {
+            for (int p = 0; p < k.K; ++p) {
+              form[static_cast<size_t>(p) * k.N + j] = B[static_cast<size_t>(j) * k.K + p];
+            }
+          }
+        }
+        std::vector<signed char> packed(orvik_i8_packed_b_bytes(k.N, k.K));
+        orvik_i8_pack_b(tb, k.N, k.K, form.data(), packed.data());
+        const std::string where = variant + " N " + std::to_string(k.N) + " K " +
+                                  std::to_string(k.K) + " tb " + std::to_string(tb);
+        std::vector<int> sums(k.N, 7), with_bias(k.N, 7);
+        orvik_i8_gemv_packed(k.N, k.K, a.data(), packed.data(), nullptr, nullptr, 0, sums.data(),
+                             nullptr);
+        EXPECT_EQ(sums, ref) << where;
+        orvik_i8_gemv_packed(k.N, k.K, a.data(), packed.data(), bias.data(), nullptr, 0,
+                             with_bias.data(), nullptr);
+        for (int lo : {-128, 0}) {
+          std::vector<signed char> out(k.N + 1, 99), expect(k.N + 1, 99);
+          orvik_i8_gemv_packed(k.N, k.K, a.data(), packed.data(), bias.data(), shift.data(), lo,
+                               nullptr, out.data());
+          for (int j = 0; j < k.N; ++j) {
+            const int c =
+                static_cast<int>(static_cast<unsigned>(ref[j]) + static_cast<unsigned>(bias[j]));
+            EXPECT_EQ(with_bias[j], c) << where << " column " << j;
+            const int r = c >> shift[j];
+            expect[j] = static_cast<signed char>(r < lo ? lo : (r > 127 ? 127 : r));
+          }
+          EXPECT_EQ(out, expect) << where << " lo " << lo;  // the byte past N is untouched
+        }
+      }
+      if (k.extreme) {
+        EXPECT_EQ(ref[0], INT32_MIN);
+      }
+    }
+  });
+}
+
 TEST(I8GemmTest, UnsignedReferenceLoopsZeroExtend) {
   const unsigned char A[2] = {200, 255}, B[2] = {255, 2};
   const int expected = 200 * 255 + 255 * 2;

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 
 #include "orvik_blas_64/src/gemm_args.h"
 #include "orvik_blas_64/src/kernel_dispatch.h"
@@ -245,6 +246,38 @@ extern "C" int orvik_i8_i32_dot(int N, const signed char* x, int incx, const sig
   if (N < 1) return 0;
   return orvik_blas_kernels::ActiveKernels().i8_dot(N, reinterpret_cast<const int8_t*>(x),
                                                     reinterpret_cast<const int8_t*>(y));
+}
+
+size_t orvik_i8_packed_b_bytes(int N, int K) {
+  const size_t cols = (static_cast<size_t>(N) + 15) / 16 * 16;
+  const size_t quads = (static_cast<size_t>(K) + 3) / 4;
+  return cols * 4 + cols * quads * 4;
+}
+
+void orvik_i8_pack_b(int b_trans, int N, int K, const signed char* B, signed char* packed) {
+  const int cols = (N + 15) / 16 * 16;
+  const int quads = (K + 3) / 4;
+  signed char* strips = packed + static_cast<size_t>(cols) * 4;
+  for (int j = 0; j < cols; ++j) {
+    uint32_t sum = 0;
+    signed char* col = strips + static_cast<size_t>(j / 16) * quads * 64 + (j % 16) * 4;
+    for (int p = 0; p < 4 * quads; ++p) {
+      signed char v = 0;
+      if (j < N && p < K) v = b_trans ? B[static_cast<long>(j) * K + p] : B[static_cast<long>(p) * N + j];
+      col[(p / 4) * 64 + p % 4] = v;
+      sum += static_cast<uint32_t>(static_cast<int32_t>(v));
+    }
+    const int32_t seed = static_cast<int32_t>(0u - 128u * sum);
+    memcpy(packed + static_cast<size_t>(j) * 4, &seed, sizeof(seed));
+  }
+}
+
+void orvik_i8_gemv_packed(int N, int K, const signed char* a, const signed char* packed,
+                          const int* bias, const unsigned char* shift, int lo, int* C,
+                          signed char* out8) {
+  orvik_blas_kernels::ActiveKernels().i8_gemv_packed(
+      N, K, reinterpret_cast<const int8_t*>(a), reinterpret_cast<const int8_t*>(packed), bias,
+      shift, lo, C, reinterpret_cast<int8_t*>(out8));
 }
 
 extern "C" void orvik_i8_i32_ger(int /*Order*/, int M, int N, signed char a, const signed char* x,

@@ -6,6 +6,8 @@
 // dimensions are checked numbers, not strides.  Sums and the final
 // alpha*acc + beta*C wrap modulo 2^32; nothing saturates or rounds.
 
+#include <stddef.h>
+
 #include "tovadmod/export.h"
 
 #ifdef __cplusplus
@@ -114,6 +116,23 @@ void orvik_i8_i8_gemm_shift_inhouse(int Order, int TransA, int TransB, int M, in
                                     signed char B_shift, int ldb, signed char b,
                                     signed char b_shift, signed char* C, signed char C_shift,
                                     signed char output_shift, int ldc);
+
+// One row of A against a B fixed at set-up (the net's one-frame case), B
+// with B(p, j) = b_trans ? B[j*K + p] : B[p*N + j].  Packed once, B is read
+// in the order the kernel walks it and nothing is rearranged per product.
+// The packed form, for Np = N rounded up to 16 and Q = ceil(K / 4):
+//   Np 32-bit words: -128 * (sum over p of B(p, j)), wrapping (the kernel
+//     that takes A unsigned as a + 128 starts each column from it);
+//   then per strip of 16 columns and per depth quad q, 64 bytes: each
+//     column's B(4q .. 4q + 3, j); missing columns and depth are zero.
+size_t orvik_i8_packed_b_bytes(int N, int K);
+void orvik_i8_pack_b(int b_trans, int N, int K, const signed char* B, signed char* packed);
+// c_j = sum_p a[p] * B(p, j) + bias[j] (bias may be null), wrapping.  With
+// out8 null C[j] = c_j; otherwise out8[j] = clamp(c_j >> shift[j], lo, 127),
+// the shift arithmetic and below 32, and C is not read.  N, K >= 1.
+void orvik_i8_gemv_packed(int N, int K, const signed char* a, const signed char* packed,
+                          const int* bias, const unsigned char* shift, int lo, int* C,
+                          signed char* out8);
 
 // Block-size helpers on signed 32-bit integers with truncating division.
 struct BlockParams {

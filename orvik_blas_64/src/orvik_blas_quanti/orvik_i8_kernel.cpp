@@ -821,7 +821,160 @@ void I8GemmRows(const Operands& op, uint32_t ubeta, int32_t* C) {
 #endif
 }
 
+// The packed one-row product (layout in orvik_blas_i8.h): per strip of 16
+// columns the depth quads lie one after another, so a strip is one pass
+// over contiguous bytes whatever the shape.
+inline int PackedCols(int N) { return (N + 15) / 16 * 16; }
+
+// The quad of A at depth 4q, bytes past K read as zero.
+inline uint32_t AQuad(const int8_t* a, int K, int q) {
+  uint32_t quad = 0;
+  if (4 * q + 4 <= K) {
+    memcpy(&quad, a + 4 * q, sizeof(quad));
+    return quad;
+  }
+  for (int t = 0; 4 * q + t < K; ++t) quad |= static_cast<uint32_t>(static_cast<uint8_t>(a[4 * q + t])) << (8 * t);
+  return quad;
+}
+
+// The end of a strip of nc columns: bias added, then stored as 32 bits or
+// narrowed to 8.
+[[maybe_unused]] inline void FinishStrip(const uint32_t* sums, int nc, const int32_t* bias,
+                                         const uint8_t* shift, int32_t lo, int32_t* C,
+                                         int8_t* out8) {
+  for (int c = 0; c < nc; ++c) {
+    const int32_t v = static_cast<int32_t>(sums[c] + (bias ? static_cast<uint32_t>(bias[c]) : 0u));
+    if (out8 == nullptr) {
+      C[c] = v;
+      continue;
+    }
+    const int32_t r = v >> shift[c];
+    out8[c] = static_cast<int8_t>(r < lo ? lo : (r > 127 ? 127 : r));
+  }
+}
+
+#if defined(__AVX512VNNI__)
+// GCC 12 takes the unused pass-through operand of the 512-bit epilogue
+// steps for an uninitialised read, as above.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+// kS strips at once; A taken unsigned as a + 128 against signed B, each
+// column starting from its packed -128 * (sum of B).  Two accumulators per
+// strip (even and odd quads) keep the dependency chains short.
+template <int kS>
+void PackedStrips(int N, int K, const int8_t* a, const int8_t* bp, const int8_t* seed, int j0,
+                  const int32_t* bias, const uint8_t* shift, int32_t lo, int32_t* C,
+                  int8_t* out8) {
+  const int quads = (K + 3) / 4;
+  const long pitch = static_cast<long>(quads) * 64;
+  const __m512i offset = _mm512_set1_epi8(static_cast<char>(0x80));
+  __m512i even[kS], odd[kS];
+  for (int s = 0; s < kS; ++s) even[s] = odd[s] = _mm512_setzero_si512();
+  int q = 0;
+  for (; q + 2 <= K / 4; q += 2) {
+    int32_t q0, q1;
+    memcpy(&q0, a + 4 * q, 4);
+    memcpy(&q1, a + 4 * q + 4, 4);
+    const __m512i a0 = _mm512_xor_si512(_mm512_set1_epi32(q0), offset);
+    const __m512i a1 = _mm512_xor_si512(_mm512_set1_epi32(q1), offset);
+#pragma GCC unroll 4
+    for (int s = 0; s < kS; ++s) {
+      even[s] = _mm512_dpbusd_epi32(even[s], a0, _mm512_loadu_si512(bp + s * pitch + q * 64));
+      odd[s] = _mm512_dpbusd_epi32(odd[s], a1, _mm512_loadu_si512(bp + s * pitch + q * 64 + 64));
+    }
+  }
+  for (; q < quads; ++q) {
+    const __m512i a0 =
+        _mm512_xor_si512(_mm512_set1_epi32(static_cast<int32_t>(AQuad(a, K, q))), offset);
+#pragma GCC unroll 4
+    for (int s = 0; s < kS; ++s) {
+      even[s] = _mm512_dpbusd_epi32(even[s], a0, _mm512_loadu_si512(bp + s * pitch + q * 64));
+    }
+  }
+  const __m512i low = _mm512_set1_epi32(lo), high = _mm512_set1_epi32(127);
+  for (int s = 0; s < kS; ++s) {
+    const int j = j0 + 16 * s;
+    const int nc = Min(16, N - j);
+    const __mmask16 cols = static_cast<__mmask16>((1u << nc) - 1u);
+    __m512i sum = _mm512_add_epi32(_mm512_add_epi32(even[s], odd[s]),
+                                   _mm512_loadu_si512(seed + 4 * j));
+    if (bias != nullptr) sum = _mm512_add_epi32(sum, _mm512_maskz_loadu_epi32(cols, bias + j));
+    if (out8 == nullptr) {
+      _mm512_mask_storeu_epi32(C + j, cols, sum);
+      continue;
+    }
+    const __m512i count = _mm512_cvtepu8_epi32(_mm_maskz_loadu_epi8(cols, shift + j));
+    const __m512i r = _mm512_min_epi32(_mm512_max_epi32(_mm512_srav_epi32(sum, count), low), high);
+    _mm512_mask_cvtepi32_storeu_epi8(out8 + j, cols, r);
+  }
+}
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+#elif defined(__aarch64__) && defined(__ARM_FEATURE_DOTPROD)
+// One strip: lane i of acc[v] is column 4v + i, its quad against A's.
+void PackedStrip(int K, const int8_t* a, const int8_t* bp, uint32_t* sums) {
+  int32x4_t acc[4] = {vdupq_n_s32(0), vdupq_n_s32(0), vdupq_n_s32(0), vdupq_n_s32(0)};
+  const int quads = (K + 3) / 4;
+  for (int q = 0; q < quads; ++q) {
+    const int8x16_t av = vreinterpretq_s8_u32(vdupq_n_u32(AQuad(a, K, q)));
+#pragma GCC unroll 4
+    for (int v = 0; v < 4; ++v) acc[v] = vdotq_s32(acc[v], vld1q_s8(bp + q * 64 + v * 16), av);
+  }
+  for (int v = 0; v < 4; ++v) vst1q_u32(sums + 4 * v, vreinterpretq_u32_s32(acc[v]));
+}
+#else
+// One strip: lane 4c + t holds the products of column c at depth t of each
+// quad, summed per column at the end.  A product fits 16 bits.
+typedef int8_t QuadBytes __attribute__((vector_size(64)));
+typedef int16_t QuadHalves __attribute__((vector_size(128)));
+typedef int32_t QuadWide __attribute__((vector_size(256)));
+typedef uint32_t QuadSums __attribute__((vector_size(256)));
+typedef uint32_t QuadWords __attribute__((vector_size(64)));
+void PackedStrip(int K, const int8_t* a, const int8_t* bp, uint32_t* sums) {
+  QuadSums acc = {};
+  const int quads = (K + 3) / 4;
+  for (int q = 0; q < quads; ++q) {
+    QuadWords aw = {};
+    aw += AQuad(a, K, q);
+    QuadBytes bb;
+    memcpy(&bb, bp + q * 64, sizeof(bb));
+    const QuadHalves prod = __builtin_convertvector(bb, QuadHalves) *
+                            __builtin_convertvector((QuadBytes)aw, QuadHalves);
+    acc += (QuadSums)__builtin_convertvector(prod, QuadWide);
+  }
+  for (int c = 0; c < 16; ++c) sums[c] = acc[4 * c] + acc[4 * c + 1] + acc[4 * c + 2] + acc[4 * c + 3];
+}
+#endif
+
 }  // namespace
+
+void i8_gemv_packed(int N, int K, const int8_t* a, const int8_t* packed, const int32_t* bias,
+                    const uint8_t* shift, int32_t lo, int32_t* C, int8_t* out8) {
+  const int cols = PackedCols(N);
+  const long pitch = static_cast<long>((K + 3) / 4) * 64;
+  const int8_t* strips = packed + 4 * cols;
+#if defined(__AVX512VNNI__)
+  int j0 = 0;
+  for (; j0 + 64 <= N; j0 += 64) {
+    PackedStrips<4>(N, K, a, strips + j0 / 16 * pitch, packed, j0, bias, shift, lo, C, out8);
+  }
+  const int rest = (N - j0 + 15) / 16;
+  const int8_t* bp = strips + j0 / 16 * pitch;
+  if (rest == 3) PackedStrips<3>(N, K, a, bp, packed, j0, bias, shift, lo, C, out8);
+  if (rest == 2) PackedStrips<2>(N, K, a, bp, packed, j0, bias, shift, lo, C, out8);
+  if (rest == 1) PackedStrips<1>(N, K, a, bp, packed, j0, bias, shift, lo, C, out8);
+#else
+  for (int j0 = 0; j0 < N; j0 += 16) {
+    uint32_t sums[16];
+    PackedStrip(K, a, strips + j0 / 16 * pitch, sums);
+    FinishStrip(sums, Min(16, N - j0), bias ? bias + j0 : nullptr, shift ? shift + j0 : nullptr,
+                lo, C ? C + j0 : nullptr, out8 ? out8 + j0 : nullptr);
+  }
+#endif
+}
 
 void i8_gemm(int a_trans, int b_trans, int M, int N, int K, const int8_t* A, const int8_t* B,
              int32_t beta, int32_t* C) {

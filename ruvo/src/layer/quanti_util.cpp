@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "orvik_blas_64/src/math_functions.h"
+#include "orvik_blas_64/src/orvik_blas_quanti/orvik_blas_i8.h"
 #include "orviklog/src/checks.h"
 #include "orviklog/src/logging.h"
 
@@ -136,6 +137,33 @@ void OutputStage::Run(int32_t* acc, index_t positions, signed char* out8, float*
       o[c] = static_cast<signed char>(v < lo ? lo : (v > 127 ? 127 : v));
     }
   }
+}
+
+void PackedRowProduct::Pack(const signed char* weight, int32_t channels, int32_t depth) {
+  channels_ = channels;
+  depth_ = depth;
+  packed_.assign(orvik_i8_packed_b_bytes(channels, depth), 0);
+  orvik_i8_pack_b(1, channels, depth, weight, packed_.data());
+  shift_.assign(static_cast<size_t>(channels), 0);
+  shift_valid_ = false;
+}
+
+void PackedRowProduct::Sums(const signed char* a, int32_t* acc) const {
+  orvik_i8_gemv_packed(channels_, depth_, a, packed_.data(), nullptr, nullptr, 0, acc, nullptr);
+}
+
+void PackedRowProduct::Narrow(const signed char* a, const OutputStage& stage, signed char* out8) {
+  if (!shift_valid_ || shift_in_ != stage.in_shift || shift_out_ != stage.out_shift) {
+    // Without a further tensor the alignment m is 0.
+    for (int32_t c = 0; c < channels_; ++c) {
+      shift_[c] = static_cast<unsigned char>((stage.w[c] + stage.in_shift - stage.out_shift) & 31);
+    }
+    shift_in_ = stage.in_shift;
+    shift_out_ = stage.out_shift;
+    shift_valid_ = true;
+  }
+  orvik_i8_gemv_packed(channels_, depth_, a, packed_.data(), stage.bias, shift_.data(),
+                       stage.use_activation ? 0 : -128, nullptr, out8);
 }
 
 namespace {

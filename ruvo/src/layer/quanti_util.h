@@ -109,6 +109,35 @@ struct OutputStage {
   void RunInto(int32_t* acc, index_t positions, NDArray* top) const;
 };
 
+// The one-frame product of a matrix layer: the weight, constant once the
+// layer is set up, packed once for the one-row kernel, with the stage's
+// narrowing done in the kernel's epilogue when nothing (batch
+// normalisation, a further tensor, float output) stands between them.
+class PackedRowProduct {
+ public:
+  // B(p, j) = weight[j * depth + p] for `channels` columns of `depth`.
+  void Pack(const signed char* weight, int32_t channels, int32_t depth);
+  bool empty() const { return packed_.empty(); }
+  // Whether Narrow serves `stage`.
+  static bool Fuses(const OutputStage& stage) {
+    return stage.bn_weight == nullptr && stage.edata == nullptr &&
+           !stage.disable_output_quantization;
+  }
+  // acc[j] = sum_p a[p] * B(p, j), wrapping: what the stage's Run takes.
+  void Sums(const signed char* a, int32_t* acc) const;
+  // What stage.Run makes of those sums, for one position, straight to out8.
+  void Narrow(const signed char* a, const OutputStage& stage, signed char* out8);
+
+ private:
+  int32_t channels_ = 0, depth_ = 0;
+  std::vector<signed char> packed_;
+  // Right shift of each channel (taken modulo 32), for the in and out
+  // shifts of the last call; they are normally the same every call.
+  std::vector<unsigned char> shift_;
+  int32_t shift_in_ = 0, shift_out_ = 0;
+  bool shift_valid_ = false;
+};
+
 // Marks a matrix layer without a fused batch normalisation.
 constexpr int32_t kNoBatchNorm = -1;
 

@@ -64,6 +64,8 @@ void QuantiFullyConnected::Prepare(const NDArray& weight, index_t num_input,
     conv::TransposeGroups<signed char>(weight.dptr<signed char>(), weight_t_.dptr<signed char>(),
                                        num_hidden_, static_cast<int>(num_input), 1);
   }
+  product_.Pack(weight.dptr<signed char>(), num_hidden_, static_cast<int32_t>(num_input));
+  row_acc_.assign(static_cast<size_t>(nh), 0);
   // The tables are constants of the file, so the table built (and folded)
   // once is the one every call would build again.
   quanti::BuildWeightShiftTable(aux_blobs, vector_quanti_, bn_first(), num_hidden_, &weight_shift_);
@@ -89,17 +91,26 @@ int QuantiFullyConnected::Forward(const std::vector<NDArray*>& bottom_blobs,
     prepared_ = true;
   }
 
+  quanti::OutputStage stage;
+  stage.SetMatrix(weight_shift_, num_hidden_, data.shift_, aux_blobs, "output_shift_history",
+                  no_bias_ ? nullptr : bottom_blobs[2]->dptr<int>(), bn_first());
+  stage.disable_output_quantization = disable_output_quantization_;
+  if (batch == 1) {
+    if (quanti::PackedRowProduct::Fuses(stage)) {
+      product_.Narrow(data.dptr<signed char>(), stage, top.dptr<signed char>());
+      top.shift_ = stage.out_shift;
+    } else {
+      product_.Sums(data.dptr<signed char>(), row_acc_.data());
+      stage.RunInto(row_acc_.data(), 1, &top);
+    }
+    return 0;
+  }
   NDArray acc = resource_->GetInterBuf(0, Shape2(batch, nh), kInt32);
   const signed char* w =
       transpose_weight_ ? weight_t_.dptr<signed char>() : weight.dptr<signed char>();
   math::orvik_cpu_gemm<signed char, int>(
       CblasNoTrans, transpose_weight_ ? CblasNoTrans : CblasTrans, static_cast<int>(batch),
       num_hidden_, static_cast<int>(num_input), 1, data.dptr<signed char>(), w, 0, acc.dptr<int>());
-
-  quanti::OutputStage stage;
-  stage.SetMatrix(weight_shift_, num_hidden_, data.shift_, aux_blobs, "output_shift_history",
-                  no_bias_ ? nullptr : bottom_blobs[2]->dptr<int>(), bn_first());
-  stage.disable_output_quantization = disable_output_quantization_;
   stage.RunInto(acc.dptr<int>(), batch, &top);
   return 0;
 }

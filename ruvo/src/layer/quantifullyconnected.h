@@ -40,6 +40,11 @@ class QuantiFullyConnected : public Layer {
   bool prepared_ = false;
 
  private:
+  // The one-row step: weight packed once, sums for the float or batch
+  // normalised forms.
+  quanti::PackedRowProduct product_;
+  std::vector<int32_t> row_acc_;
+
   void Prepare(const NDArray& weight, index_t num_input, const std::vector<NDArray*>& aux_blobs);
 };
 

@@ -88,6 +88,9 @@ void QuantiTemporalConvolution::Prepare(const NDArray& data, const NDArray& weig
   }
   quanti::BuildWeightShiftTable(aux_blobs, vector_quanti_, quanti::kNoBatchNorm, attrs_.num_filter_,
                                 &weight_shift_);
+  product_.Pack(weight.dptr<signed char>(), static_cast<int32_t>(nf),
+                static_cast<int32_t>(weight.Size() / nf));
+  if (attrs_.dilate_[0] != 1) taps_.resize(weight.Size() / nf);
   CHECK_GE(input_buff_frames_, ishape[0]);
   input_buff_ = NDArray(TShape{ishape[0], input_buff_frames_, ishape[2], ishape[3]}, kInt8);
   std::memset(input_buff_.dptr<signed char>(), 0, input_buff_.Size());
@@ -168,8 +171,23 @@ int QuantiTemporalConvolution::Forward(const std::vector<NDArray*>& bottom_blobs
   const int depth = static_cast<int>(attrs_.kernel_[0] * frame_bytes);
 
   UpdateInputBuff(data.dptr<signed char>(), batch, frame_bytes);
+  quanti::OutputStage stage;
+  stage.SetMatrix(weight_shift_, attrs_.num_filter_, data.shift_, aux_blobs,
+                  no_bias_ ? "out_shift_history" : "output_shift_history",
+                  no_bias_ ? nullptr : bottom_blobs[2]->dptr<int>(), quanti::kNoBatchNorm);
+  stage.use_activation = use_activation_;
+  stage.disable_output_quantization = disable_output_quantization_;
   // Undilated taps are the window itself, already one row per time step.
   const signed char* rows = input_buff_.dptr<signed char>();
+  if (batch == 1 && quanti::PackedRowProduct::Fuses(stage)) {
+    if (attrs_.dilate_[0] != 1) {
+      GetInputData(1, frame_bytes, taps_.data());
+      rows = taps_.data();
+    }
+    product_.Narrow(rows, stage, top.dptr<signed char>());
+    top.shift_ = stage.out_shift;
+    return 0;
+  }
   if (attrs_.dilate_[0] != 1) {
     NDArray buf = resource_->GetInterBuf(2, Shape2(batch, depth), kInt8);
     GetInputData(batch, frame_bytes, buf.dptr<signed char>());
@@ -181,13 +199,6 @@ int QuantiTemporalConvolution::Forward(const std::vector<NDArray*>& bottom_blobs
   math::orvik_cpu_gemm<signed char, int>(
       CblasNoTrans, transpose_weight_ ? CblasNoTrans : CblasTrans, static_cast<int>(batch),
       static_cast<int>(nf), depth, 1, rows, w, 0, acc.dptr<int>());
-
-  quanti::OutputStage stage;
-  stage.SetMatrix(weight_shift_, attrs_.num_filter_, data.shift_, aux_blobs,
-                  no_bias_ ? "out_shift_history" : "output_shift_history",
-                  no_bias_ ? nullptr : bottom_blobs[2]->dptr<int>(), quanti::kNoBatchNorm);
-  stage.use_activation = use_activation_;
-  stage.disable_output_quantization = disable_output_quantization_;
   stage.RunInto(acc.dptr<int>(), batch, &top);
   return 0;
 }

@@ -3,6 +3,7 @@
 
 #include "ruvo/layer.h"
 #include "ruvo/src/layer/conv_common.h"
+#include "ruvo/src/layer/quanti_util.h"
 
 namespace orvik {
 namespace ruvo {
@@ -46,6 +47,11 @@ class QuantiTemporalConvolution : public Layer {
   bool prepared_ = false;
 
  private:
+  // The one-frame step: weight packed once, and with dilated taps the
+  // window's taps gathered into one row.
+  quanti::PackedRowProduct product_;
+  std::vector<signed char> taps_;
+
   void Prepare(const NDArray& data, const NDArray& weight, const std::vector<NDArray*>& aux_blobs);
   // Pushes the B frames of `data` through the live window, leaving in each
   // slot t the window that ends in frame t.
