@@ -34,6 +34,8 @@ class Post_process {
   // Always writes both `*vad_start` and `*vad_end`.
   void apply_post_process(const float* prior, const float* energy, int32_t* vad_start,
                           int32_t* vad_end);
+  // Whether apply_post_process reads `energy` at all.
+  bool uses_energy() const { return energy_post_process != nullptr; }
 
   // Restarts positions and the frame clock.  `full` also restarts the
   // median and the energy statistics and re-arms the first-segment rule,

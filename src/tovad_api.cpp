@@ -62,7 +62,12 @@ void run_frame(Tovad_handle* h, int* vad_start, int* vad_end) {
   }
 
   float posteriors[kMaxClasses];
-  h->predictor->predict(frame, posteriors, h->frame_energy);
+  // The frame's energy only feeds the energy rule; without one it is not
+  // worth its serial sum over the frame.
+  const bool energy = h->post_process->uses_energy() ||
+                      (h->suspected_post_process != nullptr &&
+                       h->suspected_post_process->uses_energy());
+  h->predictor->predict(frame, posteriors, energy ? h->frame_energy : nullptr);
   if (debuger != nullptr) debuger->rt_record_predict_time();
   h->post_process->apply_post_process(posteriors, h->frame_energy, vad_start, vad_end);
   h->vad_start = *vad_start;
@@ -116,7 +121,7 @@ void* Tovad_toolkit_init(const char* config_file, const char* config_path) {
   h->predictor = new Tovad_predictor(user);
   h->post_process = new Post_process(user, false);
   h->n_batch = config_to_int(get_config(user, h->default_config, "n_batch"));
-  h->frame_energy = new float[h->n_batch];
+  h->frame_energy = new float[h->n_batch]();
   h->frame_cnt = 0;
   h->n_remain_sample = 0;
   h->suspected_vad_ref_pos = -1;
