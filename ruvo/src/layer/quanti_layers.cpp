@@ -1,6 +1,11 @@
 #include "ruvo/src/layer/quanti_layers.h"
 
 #include <cstdint>
+#include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "orvik_blas_64/src/math_functions.h"
 #include "orviklog/src/logging.h"
@@ -19,8 +24,7 @@ namespace {
 
 // floor(y) (or y truncated) as an int8, saturated, NaN as 0.  Cutting y to
 // [-129, 128] first gives what saturating the whole result would, as the
-// bounds are whole numbers; in this form (no libm floor, no branches) the
-// loop vectorises.
+// bounds are whole numbers, and leaves no libm floor in the loop.
 template <bool kFloor>
 inline signed char NarrowToInt8(float y) {
   y = y == y ? y : 0.0f;
@@ -28,6 +32,29 @@ inline signed char NarrowToInt8(float y) {
   int32_t t = static_cast<int32_t>(c);
   if (kFloor) t -= c < static_cast<float>(t) ? 1 : 0;
   return static_cast<signed char>(t < -128 ? -128 : (t > 127 ? 127 : t));
+}
+
+// q[i] = NarrowToInt8(scale * x[i]), four at a time where SSE2 is there
+// (the compiler does not if-convert the floor step itself).
+template <bool kFloor>
+void QuantizeRow(const float* x, float scale, index_t n, signed char* q) {
+  index_t i = 0;
+#if defined(__SSE2__)
+  const __m128 s = _mm_set1_ps(scale), low = _mm_set1_ps(-129.0f), high = _mm_set1_ps(128.0f);
+  for (; i + 4 <= n; i += 4) {
+    __m128 y = _mm_mul_ps(s, _mm_loadu_ps(x + i));
+    y = _mm_and_ps(y, _mm_cmpeq_ps(y, y));  // NaN to +0
+    const __m128 c = _mm_min_ps(_mm_max_ps(y, low), high);
+    __m128i t = _mm_cvttps_epi32(c);
+    // Truncation went up for a negative fraction: the mask is -1 there.
+    if (kFloor) t = _mm_add_epi32(t, _mm_castps_si128(_mm_cmplt_ps(c, _mm_cvtepi32_ps(t))));
+    // The saturating packs are the clamp to [-128, 127].
+    const __m128i h = _mm_packs_epi32(t, t);
+    const int32_t b = _mm_cvtsi128_si32(_mm_packs_epi16(h, h));
+    std::memcpy(q + i, &b, sizeof(b));
+  }
+#endif
+  for (; i < n; ++i) q[i] = NarrowToInt8<kFloor>(scale * x[i]);
 }
 
 }  // namespace
@@ -81,10 +108,10 @@ int QuantiInput::Forward(const std::vector<NDArray*>& bottom_blobs,
   const index_t n = data.Size();
   switch (truncate_) {
     case quanti_input::kFloor:
-      for (index_t i = 0; i < n; ++i) q[i] = NarrowToInt8<true>(scale * x[i]);
+      QuantizeRow<true>(x, scale, n, q);
       break;
     case quanti_input::kNaive:
-      for (index_t i = 0; i < n; ++i) q[i] = NarrowToInt8<false>(scale * x[i]);
+      QuantizeRow<false>(x, scale, n, q);
       break;
     case quanti_input::kCeil:
       CHECK(false) << "Not support ceil!";
