@@ -861,28 +861,36 @@ inline uint32_t AQuad(const int8_t* a, int K, int q) {
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 // kS strips at once; A taken unsigned as a + 128 against signed B, each
-// column starting from its packed -128 * (sum of B).  Two accumulators per
-// strip (even and odd quads) keep the dependency chains short.
+// column starting from its packed -128 * (sum of B).  Four accumulators per
+// strip (quads taken round-robin) keep the dependency chains short.
 template <int kS>
 void PackedStrips(int N, int K, const int8_t* a, const int8_t* bp, const int8_t* seed, int j0,
                   const int32_t* bias, const uint8_t* shift, int32_t lo, int32_t* C,
                   int8_t* out8) {
+  constexpr int kU = 4;
   const int quads = (K + 3) / 4;
   const long pitch = static_cast<long>(quads) * 64;
   const __m512i offset = _mm512_set1_epi8(static_cast<char>(0x80));
-  __m512i even[kS], odd[kS];
-  for (int s = 0; s < kS; ++s) even[s] = odd[s] = _mm512_setzero_si512();
+  __m512i acc[kU][kS];
+  for (int u = 0; u < kU; ++u) {
+    for (int s = 0; s < kS; ++s) acc[u][s] = _mm512_setzero_si512();
+  }
   int q = 0;
-  for (; q + 2 <= K / 4; q += 2) {
-    int32_t q0, q1;
-    memcpy(&q0, a + 4 * q, 4);
-    memcpy(&q1, a + 4 * q + 4, 4);
-    const __m512i a0 = _mm512_xor_si512(_mm512_set1_epi32(q0), offset);
-    const __m512i a1 = _mm512_xor_si512(_mm512_set1_epi32(q1), offset);
+  for (; q + kU <= K / 4; q += kU) {
+    __m512i av[kU];
+#pragma GCC unroll 4
+    for (int u = 0; u < kU; ++u) {
+      int32_t quad;
+      memcpy(&quad, a + 4 * (q + u), 4);
+      av[u] = _mm512_xor_si512(_mm512_set1_epi32(quad), offset);
+    }
 #pragma GCC unroll 4
     for (int s = 0; s < kS; ++s) {
-      even[s] = _mm512_dpbusd_epi32(even[s], a0, _mm512_loadu_si512(bp + s * pitch + q * 64));
-      odd[s] = _mm512_dpbusd_epi32(odd[s], a1, _mm512_loadu_si512(bp + s * pitch + q * 64 + 64));
+#pragma GCC unroll 4
+      for (int u = 0; u < kU; ++u) {
+        acc[u][s] = _mm512_dpbusd_epi32(acc[u][s], av[u],
+                                        _mm512_loadu_si512(bp + s * pitch + (q + u) * 64));
+      }
     }
   }
   for (; q < quads; ++q) {
@@ -890,7 +898,7 @@ void PackedStrips(int N, int K, const int8_t* a, const int8_t* bp, const int8_t*
         _mm512_xor_si512(_mm512_set1_epi32(static_cast<int32_t>(AQuad(a, K, q))), offset);
 #pragma GCC unroll 4
     for (int s = 0; s < kS; ++s) {
-      even[s] = _mm512_dpbusd_epi32(even[s], a0, _mm512_loadu_si512(bp + s * pitch + q * 64));
+      acc[0][s] = _mm512_dpbusd_epi32(acc[0][s], a0, _mm512_loadu_si512(bp + s * pitch + q * 64));
     }
   }
   const __m512i low = _mm512_set1_epi32(lo), high = _mm512_set1_epi32(127);
@@ -898,8 +906,9 @@ void PackedStrips(int N, int K, const int8_t* a, const int8_t* bp, const int8_t*
     const int j = j0 + 16 * s;
     const int nc = Min(16, N - j);
     const __mmask16 cols = static_cast<__mmask16>((1u << nc) - 1u);
-    __m512i sum = _mm512_add_epi32(_mm512_add_epi32(even[s], odd[s]),
-                                   _mm512_loadu_si512(seed + 4 * j));
+    __m512i sum = _mm512_add_epi32(_mm512_add_epi32(acc[0][s], acc[1][s]),
+                                   _mm512_add_epi32(acc[2][s], acc[3][s]));
+    sum = _mm512_add_epi32(sum, _mm512_loadu_si512(seed + 4 * j));
     if (bias != nullptr) sum = _mm512_add_epi32(sum, _mm512_maskz_loadu_epi32(cols, bias + j));
     if (out8 == nullptr) {
       _mm512_mask_storeu_epi32(C + j, cols, sum);
