@@ -94,8 +94,8 @@ int QuantiInput::Forward(const std::vector<NDArray*>& bottom_blobs,
   CHECK(inited_) << "Init first!";
   CHECK_EQ(bottom_blobs.size(), 1);
   CHECK_EQ(top_blobs.size(), 1);
-  const NDArray data = bottom_blobs[0]->Reshape(bottom_blobs[0]->shape());
-  NDArray out = top_blobs[0]->Reshape(top_blobs[0]->shape());
+  const NDArray& data = *bottom_blobs[0];
+  NDArray& out = *top_blobs[0];
   CHECK_EQ(data.Size(), out.Size());
   int32_t s = fixed_output_shift_;
   if (s == -128) {
