@@ -1,0 +1,150 @@
+// Runs the matrix kernels once each at the bundled nets' shapes, every call
+// between InsnRegionBegin() and InsnRegionEnd(), so that an instruction
+// trace of the emulator can count what one call executes
+// (bench/arm_insn_count.sh).  Each shape runs through the library's entry
+// point, as the layers call it, and through the plain loop of
+// arm_insn_reference.cpp.  One warm-up call of each comes first, so the
+// marked calls do not include picking the kernel variant, binding symbols
+// or first touches of memory.
+//
+//   arm_insn_driver [SUBSTRING]
+//
+// runs the shapes whose label contains SUBSTRING (all without one) and
+// prints the int8 kernel variant in use ("variant <name>"), then, in the
+// order of the marked regions, one line per region:
+// "<label> <multiply-adds>".  The first region is empty: its count is the
+// cost of the markers themselves.  Exits 1 if a kernel's result differs
+// from the plain loop's.
+
+#include <math.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "bench/arm_insn_reference.h"
+#include "orvik_blas_64/src/kernel_dispatch.h"
+#include "orvik_blas_64/src/orvik_blas/orvik_cblas.h"
+#include "orvik_blas_64/src/orvik_blas_quanti/orvik_blas_i8.h"
+
+// The markers: out of line and opaque, so the trace shows every call.
+extern "C" __attribute__((noipa)) void InsnRegionBegin() { asm volatile("" ::: "memory"); }
+extern "C" __attribute__((noipa)) void InsnRegionEnd() { asm volatile("" ::: "memory"); }
+
+namespace {
+
+struct Shape {
+  const char* kind;  // "i8" (nn, as the 8-bit layers call it) or "f32" (nt, a dense layer)
+  int M, N, K;
+};
+
+// Int8: the streaming net's layers per frame (first temporal convolution
+// 3 taps x 120 bytes, the other four 3 x 32, the output layer 32 -> 2),
+// and the two convolutions over 16 frames in one call.  Float: the dense
+// net per frame (2400 -> 64 -> 32 -> 2), the 11x3x40 -> 128 -> 128 -> 2
+// net per frame, and both first layers and a 128 x 128 layer over 16 frames.
+const Shape kShapes[] = {
+    {"i8", 1, 32, 360},    {"i8", 1, 32, 96},     {"i8", 1, 2, 32},      {"i8", 16, 32, 360},
+    {"i8", 16, 32, 96},    {"f32", 1, 64, 2400},  {"f32", 1, 32, 64},    {"f32", 1, 2, 32},
+    {"f32", 1, 128, 1320}, {"f32", 1, 128, 128},  {"f32", 1, 2, 128},    {"f32", 16, 64, 2400},
+    {"f32", 16, 128, 1320}, {"f32", 16, 128, 128}};
+
+std::string Label(const Shape& s, const char* who) {
+  return std::string(s.kind) + "/" + std::to_string(s.M) + "x" + std::to_string(s.N) + "x" +
+         std::to_string(s.K) + "/" + who;
+}
+
+void Mark(const std::string& label, long macs) {
+  printf("%s %ld\n", label.c_str(), macs);
+  fflush(stdout);
+}
+
+bool RunI8(const Shape& s, std::mt19937* rng) {
+  std::uniform_int_distribution<int> byte(-128, 127);
+  std::vector<int8_t> A(static_cast<size_t>(s.M) * s.K), B(static_cast<size_t>(s.K) * s.N);
+  for (int8_t& v : A) v = static_cast<int8_t>(byte(*rng));
+  for (int8_t& v : B) v = static_cast<int8_t>(byte(*rng));
+  std::vector<int32_t> ours(static_cast<size_t>(s.M) * s.N), plain(ours.size());
+  const long macs = static_cast<long>(s.M) * s.N * s.K;
+  auto run_ours = [&] {
+    orvik_i8_i32_gemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, s.M, s.N, s.K, 1,
+                      reinterpret_cast<const signed char*>(A.data()), s.K,
+                      reinterpret_cast<const signed char*>(B.data()), s.N, 0, ours.data(), s.N);
+  };
+  auto run_plain = [&] { PlainI8GemmNN(s.M, s.N, s.K, A.data(), B.data(), plain.data()); };
+  run_ours();
+  run_plain();
+  Mark(Label(s, "ours"), macs);
+  InsnRegionBegin();
+  run_ours();
+  InsnRegionEnd();
+  Mark(Label(s, "plain"), macs);
+  InsnRegionBegin();
+  run_plain();
+  InsnRegionEnd();
+  if (ours != plain) {
+    fprintf(stderr, "%s: the kernel's result differs from the plain loop's\n",
+            Label(s, "ours").c_str());
+    return false;
+  }
+  return true;
+}
+
+bool RunF32(const Shape& s, std::mt19937* rng) {
+  std::uniform_real_distribution<float> value(-1.0f, 1.0f);
+  std::vector<float> A(static_cast<size_t>(s.M) * s.K), B(static_cast<size_t>(s.N) * s.K);
+  for (float& v : A) v = value(*rng);
+  for (float& v : B) v = value(*rng);
+  std::vector<float> ours(static_cast<size_t>(s.M) * s.N), plain(ours.size());
+  const long macs = static_cast<long>(s.M) * s.N * s.K;
+  auto run_ours = [&] {
+    cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, s.M, s.N, s.K, 1.0f, A.data(), s.K,
+                B.data(), s.K, 0.0f, ours.data(), s.N);
+  };
+  auto run_plain = [&] { PlainSgemmNT(s.M, s.N, s.K, A.data(), B.data(), plain.data()); };
+  run_ours();
+  run_plain();
+  Mark(Label(s, "ours"), macs);
+  InsnRegionBegin();
+  run_ours();
+  InsnRegionEnd();
+  Mark(Label(s, "plain"), macs);
+  InsnRegionBegin();
+  run_plain();
+  InsnRegionEnd();
+  // Two float sums of K products in different orders differ by at most
+  // about 2K roundings of the sum of the products' magnitudes.
+  for (int i = 0; i < s.M; ++i) {
+    for (int j = 0; j < s.N; ++j) {
+      double mag = 0.0;
+      for (int p = 0; p < s.K; ++p) mag += fabs(A[i * s.K + p] * B[j * s.K + p]);
+      const double tol = 2.0 * s.K * 0x1p-24 * mag;
+      if (fabs(static_cast<double>(ours[i * s.N + j]) - plain[i * s.N + j]) > tol) {
+        fprintf(stderr, "%s: entry (%d, %d) is %g, the plain loop's %g\n",
+                Label(s, "ours").c_str(), i, j, ours[i * s.N + j], plain[i * s.N + j]);
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const char* filter = argc > 1 ? argv[1] : "";
+  printf("variant %s\n", orvik_blas_kernels::ActiveKernels().name);
+  Mark("empty", 0);
+  InsnRegionBegin();
+  InsnRegionEnd();
+  std::mt19937 rng(20261123);
+  bool ok = true;
+  for (const Shape& s : kShapes) {
+    if (Label(s, "").find(filter) == std::string::npos) continue;
+    ok = (strcmp(s.kind, "i8") == 0 ? RunI8(s, &rng) : RunF32(s, &rng)) && ok;
+  }
+  return ok ? 0 : 1;
+}
