@@ -12,7 +12,14 @@ For the block the call does most multiplies in, the innermost loop
 around it is taken from `objdump -d` of the driver (its static length and
 the multiplies it holds) as a cross-check of the dynamic count.
 
-  arm_insn_count.py DRIVER [--cpu NAME] [--filter SUBSTRING] [--one-insn-per-tb]
+Columns, per call: multiply-adds (MACs); executed instructions, in all and
+per MAC; SIMD/FP instructions and loads/stores per MAC; "lanes", MACs per
+multiply executed (below 1 where vector lanes multiply padding); the hot
+loop's function, static instructions, multiplies and their ratio; cycles
+per MAC under the assumed limits.
+
+  arm_insn_count.py DRIVER [--cpu NAME] [--filter SUBSTRING] [--functions]
+                           [--totals] [--one-insn-per-tb]
 """
 
 import argparse
@@ -250,6 +257,17 @@ def block_weight(region, pc, dis, run_begin):
     return muls if muls else len(insns) * 1e-6
 
 
+def by_function(region, dis, run_begin):
+    """Executed instructions per function (name without its arguments)."""
+    out = Counter()
+    for pc, n in region.execs.items():
+        insns, sym = region.blocks[pc]
+        i = dis.index.get(pc - run_begin + dis.begin)
+        name = dis.insns[i][3] if i is not None else sym
+        out[re.sub(r"\(.*", "", name.replace("(anonymous namespace)::", ""))] += n * len(insns)
+    return out
+
+
 def predict(cls, macs, limits):
     """Cycles per multiply-add if the busiest resource limits the call."""
     simd = cls["vec"] + cls["vmul"] + cls["dot"]
@@ -271,6 +289,8 @@ def main():
     ap.add_argument("--one-insn-per-tb", action="store_true",
                     help="one instruction per block: the slow cross-check of the block counts")
     ap.add_argument("--totals", action="store_true", help="print only label and instructions")
+    ap.add_argument("--functions", action="store_true",
+                    help="also the instructions per function of each call")
     args = ap.parse_args()
     variant, regions = run_qemu(args.driver, args.cpu, args.filter, args.one_insn_per_tb)
     dis = Disassembly(args.driver)
@@ -304,6 +324,9 @@ def main():
               % (r.label, r.macs, total, total / r.macs, simd / r.macs, cls["mem"] / r.macs,
                  r.macs / muls if muls else 0.0, loop_s, cycle_range(cls, r.macs, "A55"),
                  cycle_range(cls, r.macs, "A76")))
+        if args.functions:
+            for name, n in by_function(r, dis, begin).most_common(5):
+                print("    %9d  %s" % (n, name))
 
 
 if __name__ == "__main__":
