@@ -58,6 +58,14 @@ VMUL = {"mul", "mla", "mls", "smlal", "smlal2", "smull", "smull2", "umlal", "uml
         "umull2"}
 
 
+# Products of one 10 ms frame of each net, with their counts.
+NETS = {
+    "streaming net": {"i8/1x32x360": 1, "i8/1x32x96": 4, "i8/1x2x32": 1},
+    "dense net": {"f32/1x64x2400": 1, "f32/1x32x64": 1, "f32/1x2x32": 1},
+    "11x3x40 net": {"f32/1x128x1320": 1, "f32/1x128x128": 1, "f32/1x2x128": 1},
+}
+
+
 def classify(mnemonic, operands):
     """Returns (class, multiplies) of one instruction."""
     first = operands.split(",")[0].strip()
@@ -305,6 +313,7 @@ def main():
     print("%-22s %7s %8s %7s %5s %5s %5s | %-22s %5s %5s %7s | %-9s %-9s"
           % ("call", "MACs", "insns", "ins/MAC", "simd", "mem", "lanes", "hot loop", "insns",
              "muls", "ins/MAC", "A55 cyc", "A76 cyc"))
+    counts = {}
     for r in regions[1:]:
         cls, muls = totals(r, dis, begin)
         total = sum(cls.values()) - base
@@ -327,6 +336,12 @@ def main():
         if args.functions:
             for name, n in by_function(r, dis, begin).most_common(5):
                 print("    %9d  %s" % (n, name))
+        counts[r.label] = total
+    for net, products in NETS.items():
+        if all(p + "/ours" in counts for p in products):
+            ours = sum(n * counts[p + "/ours"] for p, n in products.items())
+            plain = sum(n * counts[p + "/plain"] for p, n in products.items())
+            print("per frame, %s: %d instructions (plain loops %d)" % (net, ours, plain))
 
 
 if __name__ == "__main__":
