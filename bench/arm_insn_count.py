@@ -8,9 +8,10 @@ each executed block are added up by class.  The log is read through a pipe,
 never stored.  Emulation gives no timing, so the cycles printed are a model:
 the instruction mix against the issue limits assumed in CORES below.
 
-For the block the call does most multiplies in, the innermost loop
-around it is taken from `objdump -d` of the driver (its static length and
-the multiplies it holds) as a cross-check of the dynamic count.
+The hot loop, the instructions run about as often as the block doing
+most multiplies, is listed from `objdump -d` of the driver (its length
+per pass and the multiplies it holds) as a cross-check of the dynamic
+count.
 
 Columns, per call: multiply-adds (MACs); executed instructions, in all and
 per MAC; SIMD/FP instructions and loads/stores per MAC; "lanes", MACs per
@@ -60,9 +61,11 @@ VMUL = {"mul", "mla", "mls", "smlal", "smlal2", "smull", "smull2", "umlal", "uml
 
 # Products of one 10 ms frame of each net, with their counts.
 NETS = {
-    "streaming net": {"i8/1x32x360": 1, "i8/1x32x96": 4, "i8/1x2x32": 1},
-    "dense net": {"f32/1x64x2400": 1, "f32/1x32x64": 1, "f32/1x2x32": 1},
-    "11x3x40 net": {"f32/1x128x1320": 1, "f32/1x128x128": 1, "f32/1x2x128": 1},
+    # The convolutions narrow to 8 bits in the product; the output layer
+    # keeps the sums.
+    "streaming net": {"i8p/1x32x360/narrow": 1, "i8p/1x32x96/narrow": 4, "i8p/1x2x32/ours": 1},
+    "dense net": {"f32/1x64x2400/ours": 1, "f32/1x32x64/ours": 1, "f32/1x2x32/ours": 1},
+    "11x3x40 net": {"f32/1x128x1320/ours": 1, "f32/1x128x128/ours": 1, "f32/1x2x128/ours": 1},
 }
 
 
@@ -227,31 +230,28 @@ class Disassembly:
         i = self.index.get(run_pc - run_begin + self.begin)
         return None if i is None else self.insns[i][1:3]
 
-    def innermost_loop(self, run_pc, run_begin):
-        """The shortest backward branch range [target, branch] holding the
-        instruction the emulator ran at run_pc (run_begin: InsnRegionBegin
-        there)."""
-        pc = run_pc - run_begin + self.begin
-        best = None
-        i = self.index.get(pc)
-        if i is None:
-            return None
-        func = self.insns[i][3]
-        j = i
-        while j < len(self.insns) and self.insns[j][3] == func:
-            a, mn, ops, _ = self.insns[j]
-            if mn in ("b", "cbz", "cbnz", "tbz", "tbnz") or mn.startswith("b."):
-                m = re.search(r"\b([0-9a-f]+) <", ops)
-                if m:
-                    target = int(m.group(1), 16)
-                    if target <= pc and (best is None or target > best[0]):
-                        best = (target, a)
-            j += 1
-        if best is None:
-            return None
-        lo, hi = self.index[best[0]], self.index[best[1]]
-        body = self.insns[lo:hi + 1]
-        return func, len(body), sum(classify(mn, ops)[1] for _, mn, ops, _ in body)
+    def function(self, run_pc, run_begin):
+        i = self.index.get(run_pc - run_begin + self.begin)
+        return None if i is None else self.insns[i][3]
+
+
+def hot_path(region, dis, run_begin):
+    """The hot loop as objdump lists it: in the function of the block that
+    does most multiplies, the instructions executed at least half as often
+    as that block (so a loop's rare paths and the outer loops drop out).
+    Returns (function, instructions, multiplies), or None."""
+    hot = max(region.execs,
+              key=lambda pc: region.execs[pc] * block_weight(region, pc, dis, run_begin))
+    func = dis.function(hot, run_begin)
+    if func is None:
+        return None
+    runs = Counter()
+    for pc, n in region.execs.items():
+        for ipc, _, _ in region.blocks[pc][0]:
+            runs[ipc] += n
+    path = [ipc for ipc, n in runs.items()
+            if 2 * n >= region.execs[hot] and dis.function(ipc, run_begin) == func]
+    return func, len(path), sum(classify(*dis.at(ipc, run_begin))[1] for ipc in path)
 
 
 def block_weight(region, pc, dis, run_begin):
@@ -318,8 +318,7 @@ def main():
         cls, muls = totals(r, dis, begin)
         total = sum(cls.values()) - base
         cls["int"] -= base
-        hot_pc = max(r.execs, key=lambda pc: r.execs[pc] * block_weight(r, pc, dis, begin))
-        loop = dis.innermost_loop(hot_pc, regions.begin_pc)
+        loop = hot_path(r, dis, begin)
         if loop:
             func, n, m = loop
             name = re.sub(r"\(.*", "", func.replace("(anonymous namespace)::", ""))
@@ -338,9 +337,9 @@ def main():
                 print("    %9d  %s" % (n, name))
         counts[r.label] = total
     for net, products in NETS.items():
-        if all(p + "/ours" in counts for p in products):
-            ours = sum(n * counts[p + "/ours"] for p, n in products.items())
-            plain = sum(n * counts[p + "/plain"] for p, n in products.items())
+        if all(p in counts for p in products):
+            ours = sum(n * counts[p] for p, n in products.items())
+            plain = sum(n * counts[p.rsplit("/", 1)[0] + "/plain"] for p, n in products.items())
             print("per frame, %s: %d instructions (plain loops %d)" % (net, ours, plain))
 
 

@@ -24,7 +24,7 @@ driver=$dir/bench/arm_insn_driver
 # float kernels are the same on both.
 python3 bench/arm_insn_count.py "$driver"
 echo
-python3 bench/arm_insn_count.py "$driver" --cpu cortex-a72 --filter i8/
+python3 bench/arm_insn_count.py "$driver" --cpu cortex-a72 --filter i8
 
 # Cross-check of the block counting: with one instruction per block the
 # emulator's log names every instruction executed.

@@ -37,20 +37,25 @@ extern "C" __attribute__((noipa)) void InsnRegionEnd() { asm volatile("" ::: "me
 namespace {
 
 struct Shape {
-  const char* kind;  // "i8" (nn, as the 8-bit layers call it) or "f32" (nt, a dense layer)
+  // "i8p": one row against B packed at set-up, as the 8-bit layers run one
+  // frame; "i8": the int8 GEMM entry, nn; "f32": float GEMM, nt, as a
+  // dense layer calls it.
+  const char* kind;
   int M, N, K;
 };
 
 // Int8: the streaming net's layers per frame (first temporal convolution
 // 3 taps x 120 bytes, the other four 3 x 32, the output layer 32 -> 2),
-// and the two convolutions over 16 frames in one call.  Float: the dense
-// net per frame (2400 -> 64 -> 32 -> 2), the 11x3x40 -> 128 -> 128 -> 2
-// net per frame, and both first layers and a 128 x 128 layer over 16 frames.
+// the same through the GEMM entry, and the two convolutions over 16 frames
+// in one call.  Float: the dense net per frame (2400 -> 64 -> 32 -> 2), the
+// 11x3x40 -> 128 -> 128 -> 2 net per frame, and both first layers and a
+// 128 x 128 layer over 16 frames.
 const Shape kShapes[] = {
-    {"i8", 1, 32, 360},    {"i8", 1, 32, 96},     {"i8", 1, 2, 32},      {"i8", 16, 32, 360},
-    {"i8", 16, 32, 96},    {"f32", 1, 64, 2400},  {"f32", 1, 32, 64},    {"f32", 1, 2, 32},
-    {"f32", 1, 128, 1320}, {"f32", 1, 128, 128},  {"f32", 1, 2, 128},    {"f32", 16, 64, 2400},
-    {"f32", 16, 128, 1320}, {"f32", 16, 128, 128}};
+    {"i8p", 1, 32, 360},    {"i8p", 1, 32, 96},    {"i8p", 1, 2, 32},     {"i8", 1, 32, 360},
+    {"i8", 1, 32, 96},      {"i8", 1, 2, 32},      {"i8", 16, 32, 360},   {"i8", 16, 32, 96},
+    {"f32", 1, 64, 2400},   {"f32", 1, 32, 64},    {"f32", 1, 2, 32},     {"f32", 1, 128, 1320},
+    {"f32", 1, 128, 128},   {"f32", 1, 2, 128},    {"f32", 16, 64, 2400}, {"f32", 16, 128, 1320},
+    {"f32", 16, 128, 128}};
 
 std::string Label(const Shape& s, const char* who) {
   return std::string(s.kind) + "/" + std::to_string(s.M) + "x" + std::to_string(s.N) + "x" +
@@ -91,6 +96,57 @@ bool RunI8(const Shape& s, std::mt19937* rng) {
     return false;
   }
   return true;
+}
+
+// The packed one-row product: its 32-bit sums ("ours"), and the 8-bit
+// outputs with bias, shift and rectifier that a temporal convolution takes
+// ("narrow").  B is packed before the marked calls, as at set-up.
+bool RunI8Packed(const Shape& s, std::mt19937* rng) {
+  std::uniform_int_distribution<int> byte(-128, 127);
+  std::vector<int8_t> a(static_cast<size_t>(s.K)), B(static_cast<size_t>(s.K) * s.N);
+  for (int8_t& v : a) v = static_cast<int8_t>(byte(*rng));
+  for (int8_t& v : B) v = static_cast<int8_t>(byte(*rng));
+  std::vector<signed char> packed(orvik_i8_packed_b_bytes(s.N, s.K));
+  orvik_i8_pack_b(0, s.N, s.K, reinterpret_cast<const signed char*>(B.data()), packed.data());
+  std::vector<int32_t> bias(static_cast<size_t>(s.N)), ours(bias.size()), plain(bias.size());
+  std::vector<unsigned char> shift(bias.size());
+  std::vector<signed char> out8(bias.size());
+  for (int j = 0; j < s.N; ++j) {
+    bias[j] = byte(*rng) * 64;
+    shift[j] = static_cast<unsigned char>(7 + j % 4);
+  }
+  const signed char* as = reinterpret_cast<const signed char*>(a.data());
+  const long macs = static_cast<long>(s.N) * s.K;
+  auto run_ours = [&] {
+    orvik_i8_gemv_packed(s.N, s.K, as, packed.data(), nullptr, nullptr, 0, ours.data(), nullptr);
+  };
+  auto run_narrow = [&] {
+    orvik_i8_gemv_packed(s.N, s.K, as, packed.data(), bias.data(), shift.data(), 0, nullptr,
+                         out8.data());
+  };
+  auto run_plain = [&] { PlainI8GemmNN(1, s.N, s.K, a.data(), B.data(), plain.data()); };
+  run_ours();
+  run_narrow();
+  run_plain();
+  Mark(Label(s, "ours"), macs);
+  InsnRegionBegin();
+  run_ours();
+  InsnRegionEnd();
+  Mark(Label(s, "narrow"), macs);
+  InsnRegionBegin();
+  run_narrow();
+  InsnRegionEnd();
+  Mark(Label(s, "plain"), macs);
+  InsnRegionBegin();
+  run_plain();
+  InsnRegionEnd();
+  bool ok = ours == plain;
+  for (int j = 0; j < s.N; ++j) {
+    const int32_t v = (plain[j] + bias[j]) >> shift[j];
+    ok = ok && out8[j] == (v < 0 ? 0 : v > 127 ? 127 : v);
+  }
+  if (!ok) fprintf(stderr, "%s: results differ from the plain loop's\n", Label(s, "ours").c_str());
+  return ok;
 }
 
 bool RunF32(const Shape& s, std::mt19937* rng) {
@@ -144,7 +200,13 @@ int main(int argc, char** argv) {
   bool ok = true;
   for (const Shape& s : kShapes) {
     if (Label(s, "").find(filter) == std::string::npos) continue;
-    ok = (strcmp(s.kind, "i8") == 0 ? RunI8(s, &rng) : RunF32(s, &rng)) && ok;
+    if (strcmp(s.kind, "i8p") == 0) {
+      ok = RunI8Packed(s, &rng) && ok;
+    } else if (strcmp(s.kind, "i8") == 0) {
+      ok = RunI8(s, &rng) && ok;
+    } else {
+      ok = RunF32(s, &rng) && ok;
+    }
   }
   return ok ? 0 : 1;
 }
