@@ -7,7 +7,7 @@
 #   bash bench/arm_insn_count.sh [BUILD_DIR]     (default build/aarch64)
 #
 # Uses the cross build scripts/test.sh makes (or makes one), adding only
-# the driver to it.  About a minute and a half on one core.
+# the driver to it.  About three minutes.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 dir=${1:-build/aarch64}
