@@ -113,7 +113,6 @@ class Regions(list):
 def parse_log(stream, regions_out):
     """Reads the qemu log; appends a Region per marked call."""
     blocks = {}  # pc -> [(pc, mnemonic, operands)]
-    current = None
     cur_insns = None
     active = None
     for line in stream:
@@ -135,7 +134,6 @@ def parse_log(stream, regions_out):
                     active.blocks[pc] = (blocks[pc], sym)
             continue
         if line.startswith("IN:"):
-            current = None
             cur_insns = []
             continue
         if cur_insns is not None:
@@ -143,7 +141,6 @@ def parse_log(stream, regions_out):
             if m:
                 pc = int(m.group(1), 16)
                 if not cur_insns:
-                    current = pc
                     blocks[pc] = cur_insns
                 cur_insns.append((pc, m.group(2), m.group(3)))
             elif line.strip() == "" or line.startswith("---"):
