@@ -9,11 +9,13 @@
 
 #include <algorithm>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "ruvo/layer.h"
 #include "ruvo/src/net.h"
+#include "tests/ruvo/death_text.h"
 #include "tests/ruvo/net_fixture.h"
 
 namespace ruvo_test {
@@ -27,18 +29,26 @@ inline std::unique_ptr<orvik::ruvo::Layer> MakeLayer(const std::string& op,
   return layer;
 }
 
+// One build that must abort: attributes as "key=value ...", input shapes as
+// "(2,3) () (4,5)" (none: the failure is in Init), and a part of the report
+// as printed.
 struct FatalCase {
   const char* name;
   const char* op;
-  orvik::ruvo::LayerAttrs attrs;
-  std::vector<orvik::ruvo::TShape> in;  // empty: the failure is in Init
-  std::string expected;
+  const char* attrs;
+  const char* in;
+  const char* expected;
 };
 
 // Init, then InferShape on the row's inputs, must end in the row's report.
 inline void ExpectBuildAborts(const FatalCase& fc) {
-  std::vector<orvik::ruvo::TShape> in = fc.in, out(1), aux;
-  EXPECT_DEATH(MakeLayer(fc.op, fc.attrs)->InferShape(in, out, aux), fc.expected);
+  orvik::ruvo::LayerAttrs attrs;
+  std::istringstream words(fc.attrs);
+  for (std::string w; words >> w;) attrs[w.substr(0, w.find('='))] = w.substr(w.find('=') + 1);
+  std::vector<orvik::ruvo::TShape> in, out(1), aux;
+  std::istringstream shapes(fc.in);
+  for (orvik::ruvo::TShape s; shapes >> s; s = orvik::ruvo::TShape()) in.push_back(s);
+  EXPECT_DEATH(MakeLayer(fc.op, attrs)->InferShape(in, out, aux), RegexEscape(fc.expected));
 }
 
 inline std::string CaseName(const testing::TestParamInfo<FatalCase>& info) {

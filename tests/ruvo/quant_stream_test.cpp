@@ -26,7 +26,6 @@ using net_test::Tensor;
 using orvik::ruvo::TShape;
 using ruvo_test::CaseName;
 using ruvo_test::ExpectBuildAborts;
-using ruvo_test::Fatal;
 using ruvo_test::FatalCase;
 using ruvo_test::RegexEscape;
 
@@ -162,56 +161,23 @@ class QuantStreamBuildDeathTest : public testing::TestWithParam<FatalCase> {};
 
 TEST_P(QuantStreamBuildDeathTest, Aborts) { ExpectBuildAborts(GetParam()); }
 
-const orvik::ruvo::LayerAttrs kTemporal = {{"kernel", "(3,5)"}, {"num_filter", "4"}};
-const TShape kFrames{1, 1, 5, 3};
-
-orvik::ruvo::LayerAttrs With(orvik::ruvo::LayerAttrs a, const char* key, const char* value) {
-  a[key] = value;
-  return a;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Layers, QuantStreamBuildDeathTest,
-    testing::Values(
-        FatalCase{"TemporalPadded", "QuantiTemporalConvolution", With(kTemporal, "pad", "(1,0)"),
-                  {kFrames, TShape(), TShape()},
-                  Fatal("pad_[0] == 0 (1 vs. 0)", "only no-padding is supported")},
-        FatalCase{"TemporalDilatedAcross", "QuantiTemporalConvolution",
-                  With(kTemporal, "dilate", "(1,2)"), {kFrames, TShape(), TShape()},
-                  Fatal("dilate_[1] == 1 (2 vs. 1)", "only time-dim dilate is supported")},
-        FatalCase{"TemporalTooWide", "QuantiTemporalConvolution", kTemporal,
-                  {TShape{1, 1, 4, 3}, TShape(), TShape()},
-                  Fatal("ksize_x <= dshape[2] + 2 * pad_[1]", "kernel size exceed input")},
-        FatalCase{"TemporalWeight", "QuantiTemporalConvolution",
-                  With(kTemporal, "no_bias", "True"), {kFrames, TShape{4, 3, 5, 2}},
-                  Fatal("out == Shape4(num_filter_, kernel_[0], kernel_[1], dshape[3])",
-                        "Shape inconsistent, Provided (4,3,5,2) inferrend shape=(4,3,5,3)")},
-        FatalCase{"TemporalBadBool", "QuantiTemporalConvolution",
-                  With(kTemporal, "use_activation", "1"), {},
-                  RegexEscape("Check failed: ((use_activation_symbol) == \"True\" || "
-                              "(use_activation_symbol) == \"False\")")},
-        FatalCase{"DenseNoHidden", "QuantiFullyConnected", {{"num_hidden", "0"}}, {},
-                  Fatal("num_hidden_ >= 1 (0 vs. 1)", "")},
-        FatalCase{"DenseWeight", "QuantiFullyConnected", {{"num_hidden", "2"}},
-                  {TShape{1, 1, 5, 3}, TShape{2, 14}, TShape()},
-                  Fatal("out == Shape2(num_hidden_, num_input)",
-                        "Shape inconsistent, Provided (2,14) inferrend shape=(2,15)")},
-        FatalCase{"PoolNot4d", "AlphaPooling", {{"kernel", "(2,2)"}, {"pool_type", "max"}},
-                  {TShape{2, 3, 4}},
-                  Fatal("dshape.ndim() == 4 (3 vs. 4)",
-                        "AlphaPooling: Input data should be 4D in (batch, y, x, channel)")},
-        FatalCase{"PoolKernelExceedsInput", "AlphaPooling",
-                  {{"kernel", "(5,2)"}, {"pool_type", "avg"}}, {TShape{1, 3, 4, 2}},
-                  Fatal("oshape[1] > 0 && oshape[2] > 0", "AlphaPooling: kernel size exceed input")},
-        FatalCase{"PoolUnknownType", "AlphaPooling", {{"kernel", "(2,2)"}, {"pool_type", "min"}}, {},
-                  RegexEscape("Check failed: pool::pool_map.count(pool_type_symbol)")},
-        FatalCase{"PlusBadBool", "AlphaPlusConvolution",
-                  {{"kernel", "(1,1)"}, {"align_output_shift", "false"}}, {},
-                  RegexEscape("Check failed: ((align_output_shift_symbol) == \"True\" || "
-                              "(align_output_shift_symbol) == \"False\")")},
-        FatalCase{"UpscaleNot4d", "AlphaUpscale", {}, {TShape{2, 3, 4}},
-                  Fatal("dshape.ndim() == 4 (3 vs. 4)",
-                        "AlphaUpscale's input should have 4 dimensions")}),
-    CaseName);
+// The flag and pool type parsers are the float layers' and tested there.
+const FatalCase kRows[] = {
+    {"TemporalPadded", "QuantiTemporalConvolution", "kernel=(3,5) num_filter=4 pad=(1,0)",
+     "(1,1,5,3) () ()", "pad_[0] == 0 (1 vs. 0)"},
+    {"TemporalDilatedAcross", "QuantiTemporalConvolution", "kernel=(3,5) num_filter=4 dilate=(1,2)",
+     "(1,1,5,3) () ()", "dilate_[1] == 1 (2 vs. 1)"},
+    {"TemporalTooWide", "QuantiTemporalConvolution", "kernel=(3,5) num_filter=4", "(1,1,4,3) () ()",
+     "ksize_x <= dshape[2] + 2 * pad_[1]"},
+    {"TemporalWeight", "QuantiTemporalConvolution", "kernel=(3,5) num_filter=4 no_bias=True",
+     "(1,1,5,3) (4,3,5,2)", "Provided (4,3,5,2) inferrend shape=(4,3,5,3)"},
+    {"DenseNoHidden", "QuantiFullyConnected", "num_hidden=0", "", "num_hidden_ >= 1 (0 vs. 1)"},
+    {"DenseWeight", "QuantiFullyConnected", "num_hidden=2", "(1,1,5,3) (2,14) ()", "shape=(2,15)"},
+    {"PoolNot4d", "AlphaPooling", "kernel=(2,2) pool_type=max", "(2,3,4)", "AlphaPooling: Input"},
+    {"PoolKernelTooBig", "AlphaPooling", "kernel=(5,2) pool_type=avg", "(1,3,4,2)",
+     "AlphaPooling: kernel size exceed input"},
+    {"UpscaleNot4d", "AlphaUpscale", "", "(2,3,4)", "input should have 4 dimensions"},
+};
+INSTANTIATE_TEST_SUITE_P(Layers, QuantStreamBuildDeathTest, testing::ValuesIn(kRows), CaseName);
 
 }  // namespace
