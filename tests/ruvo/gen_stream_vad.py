@@ -4,7 +4,6 @@
 
     /usr/bin/python3 tests/ruvo/gen_stream_vad.py           (write)
     /usr/bin/python3 tests/ruvo/gen_stream_vad.py --check   (compare)
-    /usr/bin/python3 tests/ruvo/gen_stream_vad.py --calibrate FEATS.f32
 
 The dense model's first layer sees 20 frames of 3 x 40 features at once.
 Its weight, taken as one 120-wide row per (unit, frame), is split by SVD
@@ -12,10 +11,7 @@ into a per-frame projection to RANK values and a temporal kernel over 20
 frames of those: one temporal convolution of width one frame, then one of
 20 taps, each costing one row per new frame.  The second layer becomes a
 one-tap temporal convolution, the last an 8-bit dense layer with float
-output, then softmax.  Weights get per-channel power-of-two shifts; the
-activation shifts below were measured with --calibrate on the features of
-tests/data/tovad_sample.wav (tovad_feature_dump output, before the meanvar
-terms), which also prints how close the 8-bit net stays to the float one.
+output, then softmax.  Weights get per-channel power-of-two shifts.
 
 Also writes stream_vad.io: a random feature sequence and the 8-bit net's
 outputs for it, frame by frame from silence, computed in integer numpy.
@@ -33,10 +29,10 @@ from gen_stream_fixtures import temporal_acc
 RANK = 16
 TAPS = 20
 # Fractional bits of the features, the projection, and the two hidden
-# layers' outputs.  --calibrate on the sample gives the largest shifts that
-# never saturate as 3, 2, 0 and 1; one more bit on the features, the
-# projection and the temporal layer, which saturates their rare peaks, kept
-# the frame decisions closest to the float net's (98.0% agreement at 0.2).
+# layers' outputs: chosen by running the float factorised net on the
+# features of tests/data/tovad_sample.wav, taking the largest shifts that
+# never saturate (3, 2, 0, 1), then one more bit where rare saturated peaks
+# kept the frame decisions closer to the float net's (98.0% agree at 0.2).
 SHIFTS = {"in": 4, "proj": 3, "time": 1, "fc2": 1}
 
 
@@ -134,41 +130,5 @@ def write(out_dir):
     save("stream_vad", g, params, io, out_dir)
 
 
-def calibrate(path):
-    """Largest magnitudes in the float factorised net on real features, the
-    shifts they allow, and the 8-bit net's distance from the float net."""
-    mv = np.loadtxt(os.path.join(ROOT, "models", "dense", "tovad.meanvar")).ravel()
-    feats = (mv[:120] + np.fromfile(path, "<f4").reshape(-1, 120)) * mv[120:]
-    p = float_model()
-    proj, time = factorise(p)
-    h0 = feats @ proj.T
-    pad = np.concatenate([np.zeros((TAPS - 1, RANK)), h0])
-    h1 = np.maximum(sum(pad[k:k + len(h0)] @ time[:, k].T for k in range(TAPS)) + p["fc1_bias"], 0)
-    h2 = np.maximum(h1 @ p["fc2_weight"].T + p["fc2_bias"], 0)
-    for key, v in (("in", feats), ("proj", h0), ("time", h1), ("fc2", h2)):
-        peak = np.abs(v).max()
-        print("%-5s max %8.3f  99.9%% %8.3f  shift <= %d" % (
-            key, peak, np.percentile(np.abs(v), 99.9), int(np.floor(np.log2(127.0 / peak)))))
-
-    def speech(logits):
-        e = np.exp(logits - logits.max(axis=1, keepdims=True))
-        return e[:, 1] / e.sum(axis=1)
-
-    win = np.concatenate([np.zeros((TAPS - 1, 120)), feats])
-    dense = np.stack([win[t:t + TAPS].ravel() for t in range(len(feats))])
-    h = np.maximum(dense @ p["fc1_weight"].T + p["fc1_bias"], 0)
-    h = np.maximum(h @ p["fc2_weight"].T + p["fc2_bias"], 0)
-    ref = speech(h @ p["fc3_weight"].T + p["fc3_bias"])
-    q = speech(run_int8(quantised(), feats.astype(F32)).astype(np.float64))
-    print("speech posterior: mean |8-bit - float| %.4f, max %.4f; decisions at 0.2 agree on %.1f%%"
-          % (np.abs(q - ref).mean(), np.abs(q - ref).max(), 100.0 * np.mean((q > 0.2) == (ref > 0.2))))
-
-
-def main(argv):
-    if argv[1:2] == ["--calibrate"]:
-        return calibrate(argv[2])
-    return write_or_check(write)
-
-
 if __name__ == "__main__":
-    sys.exit(main(sys.argv))
+    sys.exit(write_or_check(write))
