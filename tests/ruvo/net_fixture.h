@@ -54,38 +54,30 @@ inline std::string ReadFile(const std::string& path) {
   return ss.str();
 }
 
+// "case NAME", then blocks "input|output|bound KEY NDIM D0 D1 ..." each
+// followed by its values.
 inline std::vector<IoCase> ParseIo(const std::string& text) {
   std::vector<IoCase> cases;
   std::istringstream in(text);
-  std::string kind;
-  while (in >> kind) {
+  for (std::string kind, key; in >> kind >> key;) {
     if (kind == "case") {
-      cases.emplace_back();
-      in >> cases.back().name;
+      cases.push_back({key, {}, {}, {}});
       continue;
     }
-    std::string key;
-    uint32_t ndim = 0;
-    in >> key >> ndim;
     Tensor t;
+    uint32_t ndim = 0;
+    in >> ndim;
+    t.shape.resize(ndim);
     size_t count = 1;
-    for (uint32_t i = 0; i < ndim; ++i) {
-      uint32_t d = 0;
-      in >> d;
-      t.shape.push_back(d);
-      count *= d;
+    for (uint32_t& d : t.shape) count *= (in >> d, d);
+    for (std::string v; t.values.size() < count && in >> v;) {
+      t.values.push_back(std::strtof(v.c_str(), nullptr));  // also "inf" and "nan"
     }
-    t.values.resize(count);
-    for (size_t i = 0; i < count; ++i) {
-      std::string v;
-      in >> v;
-      t.values[i] = std::strtof(v.c_str(), nullptr);
-    }
-    if (cases.empty()) cases.emplace_back();
+    EXPECT_TRUE(!cases.empty() && (kind == "input" || kind == "output" || kind == "bound")) << kind;
+    if (cases.empty()) break;
     if (kind == "input") {
       cases.back().inputs.emplace_back(key, t);
     } else {
-      EXPECT_TRUE(kind == "output" || kind == "bound") << "unknown block " << kind;
       (kind == "output" ? cases.back().outputs : cases.back().bounds)[key] = t;
     }
   }
@@ -133,13 +125,15 @@ inline PredictorHandle Create(const Model& m, InputShapes s,
                          s.indptr.data(), s.data.data(), &h)
           : MXPredCreatePartialOut(m.json.c_str(), m.params.data(), size, 1, 0, n_in,
                                    s.keys.data(), s.indptr.data(), s.data.data(),
-                                   static_cast<uint32_t>(output_keys.size()), output_keys.data(), &h);
+                                   static_cast<uint32_t>(output_keys.size()), output_keys.data(),
+                                   &h);
   EXPECT_EQ(ret, 0);
   return h;
 }
 
 // With the input shapes of case `c`.
-inline PredictorHandle Create(const Model& m, const IoCase& c, std::vector<const char*> output_keys = {}) {
+inline PredictorHandle Create(const Model& m, const IoCase& c,
+                              std::vector<const char*> output_keys = {}) {
   return Create(m, ShapesOf(c), output_keys);
 }
 
@@ -189,12 +183,11 @@ inline std::vector<float> Widened(const Tensor& t) {
 
 // Every case of the fixture net `name` through the prediction interface.
 // Head i is heads[i], or with no heads the case's i-th output in key order
-// (shifts left out).
-// An output with a bound in the case stays within it (and, over all cases,
-// is off somewhere: an approximate path must not be the exact one); one
-// with a "<key>.shift" is 8-bit and exact; any other is within atol +
-// rtol * |want|.  A third run gives the first run's outputs and allocates
-// nothing.
+// (shifts left out).  An output with a bound in the case stays within it
+// (and, over all cases, is off somewhere: an approximate path must not be
+// the exact one); one with a "<key>.shift" is 8-bit and exact; any other is
+// within atol + rtol * |want|.  A second run gives the first run's outputs
+// bit for bit and allocates nothing.
 inline void ExpectNetMatches(const std::string& name, std::vector<std::string> heads, float atol,
                              float rtol) {
   const long start = AllocCount();
@@ -206,44 +199,41 @@ inline void ExpectNetMatches(const std::string& name, std::vector<std::string> h
     std::vector<std::string> keys = heads;
     for (const auto& out : c.outputs) {
       const std::string& k = out.first;
-      if (heads.empty() && (k.size() < 6 || k.compare(k.size() - 6, 6, ".shift") != 0)) keys.push_back(k);
+      const bool shift = k.size() > 6 && k.compare(k.size() - 6, 6, ".shift") == 0;
+      if (heads.empty() && !shift) keys.push_back(k);
     }
     PredictorHandle h = Create(m, c);
     ASSERT_NE(h, nullptr) << name;
+    SetInputs(h, c);
+    EXPECT_EQ(MXPredForward(h), 0);
     std::vector<Tensor> first;
-    for (int run = 0; run < 3; ++run) {
-      SetInputs(h, c);
-      const long before = AllocCount();
-      EXPECT_EQ(MXPredForward(h), 0);
-      if (run == 2) {
-        EXPECT_EQ(AllocCount() - before, 0) << name << ": steady-state allocations";
+    for (uint32_t i = 0; i < keys.size(); ++i) {
+      first.push_back(GetOutput(h, i));
+      const Tensor& got = first.back();
+      const std::string what = name + "/" + c.name + "/" + keys[i];
+      const Tensor& want = c.outputs.at(keys[i]);
+      ASSERT_EQ(got.shape, want.shape) << what;
+      if (c.outputs.count(keys[i] + ".shift")) {
+        EXPECT_EQ(Widened(got), want.values) << what;
+        continue;
       }
-      for (uint32_t i = 0; i < keys.size(); ++i) {
-        const Tensor got = GetOutput(h, i);
-        if (run == 2) {  // bitwise: 8-bit outputs fill floats with their bytes
-          EXPECT_EQ(std::memcmp(got.values.data(), first[i].values.data(), got.values.size() * 4), 0)
-              << name << ": run 3 differs, head " << keys[i];
-          continue;
-        }
-        if (run == 1) continue;
-        first.push_back(got);
-        const std::string what = name + "/" + c.name + "/" + keys[i];
-        const Tensor& want = c.outputs.at(keys[i]);
-        if (c.outputs.count(keys[i] + ".shift")) {
-          ASSERT_EQ(got.shape, want.shape) << what;
-          EXPECT_EQ(Widened(got), want.values) << what;
-        } else if (c.bounds.count(keys[i])) {
-          ASSERT_EQ(got.shape, want.shape) << what;
-          const std::vector<float>& bound = c.bounds.at(keys[i]).values;
-          for (size_t j = 0; j < want.values.size(); ++j) {
-            const double err = std::fabs(got.values[j] - want.values[j]);
-            EXPECT_LE(err, bound[j]) << what << " element " << j;
-            max_err[keys[i]] = std::max(max_err[keys[i]], err);
-          }
-        } else {
-          ExpectNear(got, want, atol, rtol, what);
-        }
+      for (size_t j = 0; j < want.values.size(); ++j) {
+        const double err = std::fabs(got.values[j] - want.values[j]);
+        const bool bounded = c.bounds.count(keys[i]) != 0;
+        const double tol = atol + rtol * std::fabs(want.values[j]);
+        EXPECT_LE(err, bounded ? c.bounds.at(keys[i]).values[j] : tol) << what << " element " << j;
+        if (bounded) max_err[keys[i]] = std::max(max_err[keys[i]], err);
       }
+    }
+    SetInputs(h, c);
+    const long before = AllocCount();
+    EXPECT_EQ(MXPredForward(h), 0);
+    EXPECT_EQ(AllocCount() - before, 0) << name << ": steady-state allocations";
+    for (uint32_t i = 0; i < keys.size(); ++i) {  // bitwise: 8-bit outputs fill floats with bytes
+      const Tensor again = GetOutput(h, i);
+      const size_t bytes = again.values.size() * 4;
+      EXPECT_EQ(std::memcmp(again.values.data(), first[i].values.data(), bytes), 0)
+          << name << ": the second run differs, head " << keys[i];
     }
     MXPredFree(h);
   }
