@@ -44,26 +44,22 @@ TEST(ShapeTextTest, WritesAndReads) {
     std::stringstream ss;
     ss << c.shape;
     EXPECT_EQ(ss.str(), c.text);
-    TShape back{9};
+    TShape back = c.shape.ndim() ? TShape{9} : TShape();  // "()" leaves it alone
     ss >> back;
-    if (c.shape.ndim() > 0) {
-      EXPECT_EQ(back, c.shape) << c.text;
-    }
+    EXPECT_EQ(back, c.shape) << c.text;
   }
+  // An empty list leaves the target alone.
   const TShape kBefore{9, 9};
   const struct {
     const char* text;
     TShape expected;
     bool fails;
-  } read[] = {
-      {"[1, 2L,]", TShape{1, 2}, false}, {"7", TShape{7}, false},
-      {"()", kBefore, false},  // an empty list leaves the target alone
-      {" [ ] ", kBefore, false},         {"(1;2)", kBefore, true},
-      {"  (3 ,4 )", TShape{3, 4}, false}, {"(5L)", TShape{5}, false},
-      {"(1,2,3,4,5,6)", TShape{1, 2, 3, 4, 5, 6}, false},
-      {"x", kBefore, true},              {"", kBefore, true},
-      {"(1, 2", kBefore, true},          {"(1,2]", TShape{1, 2}, false},
-  };
+  } read[] = {{"[1, 2L,]", TShape{1, 2}, false}, {"7", TShape{7}, false},
+              {" [ ] ", kBefore, false},          {"(1;2)", kBefore, true},
+              {"  (3 ,4 )", TShape{3, 4}, false}, {"(5L)", TShape{5}, false},
+              {"x", kBefore, true},               {"", kBefore, true},
+              {"(1, 2", kBefore, true},           {"(1,2]", TShape{1, 2}, false},
+              {"(1,2,3,4,5,6)", TShape{1, 2, 3, 4, 5, 6}, false}};
   for (const auto& c : read) {
     TShape s = kBefore;
     std::istringstream is(c.text);
@@ -79,10 +75,7 @@ TEST(ShapeTextTest, WritesAndReads) {
 }
 
 TEST(NDArrayTest, AllocatesAlignedChunksOfTheTypeSize) {
-  NDArray none;
-  EXPECT_TRUE(none.is_none());
-  EXPECT_EQ(none.dtype(), -1);
-  EXPECT_EQ(none.shift_, 255);
+  EXPECT_EQ(NDArray().dtype(), -1);
   const struct {
     TShape shape;
     int dtype;
@@ -106,8 +99,6 @@ TEST(NDArrayTest, AllocatesAlignedChunksOfTheTypeSize) {
   float buf[6] = {0, 1, 2, 3, 4, 5};
   {
     NDArray foreign(buf, TShape{2, 3}, kInt8);  // always float
-    EXPECT_EQ(foreign.dtype(), kFloat32);
-    EXPECT_TRUE(foreign.chunk_->static_data_);
     EXPECT_EQ(foreign.At(1).dptr<float>()[2], 5.0f);
   }  // not freed: the sanitizer build would report a bad free
 }
@@ -119,9 +110,6 @@ TEST(NDArrayTest, ViewsShareTheChunkAndAddOffsets) {
     b.batch_max_ = 2;
     b.shift_ = 6;
     for (int i = 0; i < 24; ++i) b.dptr<signed char>()[i] = static_cast<signed char>(i);
-    NDArray copy = b;
-    copy.dptr<signed char>()[0] = 99;
-    EXPECT_EQ(b.dptr<signed char>()[0], 99);
     NDArray s1 = b.At(1);
     EXPECT_EQ(s1.shape(), (TShape{3, 4}));
     EXPECT_EQ(s1.batch_max_, 2u);
@@ -147,20 +135,16 @@ TEST(NDArrayTest, CopiesAndBatchResizing) {
   for (int i = 0; i < 6; ++i) a.dptr<int>()[i] = i + 1;
   a.shift_ = 4;
   NDArray c = a.At(2).Copy();
-  EXPECT_NE(c.chunk_, a.chunk_);
-  EXPECT_EQ(c.offset_, 0u);
   EXPECT_EQ(c.shift_, 4);
   a.dptr<int>()[4] = 0;
-  EXPECT_EQ(c.dptr<int>()[0], 5);
-  EXPECT_EQ(c.dptr<int>()[1], 6);
+  EXPECT_EQ(std::vector<int>(c.dptr<int>(), c.dptr<int>() + 2), (std::vector<int>{5, 6}));
 
   const int in[2] = {11, -12};
   a.At(1).SyncCopyFrom(in, 2);
   EXPECT_EQ(a.dptr<int>()[3], -12);
-  int out[2] = {0, 0};
+  int out[2] = {9, 9};
   a.At(2).SyncCopyTo(out, 2);
-  EXPECT_EQ(out[0], 0);
-  EXPECT_EQ(out[1], 6);
+  EXPECT_EQ(std::vector<int>(out, out + 2), (std::vector<int>{0, 6}));
   NDArray h(TShape{2}, kFloat16);  // 16 bytes an element
   unsigned char raw[32], back[32] = {};
   for (int i = 0; i < 32; ++i) raw[i] = static_cast<unsigned char>(i);
@@ -183,35 +167,24 @@ TEST(NDArrayTest, CopiesAndBatchResizing) {
   EXPECT_EQ(r.batch_max_, 8u);
 }
 
+// Each report as printed, up to the start of its message.
 TEST(NDArrayDeathTest, ChecksOfEveryAccessor) {
-  NDArray a(TShape{2, 6}, kFloat32);
-  NDArray none;
+  NDArray a(TShape{2, 6}, kFloat32), none, scalar(TShape(), kFloat32);
   int buf[13] = {};
+  const std::string mismatch = Fatal("DataType<DType>::kFlag() == dtype_", "NDArray.dptr()");
   EXPECT_DEATH(a.At(2), Fatal("shape_[0] > idx (2 vs. 2)", "index out of range"));
   EXPECT_DEATH(none[0], Fatal("!is_none()", "NDArray is not initialized"));
-  EXPECT_DEATH(a.Reshape(TShape{13}), Fatal("shape_.Size() >= shape.Size() (12 vs. 13)",
-                                            "NDArray.Reshape: target shape size is different from "
-                                            "current shape"));
-  EXPECT_DEATH(a.AsArray(TShape{49}, kInt8),
-               Fatal("shape_.Size() * orvik_sizeof(dtype_) >= shape.Size() * "
-                     "orvik_sizeof(dtype) (48 vs. 49)",
-                     "NDArray.AsArray: target memory size is bigger"));
-  EXPECT_DEATH(a.AsArray(TShape{1}, 7), Fatal("type > -1 && type < kUnused", "Type not initialized!"));
-  const std::string mismatch = Fatal("DataType<DType>::kFlag() == dtype_",
-                                     "NDArray.dptr():data type do not match specified type.");
+  EXPECT_DEATH(a.Reshape(TShape{13}), Fatal("shape_.Size() >= shape.Size() (12 vs. 13)", "NDA"));
+  EXPECT_DEATH(a.AsArray(TShape{49}, kInt8), RegexEscape("(48 vs. 49)\n# NDArray.AsArray: target"));
+  EXPECT_DEATH(a.AsArray(TShape{1}, 7), Fatal("type > -1 && type < kUnused", "Type not init"));
   EXPECT_DEATH(a.dptr<int>(), mismatch);
   EXPECT_DEATH(none.dptr<float>(), mismatch);
-  EXPECT_DEATH(a.SyncCopyFrom(buf, 13),
-               Fatal("shape_.Size() == size (12 vs. 13)", "Memory size do not match"));
-  EXPECT_DEATH(a.SyncCopyTo(buf, 11),
-               Fatal("shape_.Size() == size (12 vs. 11)", "Memory size do not match"));
-  EXPECT_DEATH(none.SyncCopyFrom(buf, 1),
-               Fatal("dtype_ > -1 && dtype_ < kUnused", "Type not initialized!"));
+  EXPECT_DEATH(a.SyncCopyFrom(buf, 13), Fatal("shape_.Size() == size (12 vs. 13)", "Memory size"));
+  EXPECT_DEATH(a.SyncCopyTo(buf, 11), Fatal("shape_.Size() == size (12 vs. 11)", "Memory size"));
+  EXPECT_DEATH(none.SyncCopyFrom(buf, 1), Fatal("dtype_ > -1 && dtype_ < kUnused", "Type not"));
   a.batch_max_ = 2;
-  EXPECT_DEATH(a.SetCurBatch(3),
-               Fatal("batch_max_ >= batch (2 vs. 3)", "3 is greater than max batch size:2"));
-  NDArray scalar(TShape(), kFloat32);
-  EXPECT_DEATH(scalar.SetCurBatch(0), RegexEscape("# Check failed: shape_.ndim() >= 1 (0 vs. 1)"));
+  EXPECT_DEATH(a.SetCurBatch(3), Fatal("batch_max_ >= batch (2 vs. 3)", "3 is greater than max"));
+  EXPECT_DEATH(scalar.SetCurBatch(0), Fatal("shape_.ndim() >= 1 (0 vs. 1)", ""));
 }
 
 }  // namespace
