@@ -1,11 +1,7 @@
-"""What the fixture generators under tests/ruvo/ share: the .io text, saving
-a net's three files, the 8-bit integer arithmetic of the engine, and the
-write-or---check entry point.
-
-A NAME.io file is text: "case CASE", then blocks "input|output|bound KEY
-NDIM D0 D1 ..." each followed by a line of values (a bound is the allowed
-absolute error).
-"""
+"""What the fixture generators under tests/ruvo/ share: the .io text ("case
+CASE", then blocks "input|output|bound KEY NDIM D0 D1 ..." each followed by
+a line of values; a bound is the allowed absolute error), saving a net's
+three files, the engine's 8-bit integer arithmetic, and --check."""
 
 import os
 import sys
@@ -23,30 +19,22 @@ from model_writer import SymbolGraph, read_params, write_params  # noqa: E402,F4
 F32, I8, I32 = np.float32, np.int8, np.int32
 
 
-def block(kind, key, array):
-    array = np.asarray(array)
-    return ["%s %s %d %s" % (kind, key, array.ndim, " ".join(str(d) for d in array.shape)),
-            " ".join("%.9g" % v for v in np.asarray(array, dtype=np.float64).ravel())]
-
-
-class IoFile:
-    """The .io text, block by block: io.case(name), io.input / io.output /
+class IoFile(list):
+    """The .io text, line by line: io.case(name), io.input / io.output /
     io.bound(key, array)."""
 
-    def __init__(self):
-        self.lines = []
-
     def case(self, name):
-        self.lines.append("case %s" % name)
+        self.append("case %s" % name)
 
     def __getattr__(self, kind):
         if kind not in ("input", "output", "bound"):
             raise AttributeError(kind)
-        return lambda key, array: self.lines.extend(block(kind, key, array))
+        return lambda key, a: self.extend(["%s %s %d %s" % (kind, key, np.ndim(a), " ".join(map(str, np.shape(a)))),
+                                           " ".join("%.9g" % v for v in np.asarray(a, np.float64).ravel())])
 
     def write(self, path):
         with open(path, "w") as f:
-            f.write("\n".join(self.lines) + "\n")
+            f.write("\n".join(self) + "\n")
 
 
 def save(name, graph, params, io, out_dir, version=10600):

@@ -1,16 +1,9 @@
 #!/usr/bin/python3
 """Writes the float layer nets of the layer tests (pooling, batch norm and
 dropout, the element-wise family, upsampling, LSTM) and the 8-bit pooling
-net, with expected outputs computed here: numpy in float64 (int64 for the
-8-bit pools), and PyTorch's LSTM for the recurrent net.
-
-    /usr/bin/python3 tests/ruvo/gen_float_fixtures.py           (write)
-    /usr/bin/python3 tests/ruvo/gen_float_fixtures.py --check   (compare)
-
-Files go to tests/data/net/ in the .io form of gen_net_fixtures.py.  The
-heads of every net are in name order, so output i of a predictor is the
-i-th output key of a case.  Everything is seeded.
-"""
+net into tests/data/net/ (--check compares instead), with expected outputs
+from numpy in float64 (int64 for the 8-bit pools) and PyTorch's LSTM.  The
+heads of every net are in name order, as the output keys of a case are."""
 
 import math
 import sys

@@ -1,13 +1,8 @@
 #!/usr/bin/python3
-"""Writes the small nets of the net and layer tests under tests/data/net/
-(NAME-symbol.json, NAME.params, NAME.io), with the expected outputs
-computed here in numpy, independently of the engine, NAME.io in the form
-of fixture_lib.py.  Output keys are the names of the layers that produce
-them; 4-d tensors are channel-last.  Seeded.
-
-    /usr/bin/python3 tests/ruvo/gen_net_fixtures.py           (write)
-    /usr/bin/python3 tests/ruvo/gen_net_fixtures.py --check   (compare)
-"""
+"""Writes the small nets of the net and layer tests into tests/data/net/
+(--check compares instead), with expected outputs computed here in numpy.
+Output keys are the names of the layers that produce them; 4-d tensors are
+channel-last."""
 
 import os
 import sys

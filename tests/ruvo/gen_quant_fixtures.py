@@ -1,15 +1,8 @@
 #!/usr/bin/python3
-"""Writes the convolution and 8-bit nets of the layer tests, with their
-expected outputs computed here in numpy, independently of the engine.
-
-    /usr/bin/python3 tests/ruvo/gen_quant_fixtures.py           (write)
-    /usr/bin/python3 tests/ruvo/gen_quant_fixtures.py --check   (compare)
-
-Files go to tests/data/net/ in the .io form of fixture_lib.py.  Float
-convolutions are computed in float64; the 8-bit layers in integer
-arithmetic, so their outputs (and the shift written beside each, under
-KEY.shift) are exact.  Everything is seeded.
-"""
+"""Writes the convolution and 8-bit nets of the layer tests into
+tests/data/net/ (--check compares instead), with expected outputs computed
+here: float convolutions in float64, the 8-bit layers in integer numpy, so
+their outputs (and the shift beside each, under KEY.shift) are exact."""
 
 import os
 import sys

@@ -1,12 +1,10 @@
 #!/usr/bin/python3
-"""Writes the streaming 8-bit net of quant_stream_test.cpp: temporal
-convolutions and 8-bit dense layers over a sequence of frames, with the
-expected outputs computed here in integer numpy.
+"""Writes the 8-bit nets of quant_stream_test.cpp into tests/data/net/
+(--check compares instead), with expected outputs in integer numpy: the
+streaming net of temporal convolutions and 8-bit dense layers, and the
+pooling, doubling and scale-override convolution nets.
 
-    /usr/bin/python3 tests/ruvo/gen_stream_fixtures.py           (write)
-    /usr/bin/python3 tests/ruvo/gen_stream_fixtures.py --check   (compare)
-
-The net's batch axis is time.  For every head the .io file holds the
+The streaming net's batch axis is time.  For every head the .io file holds the
 outputs over the whole sequence (KEY), over the sequence restarted from
 silence at frame RESTART (KEY@reset), and over the sequence run one frame a
 call with an UpdateInterBuff after each frame in UPDATES (KEY@update).

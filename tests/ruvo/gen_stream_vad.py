@@ -1,9 +1,7 @@
 #!/usr/bin/python3
 """Writes a streaming 8-bit VAD net made from the float dense model
-(models/dense), for the streaming tests and the net bench.
-
-    /usr/bin/python3 tests/ruvo/gen_stream_vad.py           (write)
-    /usr/bin/python3 tests/ruvo/gen_stream_vad.py --check   (compare)
+(models/dense), for the streaming tests and the net bench (--check compares
+instead).
 
 The dense model's first layer sees 20 frames of 3 x 40 features at once.
 Its weight, taken as one 120-wide row per (unit, frame), is split by SVD

@@ -1,12 +1,7 @@
 #!/usr/bin/python3
-"""Writes the model files of the engine's reader tests into this folder.
-
-    /usr/bin/python3 tests/data/ruvo/gen_engine_files.py          (rewrite)
-    /usr/bin/python3 tests/data/ruvo/gen_engine_files.py --check  (compare)
-
-The array contents follow simple formulas that the C++ tests restate
-(tests/ruvo/model_files_test.cpp); change both together.
-"""
+"""Writes the model files of the engine's reader tests into this folder
+(--check compares instead).  The array contents follow formulas that
+tests/ruvo/model_files_test.cpp restates; change both together."""
 
 import os
 import sys
