@@ -39,47 +39,36 @@ const struct {
 
 constexpr uint32_t kFrame = 5 * 3;  // floats of one input frame
 
+// `batch` frames a call; MXResetInterBuff before frame `reset`, and
+// MXUpdateInterBuff after the frames in `updates`.
 struct Schedule {
   uint32_t batch = 1;
-  int reset_before = -1;        // MXResetInterBuff before this frame
-  std::set<int> update_after;   // MXUpdateInterBuff after these frames
+  int reset = -1;
+  std::set<int> updates;
 };
 
-struct Streamed {
-  std::map<std::string, std::vector<float>> out;  // 8-bit values widened
-  long steady_allocs = 0;  // allocations by the net after its first call
-};
-
-// Feeds the sequence `batch` frames a call, collecting every head's output
-// from frame `from` on.
-Streamed Stream(const Model& m, const Schedule& s, int from) {
+// Every head's outputs (8-bit values widened) from frame `from` on; the
+// net's allocations after its first call go to *allocs.
+std::map<std::string, std::vector<float>> Stream(const Model& m, const Schedule& s, int from,
+                                                 long* allocs) {
   const Tensor& seq = m.cases.at(0).inputs.at(0).second;
-  const int frames = static_cast<int>(seq.shape[0]);
-  const char* key = "data";
   PredictorHandle h = net_test::CreateForData(m, {s.batch, 1, 5, 3});
-  Streamed run;
-  for (int t = 0; t < frames; t += static_cast<int>(s.batch)) {
-    // Only the net's calls are counted, from the second call on.
+  std::map<std::string, std::vector<float>> out;
+  for (int t = 0; t < static_cast<int>(seq.shape[0]); t += static_cast<int>(s.batch)) {
     const long before = AllocCount();
-    if (t == s.reset_before) {
-      EXPECT_EQ(MXResetInterBuff(h), 0);
-    }
-    MXPredSetInput(h, key, seq.values.data() + t * kFrame, s.batch * kFrame);
+    EXPECT_EQ(t == s.reset ? MXResetInterBuff(h) : 0, 0);
+    MXPredSetInput(h, "data", seq.values.data() + t * kFrame, s.batch * kFrame);
     MXPredForward(h);
-    if (s.update_after.count(t)) {
-      EXPECT_EQ(MXUpdateInterBuff(h), 0);
-    }
-    if (t > 0) run.steady_allocs += AllocCount() - before;
-    if (t < from) continue;
-    for (uint32_t i = 0; i < std::size(kHeads); ++i) {
+    EXPECT_EQ(s.updates.count(t) ? MXUpdateInterBuff(h) : 0, 0);
+    if (t > 0) *allocs += AllocCount() - before;
+    for (uint32_t i = 0; i < std::size(kHeads) && t >= from; ++i) {
       const Tensor got = net_test::GetOutput(h, i);
       const std::vector<float> values = kHeads[i].int8 ? net_test::Widened(got) : got.values;
-      std::vector<float>& dst = run.out[kHeads[i].name];
-      dst.insert(dst.end(), values.begin(), values.end());
+      out[kHeads[i].name].insert(out[kHeads[i].name].end(), values.begin(), values.end());
     }
   }
   MXPredFree(h);
-  return run;
+  return out;
 }
 
 TEST(QuantStreamTest, FramesAtAnyPaceResetAndUpdateMatchNumpy) {
@@ -101,11 +90,12 @@ TEST(QuantStreamTest, FramesAtAnyPaceResetAndUpdateMatchNumpy) {
       {"updates between calls", Schedule{1, -1, updates}, 0, "@update"},
   };
   for (const auto& r : runs) {
-    Streamed got = Stream(m, r.schedule, r.from);
-    EXPECT_EQ(got.steady_allocs, 0) << r.name;
+    long allocs = 0;
+    auto got = Stream(m, r.schedule, r.from, &allocs);
+    EXPECT_EQ(allocs, 0) << r.name;
     for (const auto& head : kHeads) {
-      EXPECT_EQ(got.out[head.name], io.at(head.name + std::string(r.suffix)).values)
-          << r.name << ": " << head.name;
+      const std::string key = head.name + std::string(r.suffix);
+      EXPECT_EQ(got[head.name], io.at(key).values) << r.name << ": " << head.name;
     }
   }
 }
@@ -134,14 +124,14 @@ TEST(AlphaLayersTest, OutputsAndShiftsMatchNumpy) {
 // A channel count outside the family is logged and writes nothing.
 TEST(AlphaLayersTest, UpscaleOfUnsupportedChannelsLeavesTheOutput) {
   auto layer = ruvo_test::MakeLayer("AlphaUpscale", {});
-  orvik::ruvo::NDArray in(TShape{1, 2, 2, 5}, orvik::ruvo::kInt8),
-      out(TShape{1, 4, 4, 5}, orvik::ruvo::kInt8);
+  using orvik::ruvo::kInt8;
+  orvik::ruvo::NDArray in(TShape{1, 2, 2, 5}, kInt8), out(TShape{1, 4, 4, 5}, kInt8);
+  signed char* o = out.dptr<signed char>();
   std::fill(in.dptr<signed char>(), in.dptr<signed char>() + in.Size(), 9);
-  std::fill(out.dptr<signed char>(), out.dptr<signed char>() + out.Size(), 0x55);
+  std::fill(o, o + out.Size(), 0x55);
   std::vector<orvik::ruvo::NDArray*> bottoms = {&in}, tops = {&out}, auxes;
   EXPECT_EQ(layer->Forward(bottoms, tops, auxes), 0);
-  EXPECT_EQ(std::count(out.dptr<signed char>(), out.dptr<signed char>() + out.Size(), 0x55),
-            static_cast<long>(out.Size()));
+  EXPECT_EQ(std::count(o, o + out.Size(), 0x55), static_cast<long>(out.Size()));
 }
 
 // The first call's batch may not exceed any temporal window (three frames
@@ -152,8 +142,7 @@ TEST(QuantStreamDeathTest, FirstCallLongerThanTheWindowIsFatal) {
   PredictorHandle h = net_test::CreateForData(m, {6, 1, 5, 3});
   ASSERT_NE(h, nullptr);
   MXPredSetInput(h, "data", seq.values.data(), 6 * kFrame);
-  EXPECT_DEATH(MXPredForward(h),
-               RegexEscape("input_buff_frames_ >= ishape[0] (3 vs. 6)"));
+  EXPECT_DEATH(MXPredForward(h), RegexEscape("input_buff_frames_ >= ishape[0] (3 vs. 6)"));
   MXPredFree(h);
 }
 
