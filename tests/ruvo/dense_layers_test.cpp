@@ -107,25 +107,13 @@ INSTANTIATE_TEST_SUITE_P(Layers, LayerDeathTest, testing::ValuesIn(kRows), ruvo_
 // Forward-time rules: a 2-d input in mode "channel", and a layer that was
 // never initialised.
 TEST(LayerForwardDeathTest, ChannelSoftmaxNeedsThreeAxes) {
-  EXPECT_DEATH(
-      {
-        auto layer = MakeLayer("SoftmaxActivation", {{"mode", "channel"}});
-        orvik::ruvo::NDArray in(TShape{2, 3}, 0);
-        orvik::ruvo::NDArray out(TShape{2, 3}, 0);
-        std::vector<orvik::ruvo::NDArray*> bottoms = {&in};
-        std::vector<orvik::ruvo::NDArray*> tops = {&out};
-        std::vector<orvik::ruvo::NDArray*> auxes;
-        layer->Forward(bottoms, tops, auxes);
-      },
-      Fatal("bottom_blobs[softmax::kData]->ndim() >= 3 (2 vs. 3)",
-            "Input need to have a least 3 dimensions when mode=channel"));
-  EXPECT_DEATH(
-      {
-        orvik::ruvo::FullyConnected fc;
-        std::vector<orvik::ruvo::NDArray*> none;
-        fc.Forward(none, none, none);
-      },
-      RegexEscape("Check failed: inited_\n# Init first!"));
+  auto layer = MakeLayer("SoftmaxActivation", {{"mode", "channel"}});
+  orvik::ruvo::NDArray in(TShape{2, 3}, 0), out(TShape{2, 3}, 0);
+  std::vector<orvik::ruvo::NDArray*> bottoms = {&in}, tops = {&out}, none;
+  EXPECT_DEATH(layer->Forward(bottoms, tops, none),
+               Fatal("bottom_blobs[softmax::kData]->ndim() >= 3 (2 vs. 3)", "Input need to have"));
+  orvik::ruvo::FullyConnected fc;
+  EXPECT_DEATH(fc.Forward(none, none, none), RegexEscape("Check failed: inited_\n# Init first!"));
 }
 
 }  // namespace
