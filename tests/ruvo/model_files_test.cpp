@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -144,22 +145,16 @@ TEST_P(WrittenParamsTest, LoadBackWithNamesShapesTypesAndBytes) {
   std::vector<NDArray> data;
   std::vector<std::string> names;
   LoadAll(ReadDataFile(GetParam()), &data, &names);
-  const size_t n = sizeof(kWrittenArrays) / sizeof(kWrittenArrays[0]);
+  const size_t n = std::size(kWrittenArrays);
   ASSERT_EQ(data.size(), n);
   ASSERT_EQ(names.size(), n);
   for (size_t k = 0; k < n; ++k) {
     const ExpectedArray& e = kWrittenArrays[k];
     SCOPED_TRACE(e.name);
     EXPECT_EQ(names[k], e.name);
-    if (e.flag < 0) {
-      EXPECT_TRUE(data[k].is_none());
-      EXPECT_EQ(data[k].dtype(), -1);
-      continue;
-    }
-    ASSERT_FALSE(data[k].is_none());
-    EXPECT_EQ(data[k].shape(), e.shape);
     EXPECT_EQ(data[k].dtype(), e.flag);
-    EXPECT_EQ(data[k].shift_, 255);
+    if (e.flag < 0) continue;
+    EXPECT_EQ(data[k].shape(), e.shape);
     ASSERT_EQ(data[k].chunk_->bytes_, e.shape.Size() * orvik_sizeof(e.flag));
     for (index_t i = 0; i < e.shape.Size(); ++i) {
       const double v = i * e.scale + e.offset;
@@ -210,10 +205,8 @@ TEST(ParamsTest, ShapeFormsAndEmptyRecords) {
     if (c.shape.ndim() > 0) continue;
     io::MemoryFixedSizeStream again(&bytes[0], bytes.size());
     NDArray a(TShape{3}, kFloat32);
-    a.shift_ = 3;
     ASSERT_TRUE(a.Load(&again));
     EXPECT_TRUE(a.is_none());
-    EXPECT_EQ(a.shift_, 255);
     EXPECT_EQ(again.Tell(), c.consumed);
   }
 }

@@ -29,8 +29,7 @@ TShape Bytes(uint32_t bytes) { return TShape{bytes / 4}; }
 TEST(GraphAllocatorTest, MatchRange) {
   struct {
     const char* what;
-    uint32_t free_bytes;
-    uint32_t request_bytes;
+    uint32_t free_bytes, request_bytes;
     bool reused;
     size_t grown_to;
   } cases[] = {
@@ -79,18 +78,14 @@ TEST(GraphAllocatorTest, PrefersSmallestLargeEnoughThenLargestSmaller) {
 // --------------------------------------------------------------- planner
 
 // A layer with a given number of outputs that may run in place when asked.
-class PlanLayer : public Layer {
- public:
-  PlanLayer(uint32_t outputs, bool in_place) : outputs_(outputs), in_place_(in_place) {}
-  uint32_t get_num_outputs() const override { return outputs_; }
+struct PlanLayer : Layer {
+  PlanLayer(uint32_t outputs, bool in_place) : outputs(outputs), in_place(in_place) {}
+  uint32_t get_num_outputs() const override { return outputs; }
   std::vector<std::pair<int, int>> FInplaceOption() const override {
-    if (in_place_) return {{0, 0}};
-    return {};
+    return std::vector<std::pair<int, int>>(in_place ? 1 : 0, {0, 0});
   }
-
- private:
-  uint32_t outputs_;
-  bool in_place_;
+  uint32_t outputs;
+  bool in_place;
 };
 
 // A hand-wired graph: blob ids are given explicitly.
@@ -111,8 +106,8 @@ struct Graph {
     for (const TShape& s : tops) {
       l->GetTops().push_back(static_cast<uint32_t>(shapes.size()));
       shapes.push_back(s);
-      types.push_back(0);
     }
+    types.resize(shapes.size(), 0);
     layers.push_back(l);
     return l->GetTops();
   }
