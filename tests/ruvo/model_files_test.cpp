@@ -205,8 +205,10 @@ TEST(ParamsTest, ShapeFormsAndEmptyRecords) {
     if (c.shape.ndim() > 0) continue;
     io::MemoryFixedSizeStream again(&bytes[0], bytes.size());
     NDArray a(TShape{3}, kFloat32);
+    a.shift_ = 3;
     ASSERT_TRUE(a.Load(&again));
     EXPECT_TRUE(a.is_none());
+    EXPECT_EQ(a.shift_, 255);
     EXPECT_EQ(again.Tell(), c.consumed);
   }
 }
