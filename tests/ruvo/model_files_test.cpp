@@ -330,16 +330,20 @@ std::string Graph(const std::string& attrs,
   return R"({"nodes":)" + nodes + R"(,"arg_nodes":[0],"heads":[[0,0]])" + attrs + "}";
 }
 
+std::string Version(const std::string& v) {
+  return Graph(R"(,"attrs":{"mxnet_version":)" + v + "}");
+}
+
 TEST(SymbolTest, VersionsAndSmallForms) {
-  EXPECT_EQ(LoadGraph(Graph("")).mxnet_version, 800);
-  EXPECT_EQ(LoadGraph(Graph(R"(,"attrs":{"mxnet_version":["int",901]})")).mxnet_version, 901);
-  // A version list of one element passes and keeps 800.
-  EXPECT_EQ(LoadGraph(Graph(R"(,"attrs":{"mxnet_version":["int"]})")).mxnet_version, 800);
-  // Other top-level and "attrs" keys are ignored.
-  EXPECT_EQ(
-      LoadGraph(Graph(R"(,"node_row_ptr":[0,1],"attrs":{"x":1,"mxnet_version":["int",10600]})"))
-          .mxnet_version,
-      10600);
+  // No version, or a list of one element, is 800; other top-level and
+  // "attrs" keys are ignored.
+  const std::string other =
+      R"(,"node_row_ptr":[0,1],"attrs":{"x":1,"mxnet_version":["int",10600]})";
+  const std::pair<std::string, int> versions[] = {{Graph(""), 800},
+                                                  {Version(R"(["int",901])"), 901},
+                                                  {Version(R"(["int"])"), 800},
+                                                  {Graph(other), 10600}};
+  for (const auto& v : versions) EXPECT_EQ(LoadGraph(v.first).mxnet_version, v.second) << v.first;
   EXPECT_TRUE(LoadGraph(R"({"nodes":[],"arg_nodes":[],"heads":[]})").nodes.empty());
   // Extra entry elements are ignored; a node key "attrs" is not read.
   JSONGraph g = LoadGraph(R"({"nodes":[
@@ -373,9 +377,6 @@ std::string Node(const std::string& x) { return Graph("", "[" + x + "]"); }
 std::string Inputs(const std::string& in) {
   return Node(R"({"op":"null","name":"x","inputs":[]},{"op":"relu","name":"y","inputs":)" + in +
               "}");
-}
-std::string Version(const std::string& v) {
-  return Graph(R"(,"attrs":{"mxnet_version":)" + v + "}");
 }
 
 // The string and object checks of a node are one helper each: one row for
