@@ -59,6 +59,7 @@ TEST(ShapeTextTest, WritesAndReads) {
               {"  (3 ,4 )", TShape{3, 4}, false}, {"(5L)", TShape{5}, false},
               {"x", kBefore, true},               {"", kBefore, true},
               {"(1, 2", kBefore, true},           {"(1,2]", TShape{1, 2}, false},
+              {"()", kBefore, false},
               {"(1,2,3,4,5,6)", TShape{1, 2, 3, 4, 5, 6}, false}};
   for (const auto& c : read) {
     TShape s = kBefore;
