@@ -1,13 +1,14 @@
-// Every exported function given arguments it cannot use: each ends in a
-// line that names the call and the argument (an abort where the function
-// has no error result, -1 where it has), never in a crash or a read out of
-// bounds.  Behaviour the interface already fixes (short blocks, a missing
-// conf file) is listed beside it.
+// Every exported function given arguments it cannot use, and start-up given
+// files it cannot use: each ends in a line that names the call, the argument
+// or the file (an abort where the function has no error result, -1 where it
+// has), never in a crash or a read out of bounds.  Behaviour the interface
+// already fixes (short blocks) is listed beside it.
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "toolkit_harness.h"
@@ -15,20 +16,27 @@
 
 namespace {
 
-using toolkit_harness::kToolkitData;
+using namespace toolkit_harness;
 
-// The tone model's conf with the file `from` replaced by `to`.
-std::string WriteConf(const std::string& name, const std::string& from = "",
-                      const std::string& to = "") {
-  std::string conf = toolkit_harness::ToneConf(kToolkitData);
-  if (!from.empty()) conf.replace(conf.find(from), from.size(), kToolkitData + to);
-  const std::string file = testing::TempDir() + name + "_" + std::to_string(getpid()) + ".conf";
-  std::ofstream(file) << conf;
-  return file;
+// The tone model and broken copies of its files, made once by the parent;
+// death tests fork and see them.
+std::unique_ptr<ModelFolder> g_folder;
+
+// Writes `conf` as the folder's vad.conf and starts a handle from it, through
+// the prefix or (prefixed false) by the file's full path.
+void* InitConf(const std::string& conf, bool prefixed = true) {
+  const std::string& dir = g_folder->dir;
+  std::ofstream(dir + "/vad.conf") << conf;
+  return prefixed ? Tovad_toolkit_init("vad.conf", dir.c_str())
+                  : Tovad_toolkit_init((dir + "/vad.conf").c_str(), nullptr);
 }
 
-// Written once by the parent process; death tests fork and see them.
-std::string g_good, g_no_meanvar, g_no_symbol;
+// The tone conf (model paths behind `model_dir`) with `from` replaced by `to`.
+std::string Edit(const std::string& from, const std::string& to,
+                 const std::string& model_dir = "") {
+  std::string conf = ToneConf(model_dir);
+  return conf.replace(conf.find(from), from.size(), to);
+}
 
 struct Aborting {
   const char* name;
@@ -39,23 +47,20 @@ struct Aborting {
 class BadArgumentAborts : public testing::TestWithParam<Aborting> {
  public:
   static void SetUpTestSuite() {
-    g_good = WriteConf("good");
-    g_no_meanvar = WriteConf("nomv", kToolkitData + "tone_meanvar.txt", "none/mv");
-    g_no_symbol = WriteConf("nojs", kToolkitData + "tone_model.json", "none/j.json");
+    g_folder.reset(new ModelFolder("bad_args"));
+    ASSERT_EQ(system(("cd " + g_folder->dir +
+                      " && (cat tone_meanvar.txt; echo 1) > long_mv.txt"
+                      " && head -c 200 tone_meanvar.txt > short_mv.txt"
+                      " && sed s/SoftmaxActivation/NoSuchOperator/ tone_model.json > bad.json")
+                         .c_str()),
+              0);
   }
-  static void TearDownTestSuite() {
-    for (const std::string* path : {&g_good, &g_no_meanvar, &g_no_symbol}) remove(path->c_str());
-  }
+  static void TearDownTestSuite() { g_folder.reset(); }
 };
 
 TEST_P(BadArgumentAborts, ReportsAndAborts) {
   const Aborting& c = GetParam();
-  EXPECT_DEATH(
-      {
-        void* vad = Tovad_toolkit_init(g_good.c_str(), nullptr);
-        c.call(vad);
-      },
-      c.report);
+  EXPECT_DEATH(c.call(InitConf(ToneConf())), c.report);
 }
 
 short g_pcm[320];
@@ -89,12 +94,33 @@ const Aborting kAborting[] = {
      "Tovad_toolkit_check_sil_frame called with a null handle"},
     {"SetterNullHandle", [](void*) { TOVAD_toolkit_set_wkp_threshold(nullptr, 0.5f); },
      "TOVAD_toolkit_set_wkp_threshold called with a null handle"},
-    {"MissingMeanvar", [](void*) { Tovad_toolkit_init(g_no_meanvar.c_str(), nullptr); },
-     "src/tovad_predictor:[0-9]+ ERROR: meanvar file not found"},
-    {"MissingSymbolFile", [](void*) { Tovad_toolkit_init(g_no_symbol.c_str(), nullptr); },
-     "# Fatal error in"},
     {"MissingConf", [](void*) { Tovad_toolkit_init("/nonexistent/vad.conf", nullptr); },
      "ERROR: config file at path </nonexistent/vad.conf> not found"},
+    {"MissingMeanvar", [](void*) { InitConf(Edit("tone_meanvar.txt", "none.txt")); },
+     "src/tovad_predictor:[0-9]+ ERROR: meanvar file not found"},
+    {"MeanvarOneTooMany", [](void*) { InitConf(Edit("tone_meanvar.txt", "long_mv.txt")); },
+     "src/tovad_predictor:[0-9]+ ERROR: meanvar contains too much params, n_chan or n_width "
+     "is wrong\\?"},
+    {"MeanvarShort", [](void*) { InitConf(Edit("tone_meanvar.txt", "short_mv.txt")); },
+     "src/tovad_predictor:[0-9]+ ERROR: meanvar file is broken"},
+    {"MissingSymbolFile", [](void*) { InitConf(Edit("tone_model.json", "none.json")); },
+     "# Fatal error in"},
+    {"UnloadableModel", [](void*) { InitConf(Edit("tone_model.json", "bad.json")); },
+     "not support MXGetLastErr currently!\n致命错误: 加载MXNET模型失败，请检查相关配置项"},
+    // An empty model path behind a prefix names the folder; without one it
+    // stays empty.
+    {"EmptyModelPathBehindPrefix", [](void*) { InitConf(Edit("tone_model.json", "")); },
+     "# Check failed: cJSON_HasObjectItem\\(symbol_str, \"nodes\"\\) == 1"},
+    {"EmptyModelPathWithoutPrefix",
+     [](void*) {
+       InitConf(Edit(g_folder->dir + "/tone_model.json", "", g_folder->dir + "/"), false);
+     },
+     "致命错误: 请填写模型文件"},
+    {"ObmPathSet", [](void*) { InitConf(ToneConf() + "path_to_obm=model.obm\n"); },
+     "致命错误: OBM模型支持已关闭，请关闭DISABLE_K2_PREDICTOR后重新编译解码器"},
+    {"FeatureTypeFbank", [](void*) { InitConf(ToneConf() + "feature_type=fbank\n"); },
+     "错误: fbank的特征维度只能为40或者80, 输入的维度为0"},
+    {"FeatureTypeCapitalised", [](void*) { InitConf(ToneConf() + "feature_type=Fbank\n"); }, ""},
     {"PredForwardNullHandle", [](void*) { MXPredForward(nullptr); },
      "MXPredForward: null predictor handle"},
     {"PredSetInputNullHandle", [](void*) { MXPredSetInput(nullptr, "data", g_in, 600); },
@@ -109,18 +135,20 @@ INSTANTIATE_TEST_SUITE_P(Cases, BadArgumentAborts, testing::ValuesIn(kAborting),
 // Arguments the interface defines a result for: the call returns it and
 // the handle keeps working.
 TEST(BadArguments, DefinedResults) {
-  const std::string conf = WriteConf("defined");
-  void* vad = Tovad_toolkit_init(conf.c_str(), nullptr);
-  int start = -7, end = -7;
+  ModelFolder folder("defined");
+  Handle h(folder.dir);
+  void* vad = h.get();
+  int start = 123, end = 456;
   EXPECT_EQ(Tovad_toolkit_predict(vad, -160, nullptr, nullptr, nullptr), 0);
   EXPECT_EQ(Tovad_toolkit_predict(nullptr, 0, nullptr, nullptr, nullptr), 0);
   EXPECT_EQ(Tovad_toolkit_pre_set_filter(vad, -5, nullptr), 0);
   EXPECT_EQ(Tovad_toolkit_pre_set_filter(vad, 100000, nullptr), 0);
-  EXPECT_EQ(Tovad_toolkit_predict(vad, 320, g_pcm, &start, &end), 0);
-  EXPECT_EQ(start, -1);
-  EXPECT_EQ(end, -1);
-  EXPECT_EQ(Tovad_toolkit_destory(vad), 0);
-  remove(conf.c_str());
+  // Part of a frame leaves the outputs untouched; the sample that completes
+  // it writes both.
+  for (int n : {0, -5, 159}) EXPECT_EQ(Tovad_toolkit_predict(vad, n, g_pcm, &start, &end), 0);
+  EXPECT_TRUE(start == 123 && end == 456);
+  EXPECT_EQ(Tovad_toolkit_predict(vad, 1, g_pcm, &start, &end), 0);
+  EXPECT_TRUE(start == -1 && end == -1);
 
   // The create calls' failure result, with *out as each one defines it.
   const char* keys[] = {"data"};

@@ -8,13 +8,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdint>
 #include <fstream>
 #include <iterator>
 #include <string>
 #include <vector>
 
+#include "tests/synth/voiced_audio.h"
 #include "tovadmod/tovad_api.h"
 
 namespace toolkit_harness {
@@ -76,44 +76,25 @@ inline void PrintTo(const Segment& s, std::ostream* os) {
   *os << "(" << s.start << ", " << s.end << ")";
 }
 
-struct Region {
-  int begin, end;  // frames
-};
-
-// Gaussian noise of deviation 30 everywhere, and in each region a tone with
-// four harmonics, a wandering pitch and a syllable-rate envelope.
-inline std::vector<short> ToneAudio(int n_frames, const std::vector<Region>& voiced,
-                                    uint32_t seed = 7) {
+// The voice-like stretches of tests/synth/voiced_audio.h from frame
+// edges[0] to edges[1], edges[2] to edges[3] and so on; its noise floor
+// alone elsewhere.
+inline std::vector<short> ToneAudio(int n_frames, std::vector<int> edges, uint64_t seed = 7) {
   std::vector<short> pcm(static_cast<size_t>(n_frames) * kFrame);
-  uint64_t state = seed;
-  auto uniform = [&state]() {
-    state = state * 6364136223846793005ULL + 1442695040888963407ULL;
-    return ((state >> 11) + 0.5) / 9007199254740992.0;
-  };
-  double phase = 0.0;
-  for (int f = 0; f < n_frames; ++f) {
-    const Region* region = nullptr;
-    for (const Region& r : voiced) {
-      if (f >= r.begin && f < r.end) region = &r;
-    }
-    for (int i = 0; i < kFrame; ++i) {
-      double v = 30.0 * std::sqrt(-2.0 * std::log(uniform())) * std::cos(2 * M_PI * uniform());
-      if (region != nullptr) {
-        const double t = (f - region->begin) / 100.0 + i / 16000.0;
-        phase += 2 * M_PI * (180.0 + 40.0 * std::sin(2 * M_PI * 1.5 * t)) / 16000.0;
-        v += 3000.0 * (0.6 + 0.4 * std::sin(2 * M_PI * 4.0 * t)) *
-             (std::sin(phase) + 0.6 * std::sin(2 * phase) + 0.4 * std::sin(3 * phase) +
-              0.2 * std::sin(4 * phase));
-      }
-      pcm[static_cast<size_t>(f) * kFrame + i] = static_cast<short>(std::lround(v));
-    }
+  tovad_synth::VoicedAudio gen(seed);
+  edges.push_back(n_frames);
+  int at = 0;
+  for (size_t k = 0; k < edges.size(); at = edges[k++]) {
+    const int64_t n = static_cast<int64_t>(edges[k] - at) * kFrame;
+    gen.Force(k % 2 == 1, n);
+    gen.Fill(pcm.data() + static_cast<size_t>(at) * kFrame, n);
   }
   return pcm;
 }
 
 // Two bursts, frames 100-180 and 280-330, in 4.8 s.
 constexpr int kBurstFrames = 480;
-inline std::vector<short> TwoBursts() { return ToneAudio(kBurstFrames, {{100, 180}, {280, 330}}); }
+inline std::vector<short> TwoBursts() { return ToneAudio(kBurstFrames, {100, 180, 280, 330}); }
 
 // The outputs after each whole frame, fed in blocks of `block` samples.
 inline std::vector<Segment> RunPerFrame(void* h, const std::vector<short>& pcm,

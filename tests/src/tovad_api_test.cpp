@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -72,43 +71,6 @@ TEST_F(ToolkitTest, FirstBurstIsTheSegmentWhateverTheBlockSize) {
   }
 }
 
-TEST_F(ToolkitTest, PartialFramesLeaveTheOutputsUntouched) {
-  ModelFolder folder("partial");
-  Handle h(folder.dir);
-  int start = 123, end = 456;
-  for (int n : {0, -5, 159}) {
-    EXPECT_EQ(Tovad_toolkit_predict(h.get(), n, audio_->data(), &start, &end), 0);
-  }
-  EXPECT_EQ(start, 123);
-  EXPECT_EQ(end, 456);
-  // The 160th sample completes a frame, which writes both.
-  Tovad_toolkit_predict(h.get(), 1, audio_->data() + 159, &start, &end);
-  EXPECT_EQ(start, -1);
-  EXPECT_EQ(end, -1);
-}
-
-TEST_F(ToolkitTest, ResetFalseCountsFromZeroAndFindsTheNextSegment) {
-  ModelFolder folder("reset_false");
-  Handle h(folder.dir);
-  std::vector<int> reset_at;
-  const std::vector<Segment> segments = Segments(h.get(), *audio_, kFrame, &reset_at);
-  ASSERT_EQ(segments.size(), 2u);
-  // The reset came after the deciding frame; the second burst (frames
-  // 280-330) is measured from there.
-  const int base = segments[0].end + 2;
-  EXPECT_EQ(reset_at[0], base);
-  EXPECT_GE(segments[1].start, 268 - base);
-  EXPECT_LE(segments[1].start, 286 - base);
-  EXPECT_GE(segments[1].end, 335 - base);
-  EXPECT_LE(segments[1].end, 375 - base);
-  // After a reset nothing is there to fetch.
-  int n = -1;
-  short* data = reinterpret_cast<short*>(1);
-  Tovad_toolkit_get_vad_segment_raw_data(h.get(), &n, &data);
-  EXPECT_EQ(n, 0);
-  EXPECT_EQ(data, nullptr);
-}
-
 TEST_F(ToolkitTest, GettersAndThresholdSetters) {
   ModelFolder folder("getters");
   Handle h(folder.dir);
@@ -162,7 +124,7 @@ TEST_F(ToolkitTest, HistoryRingOf200FramesDrops100AtFrame201) {
                                  "cutoff_n_frame_max_vad_length=100\n"
                                  "cutoff_n_frame_min_vad_length=60\n"
                                  "cutoff_n_frame_judging=20\ncutoff_threshold=0.5\n");
-  const std::vector<short> voice = ToneAudio(201, {{10, 201}}, 3);
+  const std::vector<short> voice = ToneAudio(201, {10}, 3);
   Handle h(folder.dir);
   const Segment seg =
       RunPerFrame(h.get(), std::vector<short>(voice.begin(), voice.begin() + 200 * kFrame)).back();
@@ -185,89 +147,35 @@ TEST_F(ToolkitTest, HistoryRingOf200FramesDrops100AtFrame201) {
   EXPECT_TRUE(std::equal(data, data + n, voice.begin() + 100 * kFrame));
 }
 
-TEST_F(ToolkitTest, PreSetFilterPrimesTheFrontEnd) {
-  ModelFolder folder("preset");
+// After each end the caller resets with `full` false: positions count from
+// the deciding frame, and nothing is left to fetch.  Priming the front end
+// (with the stored sound or a voiced frame) still finds both bursts; the
+// voiced frame lifts the smoother, which delays the first opening.
+TEST_F(ToolkitTest, ResetFalseCountsFromZeroWithOrWithoutPriming) {
+  ModelFolder folder("reset_false");
   std::vector<Segment> plain;
-  {
+  for (int prime : {-1, 0, 1}) {  // none, the stored sound, a voiced frame
     Handle h(folder.dir);
-    plain = RunPerFrame(h.get(), *audio_);
-  }
-  for (bool own_audio : {false, true}) {
-    Handle h(folder.dir), again(folder.dir);
-    const short* audio = own_audio ? audio_->data() : nullptr;
-    EXPECT_EQ(Tovad_toolkit_pre_set_filter(h.get(), own_audio ? 16000 : 0, audio), 0);
-    // Primed with the recording's own audio, the smoother starts where that
-    // audio is, which changes the first decisions...
-    EXPECT_FALSE(own_audio && RunPerFrame(h.get(), *audio_) == plain);
-    // ...and the bursts are still found.
-    Tovad_toolkit_pre_set_filter(again.get(), 16000, audio);
+    if (prime >= 0) {
+      EXPECT_EQ(Tovad_toolkit_pre_set_filter(h.get(), 16000,
+                                             prime ? audio_->data() + 120 * kFrame : nullptr),
+                0);
+    }
     std::vector<int> reset_at;
-    const std::vector<Segment> segments = Segments(again.get(), *audio_, kFrame, &reset_at);
-    auto covers = [&](int frame) {
-      for (size_t k = 0; k < segments.size(); ++k) {
-        const int base = k == 0 ? 0 : reset_at[k - 1];
-        if (base + segments[k].start <= frame && frame <= base + segments[k].end) return true;
-      }
-      return false;
-    };
-    EXPECT_TRUE(covers(140) && covers(305) && !covers(250)) << own_audio;
+    const std::vector<Segment> segments = Segments(h.get(), *audio_, kFrame, &reset_at);
+    ASSERT_EQ(segments.size(), 2u) << prime;
+    const int base = segments[0].end + 2;  // the frames fed up to the deciding one
+    EXPECT_EQ(reset_at[0], base);
+    EXPECT_TRUE(segments[0].start >= 88 && segments[0].end <= 225) << prime;
+    EXPECT_TRUE(segments[1].start >= 268 - base && segments[1].start <= 286 - base) << prime;
+    EXPECT_TRUE(segments[1].end >= 335 - base && segments[1].end <= 375 - base) << prime;
+    int n = -1;
+    short* data = reinterpret_cast<short*>(1);
+    Tovad_toolkit_get_vad_segment_raw_data(h.get(), &n, &data);
+    EXPECT_TRUE(n == 0 && data == nullptr);
+    if (prime < 0) plain = segments;
+    EXPECT_EQ(segments[0].start > plain[0].start, prime == 1) << prime;
   }
-}
-
-// Start-up failures print their line and abort.
-struct InitFailure {
-  const char* name;
-  std::string conf;
-  std::string extra;    // shell command run in the model folder first
-  std::string message;  // regex
-};
-
-void PrintTo(const InitFailure& c, std::ostream* os) { *os << c.name; }
-
-std::string EmptyJsonPath(const std::string& conf) {
-  return "path_to_json=\n" + conf.substr(conf.find('\n') + 1);
-}
-
-class ToolkitInitDeathTest : public testing::TestWithParam<InitFailure> {};
-
-TEST_P(ToolkitInitDeathTest, AbortsWithItsMessage) {
-  const InitFailure& c = GetParam();
-  ModelFolder folder(std::string("death_") + c.name, c.conf);
-  if (!c.extra.empty()) {
-    ASSERT_EQ(system(("cd " + folder.dir + " && " + c.extra).c_str()), 0);
-  }
-  EXPECT_DEATH(Tovad_toolkit_init("vad.conf", folder.dir.c_str()), c.message);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Toolkit, ToolkitInitDeathTest,
-    testing::Values(
-        InitFailure{"MeanvarOneTooMany", ToneConf(), "echo 1 >> tone_meanvar.txt",
-                    "src/tovad_predictor:[0-9]+ ERROR: meanvar contains too much params, "
-                    "n_chan or n_width is wrong\\?"},
-        InitFailure{"MeanvarShort", ToneConf(),
-                    "head -c 200 tone_meanvar.txt > m && mv m tone_meanvar.txt",
-                    "src/tovad_predictor:[0-9]+ ERROR: meanvar file is broken"},
-        InitFailure{"ObmPathSet", ToneConf() + "path_to_obm=model.obm\n", "",
-                    "致命错误: OBM模型支持已关闭，请关闭DISABLE_K2_PREDICTOR后重新编译解码器"},
-        // An empty value behind a prefix names the model folder, no model.
-        InitFailure{"EmptyModelPathBehindPrefix", EmptyJsonPath(ToneConf()), "",
-                    "# Check failed: cJSON_HasObjectItem\\(symbol_str, \"nodes\"\\) == 1"},
-        InitFailure{"FeatureTypeFbank", ToneConf() + "feature_type=fbank\n", "",
-                    "错误: fbank的特征维度只能为40或者80, 输入的维度为0"},
-        InitFailure{"FeatureTypeCapitalised", ToneConf() + "feature_type=Fbank\n", "", ""},
-        InitFailure{
-            "UnloadableModel", ToneConf(),
-            "sed -i 's/SoftmaxActivation/NoSuchOperator/' tone_model.json",
-            "not support MXGetLastErr currently!\n致命错误: 加载MXNET模型失败，请检查相关配置项"}),
-    [](const testing::TestParamInfo<InitFailure>& info) { return info.param.name; });
-
-TEST(ToolkitInitDeathTest, EmptyModelPathWithoutPrefixIsRefused) {
-  // Without a prefix an empty path stays empty.
-  ModelFolder folder("empty_path_plain");
-  std::ofstream(folder.dir + "/vad.conf") << EmptyJsonPath(ToneConf(folder.dir + "/"));
-  EXPECT_DEATH(Tovad_toolkit_init((folder.dir + "/vad.conf").c_str(), nullptr),
-               "致命错误: 请填写模型文件");
 }
 
 }  // namespace

@@ -17,6 +17,13 @@ class VoicedAudio {
  public:
   explicit VoicedAudio(uint64_t seed) : state_(seed * 2654435761u + 1) { NextStretch(); }
 
+  // The next `n` samples voiced or not, for voice at chosen places.
+  void Force(bool voiced, int64_t n) {
+    voiced_ = voiced;
+    left_ = n;
+    pos_ = 0;
+  }
+
   void Fill(int16_t* out, int64_t n) {
     for (int64_t i = 0; i < n; ++i) {
       if (left_ == 0) NextStretch();
