@@ -99,13 +99,5 @@ TEST(ForceCutoffTest, CountRestarts) {
   }
 }
 
-TEST(ForceCutoffDeathTest, MissingKeyAborts) {
-  const ConfigMap config = {{"cutoff_n_frame_max_vad_length", "100"},
-                            {"cutoff_n_frame_min_vad_length", "10"},
-                            {"cutoff_n_frame_judging", "10"}};
-  EXPECT_DEATH(Force_cutoff f(config),
-               "src/force_cutoff:[0-9]+ ERROR: can`t read value of key <cutoff_threshold>\n$");
-}
-
 }  // namespace
 }  // namespace Tovad_toolkit

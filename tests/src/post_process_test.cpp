@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <random>
 #include <regex>
 #include <string>
 #include <utility>
@@ -316,15 +315,6 @@ TEST(PostProcessTest, ScoreMixesTargetClasses) {
   }
 }
 
-TEST(PostProcessTest, ThresholdSetterActsFromTheNextFrame) {
-  auto pp = MakePost(BaseConfig());
-  pp->set_wkp_threshold(0.95f);
-  EXPECT_EQ(Feed(*pp, Runs({{kVoice, 20}})), Timeline({{0, -1, -1}}, 20));
-  pp->set_wkp_threshold(0.85f);
-  // The smoothed score is already voice: three frames open.
-  EXPECT_EQ(Feed(*pp, Runs({{kVoice, 5}})), Timeline({{0, -1, -1}, {2, 19, -1}}, 5));
-}
-
 TEST(PostProcessTest, CheckSilFrameCountsFramesBelowItsThreshold) {
   auto pp = MakePost(
       With(BaseConfig(), {{"sil_check_threshold", "0.3"}, {"n_max_continuous_sil_frame", "5"}}));
@@ -340,44 +330,25 @@ TEST(PostProcessTest, CheckSilFrameCountsFramesBelowItsThreshold) {
                                          0, 0, 0, 0, 0, 0, 0, 0, 1}));
 }
 
-// Two frames per call give the same positions as one frame per call, read
-// at the second frame of each pair.
-TEST(PostProcessTest, BatchOfTwoMatchesSingleFrames) {
-  std::mt19937 rng(99);
-  std::uniform_int_distribution<int> run_len(1, 12);
-  std::vector<float> scores;
-  bool voice = false;
-  while (scores.size() < 400) {
-    scores.insert(scores.end(), run_len(rng), voice ? kVoice : kSil);
-    voice = !voice;
-  }
-  auto single = MakePost(BaseConfig());
-  auto pair = MakePost(With(BaseConfig(), {{"n_batch", "2"}}));
-  for (size_t f = 0; f + 1 < scores.size(); f += 2) {
-    const std::vector<float> two(scores.begin() + f, scores.begin() + f + 2);
-    const Pos got = Feed(*pair, two, 0.0f, 2)[0];
-    ASSERT_EQ(got, Feed(*single, two, 0.0f).back()) << "frame " << f + 1;
-    if (got.second != -1) {
-      single->reset(false);
-      pair->reset(false);
-    }
-  }
-}
-
 TEST(PostProcessDeathTest, MissingKeysAndBadClassesAbort) {
-  const std::string kCant = "src/post_process:[0-9]+ ERROR: can`t read value of key <";
+  const std::string kCant = ":[0-9]+ ERROR: can`t read value of key <";
   for (const char* key : {"target_class", "n_classes", "cutoff_n_frame_max_vad_length", "n_batch",
-                          "wakeup_threshold"}) {
-    ConfigMap config = BaseConfig();
+                          "wakeup_threshold", "cutoff_threshold"}) {
+    ConfigMap config = With(BaseConfig(), kCutAt60);
     config.erase(key);
-    EXPECT_DEATH(Post_process(config, false), "^(INFO: [^\n]*\n)*" + kCant + key + ">\n$");
+    // The force cutoff reads its own keys.
+    const std::string source =
+        key == std::string("cutoff_threshold") ? "force_cutoff" : "post_process";
+    EXPECT_DEATH(Post_process(config, false),
+                 "^(INFO: [^\n]*\n)*src/" + source + kCant + key + ">\n$");
   }
   // The prefixed keys of the suspected path have no defaults.
   const ConfigMap suspected = With(BaseConfig(), {{"suspected_sil_to_voice_hangover", "4"},
                                                   {"suspected_voice_to_sil_hangover", "6"},
                                                   {"suspected_extra_leading_sil", "8"},
                                                   {"suspected_wakeup_threshold", "0.25"}});
-  EXPECT_DEATH(Post_process(suspected, true), kCant + "suspected_first_vad_seg_trigger_threshold>\n$");
+  EXPECT_DEATH(Post_process(suspected, true),
+               "src/post_process" + kCant + "suspected_first_vad_seg_trigger_threshold>\n$");
   for (const char* target : {"2", "1v0.5,2", "1,7v1"}) {
     EXPECT_DEATH(Post_process(With(BaseConfig(), {{"target_class", target}}), false),
                  "src/post_process:[0-9]+ ERROR: the val of `classes` should be unsinged int and "

@@ -1,14 +1,9 @@
 #!/usr/bin/python3
-"""Writes the small dense model of the toolkit's integration tests:
-    /usr/bin/python3 tests/data/toolkit/gen_toolkit_model.py
-
-Input "data" is the PCEN window (1, 5, 3, 40), newest frame last.  The net
-scores voice by how far the banks of a low harmonic voice (2..10) stand
-above the rest (12..39) in the first channel, over the window:
-    h = mean_t(mean(x[t, 0, 2:11]) - mean(x[t, 0, 12:40]))
-    p(voice) = softmax([0, K * (h - C)])[1]
-so harmonic tone bursts score near 1, noise and silence near 0.  The
-meanvar table leaves the features as they are (offset 0, factor 1).
+"""Writes the small dense model of the toolkit's integration tests (run it
+from anywhere).  Input "data" is the PCEN window (1, 5, 3, 40), newest frame
+last; p(voice) = softmax([0, K * (h - C)])[1], where h is how far banks 2..10
+(a low harmonic voice) stand above banks 12..39 in the first channel, over
+the window.  The meanvar table leaves the features as they are.
 """
 import os
 import sys
