@@ -33,12 +33,6 @@ int FirstEnd(const std::vector<Segment>& frames) {
 TEST_F(ToolkitTest, FirstBurstIsTheSegmentWhateverTheBlockSize) {
   ModelFolder folder("run");
   Handle h(folder.dir);
-  int n = -1;
-  short* data = reinterpret_cast<short*>(1);
-  Tovad_toolkit_get_vad_segment_raw_data(h.get(), &n, &data);
-  EXPECT_EQ(data, nullptr);
-  EXPECT_EQ(n, 0);
-
   const std::vector<Segment> frames = RunPerFrame(h.get(), *audio_);
   const Segment last = frames.back();
   for (int f = 0; f < 100; ++f) ASSERT_EQ(frames[f].start, -1) << "frame " << f;
@@ -57,6 +51,8 @@ TEST_F(ToolkitTest, FirstBurstIsTheSegmentWhateverTheBlockSize) {
 
   // The segment's raw samples, without the pattern the net's copy gets,
   // from its start to the newest frame.
+  int n = -1;
+  short* data = nullptr;
   Tovad_toolkit_get_vad_segment_raw_data(h.get(), &n, &data);
   ASSERT_EQ(n, (kBurstFrames - last.start) * kFrame);
   EXPECT_TRUE(std::equal(data, data + n, audio_->begin() + last.start * kFrame));
@@ -126,17 +122,10 @@ TEST_F(ToolkitTest, HistoryRingOf200FramesDrops100AtFrame201) {
                                  "cutoff_n_frame_judging=20\ncutoff_threshold=0.5\n");
   const std::vector<short> voice = ToneAudio(201, {10}, 3);
   Handle h(folder.dir);
-  const Segment seg =
-      RunPerFrame(h.get(), std::vector<short>(voice.begin(), voice.begin() + 200 * kFrame)).back();
-  ASSERT_GE(seg.start, 0);
+  const Segment seg = RunPerFrame(h.get(), voice).back();
   ASSERT_GE(seg.end, 0) << "the cutoff ends the segment";
   int n = 0;
   short* data = nullptr;
-  Tovad_toolkit_get_vad_segment_raw_data(h.get(), &n, &data);
-  EXPECT_EQ(n, (200 - seg.start) * kFrame);
-
-  int start, end;
-  Tovad_toolkit_predict(h.get(), kFrame, voice.data() + 200 * kFrame, &start, &end);
   testing::internal::CaptureStderr();
   Tovad_toolkit_get_vad_segment_raw_data(h.get(), &n, &data);
   const std::string warning = testing::internal::GetCapturedStderr();
