@@ -1,6 +1,7 @@
-// Handles and predictors on many threads at once.  Built also under
-// ThreadSanitizer (-DTOVAD_TSAN=ON), where a race anywhere in the library
-// fails the run.
+// Handles on many threads at once, each made, run and freed on its thread
+// (so predictors are created, run and freed concurrently too).  Built also
+// under ThreadSanitizer (-DTOVAD_TSAN=ON), where a race anywhere in the
+// library fails the run.
 
 #include <gtest/gtest.h>
 
@@ -10,7 +11,6 @@
 #include <thread>
 #include <vector>
 
-#include "tests/ruvo/net_fixture.h"
 #include "tests/synth/voiced_audio.h"
 #include "toolkit_harness.h"
 
@@ -21,21 +21,6 @@ using namespace toolkit_harness;
 constexpr int kThreads = 8;
 constexpr int kSignals = 3;  // threads i and i + 3 share a signal
 constexpr int kSeconds = 20;
-
-// Runs body(t) on kThreads threads started together, so their work overlaps.
-template <typename F>
-void OnThreads(F body) {
-  std::atomic<int> waiting{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      ++waiting;
-      while (waiting.load() < kThreads) std::this_thread::yield();
-      body(t);
-    });
-  }
-  for (std::thread& th : threads) th.join();
-}
 
 // Blocks of an odd size, so that frames straddle calls.
 constexpr size_t kBlock = 373;
@@ -53,41 +38,25 @@ TEST(Threads, HandlesOnEightThreadsGiveTheSingleHandlePositions) {
     Tovad_toolkit_destory(vad);
     ASSERT_GE(expected[s].size(), 2u) << "signal " << s << " should hold several segments";
   }
-  // Handles are made on the threads too: start-up runs concurrently.
+  // Started together, so that their work overlaps.
   std::vector<std::vector<Segment>> got(kThreads);
-  OnThreads([&](int t) {
-    void* vad = Tovad_toolkit_init(conf.c_str(), nullptr);
-    got[t] = Segments(vad, signals[t % kSignals], kBlock);
-    Tovad_toolkit_destory(vad);
-  });
+  std::atomic<int> waiting{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      ++waiting;
+      while (waiting.load() < kThreads) std::this_thread::yield();
+      void* vad = Tovad_toolkit_init(conf.c_str(), nullptr);
+      got[t] = Segments(vad, signals[t % kSignals], kBlock);
+      Tovad_toolkit_destory(vad);
+    });
+  }
+  for (std::thread& th : threads) th.join();
   testing::internal::GetCapturedStderr();
   for (int t = 0; t < kThreads; ++t) {
     EXPECT_EQ(got[t], expected[t % kSignals]) << "thread " << t;
   }
   remove(conf.c_str());
-}
-
-TEST(Threads, PredictorsCreatedAndFreedConcurrently) {
-  const net_test::Model model{net_test::ReadFile(kToolkitData + "tone_model.json"),
-                              net_test::ReadFile(kToolkitData + "tone_model.params"),
-                              {}};
-  auto run = [&](float offset) {
-    PredictorHandle pred = net_test::CreateForData(model, {1, 5, 3, 40});
-    std::vector<float> input(600);
-    for (size_t i = 0; i < input.size(); ++i) input[i] = offset + 0.01f * (i % 40);
-    MXPredSetInput(pred, "data", input.data(), 600);
-    MXPredForward(pred);
-    const std::vector<float> out = net_test::GetOutput(pred, 0).values;
-    MXPredFree(pred);
-    return out;
-  };
-  std::vector<std::vector<float>> expected(kThreads);
-  for (int t = 0; t < kThreads; ++t) expected[t] = run(0.25f * t);
-  std::vector<int> mismatches(kThreads, 0);
-  OnThreads([&](int t) {
-    for (int r = 0; r < 40; ++r) mismatches[t] += run(0.25f * t) != expected[t];
-  });
-  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(mismatches[t], 0) << "thread " << t;
 }
 
 }  // namespace

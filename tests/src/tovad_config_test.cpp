@@ -88,25 +88,5 @@ TEST(LoadConfWithPrefixTest, PrefixesOnlyModelPaths) {
   }
 }
 
-TEST(LookupConfigTest, UserValueThenDefaultEachLogged) {
-  const ConfigMap user = {{"n_batch", "1"}};
-  const ConfigMap defaults = {{"n_batch", "4"}, {"am_skip_num", "0"}};
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(lookup_config(user, defaults, "n_batch", "src/test", 1), "1");
-  EXPECT_EQ(lookup_config(user, defaults, "am_skip_num", "src/test", 2), "0");
-  EXPECT_EQ(find_config(user, defaults, "absent"), nullptr);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "INFO: use user`s value <1> for key <n_batch>\n"
-            "INFO: use default value <0> for key <am_skip_num>\n");
-}
-
-TEST(LoadConfDeathTest, MissingKeyAndUnopenableFileAbort) {
-  EXPECT_DEATH(lookup_config({}, {}, "target_class", "src/post_process", 77),
-               "^src/post_process:77 ERROR: can`t read value of key <target_class>\n$");
-  EXPECT_DEATH(load_conf("/nonexistent/dir/vad.conf"),
-               "^src/tovad_api:[0-9]+ ERROR: config file at path "
-               "<\\/nonexistent\\/dir\\/vad\\.conf> not found$");
-}
-
 }  // namespace
 }  // namespace Tovad_toolkit
