@@ -136,7 +136,7 @@ INSTANTIATE_TEST_SUITE_P(Cases, BadArgumentAborts, testing::ValuesIn(kAborting),
 // the handle keeps working.
 TEST(BadArguments, DefinedResults) {
   ModelFolder folder("defined");
-  Handle h(folder.dir);
+  Handle h = Open(folder.dir);
   void* vad = h.get();
   int start = 123, end = 456;
   EXPECT_EQ(Tovad_toolkit_predict(vad, -160, nullptr, nullptr, nullptr), 0);

@@ -88,9 +88,7 @@ TEST_F(CompositeFeaturesTest, HandleFindsTheFirstSentence) {
          "extra_leading_sil=10\ncutoff_n_frame_max_vad_length=0\n";
   const std::vector<short> pcm =
       ReadAll<short>(TOVAD_SOURCE_DIR "/tests/data/tovad_sample.wav", 44);  // past the header
-  void* h = QuietInit("vad.conf", dir_.c_str());
-  const Segment seg = RunPerFrame(h, pcm).back();
-  Tovad_toolkit_destory(h);
+  const Segment seg = RunPerFrame(Open(dir_).get(), pcm).back();
   // The first sentence is spoken from 0.81 s to 3.29 s; the end comes
   // after 30 frames of closing hangover and the median delay.
   EXPECT_TRUE(seg.start >= 60 && seg.start <= 85) << seg.start;

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -56,17 +57,11 @@ inline void* QuietInit(const std::string& conf, const char* prefix) {
   return h;
 }
 
-class Handle {
- public:
-  explicit Handle(const std::string& dir) : h_(QuietInit("vad.conf", dir.c_str())) {}
-  ~Handle() { Tovad_toolkit_destory(h_); }
-  Handle(const Handle&) = delete;
-  Handle& operator=(const Handle&) = delete;
-  void* get() const { return h_; }
-
- private:
-  void* h_;
-};
+// A handle of the model in `dir`, destroyed with the object.
+using Handle = std::unique_ptr<void, int (*)(void*)>;
+inline Handle Open(const std::string& dir) {
+  return Handle(QuietInit("vad.conf", dir.c_str()), Tovad_toolkit_destory);
+}
 
 struct Segment {
   int start = -1, end = -1;

@@ -32,7 +32,7 @@ int FirstEnd(const std::vector<Segment>& frames) {
 
 TEST_F(ToolkitTest, FirstBurstIsTheSegmentWhateverTheBlockSize) {
   ModelFolder folder("run");
-  Handle h(folder.dir);
+  Handle h = Open(folder.dir);
   const std::vector<Segment> frames = RunPerFrame(h.get(), *audio_);
   const Segment last = frames.back();
   for (int f = 0; f < 100; ++f) ASSERT_EQ(frames[f].start, -1) << "frame " << f;
@@ -62,14 +62,13 @@ TEST_F(ToolkitTest, FirstBurstIsTheSegmentWhateverTheBlockSize) {
   Tovad_toolkit_reset(h.get(), true);
   EXPECT_EQ(RunPerFrame(h.get(), *audio_), frames);
   for (size_t block : {1, 159, 161, 320, 16000}) {
-    Handle other(folder.dir);
-    EXPECT_EQ(RunPerFrame(other.get(), *audio_, block).back(), last) << "block " << block;
+    EXPECT_EQ(RunPerFrame(Open(folder.dir).get(), *audio_, block).back(), last) << block;
   }
 }
 
 TEST_F(ToolkitTest, GettersAndThresholdSetters) {
   ModelFolder folder("getters");
-  Handle h(folder.dir);
+  Handle h = Open(folder.dir);
   // The hangovers come from the post-processing, not swapped.
   EXPECT_EQ(Tovad_toolkit_get_voice_to_sil_th(h.get()), 30);
   EXPECT_EQ(Tovad_toolkit_get_sil_to_voice_th(h.get()), 5);
@@ -93,7 +92,7 @@ TEST_F(ToolkitTest, SuspectedPathReportsAnEarlierEnd) {
                                       "suspected_wakeup_threshold=0.5\n"
                                       "suspected_first_vad_seg_trigger_threshold=-1\n"
                                       "suspected_first_vad_seg_extra_tailing_sil=-1\n");
-  Handle h(folder.dir);
+  Handle h = Open(folder.dir);
   EXPECT_FLOAT_EQ(TOVAD_toolkit_get_curr_suspected_wkp_threshold(h.get()), 0.5f);
   Segment out;
   int suspected_at = -1, suspected_end = -1;
@@ -121,7 +120,7 @@ TEST_F(ToolkitTest, HistoryRingOf200FramesDrops100AtFrame201) {
                                  "cutoff_n_frame_min_vad_length=60\n"
                                  "cutoff_n_frame_judging=20\ncutoff_threshold=0.5\n");
   const std::vector<short> voice = ToneAudio(201, {10}, 3);
-  Handle h(folder.dir);
+  Handle h = Open(folder.dir);
   const Segment seg = RunPerFrame(h.get(), voice).back();
   ASSERT_GE(seg.end, 0) << "the cutoff ends the segment";
   int n = 0;
@@ -144,7 +143,7 @@ TEST_F(ToolkitTest, ResetFalseCountsFromZeroWithOrWithoutPriming) {
   ModelFolder folder("reset_false");
   std::vector<Segment> plain;
   for (int prime : {-1, 0, 1}) {  // none, the stored sound, a voiced frame
-    Handle h(folder.dir);
+    Handle h = Open(folder.dir);
     if (prime >= 0) {
       EXPECT_EQ(Tovad_toolkit_pre_set_filter(h.get(), 16000,
                                              prime ? audio_->data() + 120 * kFrame : nullptr),
