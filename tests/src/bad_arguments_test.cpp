@@ -173,7 +173,6 @@ TEST(BadArguments, DefinedResults) {
         "MXPredCreatePartialOut: null output keys\n"}) {
     EXPECT_NE(err.find(line), std::string::npos) << line << err;
   }
-  EXPECT_EQ(MXPredFree(nullptr), 0);
 }
 
 }  // namespace
