@@ -26,15 +26,10 @@ float Attenuated(float vad, float e, float low, float high, float pow_factor) {
                             std::pow(static_cast<double>(ratio), static_cast<double>(pow_factor)));
 }
 
-// Runs `n` single frames of constant energy through the stage and returns
-// the weighed scores.
+// The weighed scores of `n` single frames of constant energy.
 std::vector<float> RunFrames(Energy_post_process& stage, float energy, float vad, int n) {
-  std::vector<float> out;
-  for (int i = 0; i < n; ++i) {
-    float v = vad;
-    stage.apply_energy_post_process(1, &energy, &v);
-    out.push_back(v);
-  }
+  std::vector<float> out(n, vad);
+  for (float& v : out) stage.apply_energy_post_process(1, &energy, &v);
   return out;
 }
 
@@ -54,7 +49,8 @@ TEST(EnergyPostProcessTest, Mode1WeighsAgainstTheFloors) {
   for (const auto& c : cases) {
     auto stage = MakeEnergy({{"E_post_process_type", "1"}});
     const std::vector<float> out = RunFrames(*stage, c.energy, 0.9f, 20);
-    for (int i = 0; i < 20; ++i) ASSERT_EQ(out[i], i < 5 ? 0.0f : c.expected) << c.energy << " " << i;
+    for (int i = 0; i < 20; ++i)
+      ASSERT_EQ(out[i], i < 5 ? 0.0f : c.expected) << c.energy << " " << i;
   }
 }
 

@@ -48,10 +48,14 @@ std::vector<std::complex<double>> ReferenceSpectrum(const std::vector<int16_t>& 
 
 // A reset clears three samples that the next analysis frame no longer
 // contains, so it changes nothing there (a wider reset would): a buffer
-// reset now and then gives the same bits.
-TEST(TovadBuffTest, SpectrumFollowsTheStreamAcrossWrapsAndResets) {
+// reset now and then gives the same bits.  The energy is the newest
+// frame's, in dB of its power sum(s^2) / 160^2, clipped to 0 below 1.
+TEST(TovadBuffTest, SpectrumAndEnergyFollowTheStreamAcrossWrapsAndResets) {
   Tovad_buff buff, with_reset;
-  const std::vector<int16_t> pcm = RandomPcm(160 * 30, 11);
+  EXPECT_EQ(buff.get_energy_of_current_frame(), 0.0f) << "silence before the first frame";
+  std::vector<int16_t> pcm = RandomPcm(160 * 30, 11);
+  const int16_t levels[] = {0, 12, 13, -32768};  // constant frames 5 .. 8
+  for (int k = 0; k < 4; ++k) std::fill_n(pcm.begin() + 160 * (5 + k), 160, levels[k]);
   for (size_t f = 0; f < 30; ++f) {  // wraps at the 10th, 20th and 30th frame
     if (f % 4 == 1) with_reset.reset();
     buff.append_wave_frame(pcm.data() + 160 * f);
@@ -70,33 +74,12 @@ TEST(TovadBuffTest, SpectrumFollowsTheStreamAcrossWrapsAndResets) {
     // hundred eps at most; a misplaced sample or slot is of order 1e-2.
     EXPECT_LT(worst, 1e-5) << "after frame " << f;
     ASSERT_EQ(0, std::memcmp(got, with_reset.get_wave_fft(), 514 * sizeof(float))) << f;
-    ASSERT_EQ(buff.get_energy_of_current_frame(), with_reset.get_energy_of_current_frame());
-  }
-}
-
-TEST(TovadBuffTest, DecibelsOfTheNewestFrame) {
-  // A constant frame of level A has power A^2 / 160 on this scale; below 1
-  // it is clipped to 0 instead of a small negative value.
-  const struct {
-    int16_t level;
-    float db;
-  } cases[] = {{0, 0.0f},
-               {12, 0.0f},
-               {13, static_cast<float>(10 * std::log10(169 / 160.0))},
-               {4000, 50.0f},
-               {-32768, static_cast<float>(10 * std::log10(32768.0 * 32768 / 160))}};
-  for (const auto& c : cases) {
-    Tovad_buff buff;
-    EXPECT_EQ(buff.get_energy_of_current_frame(), 0.0f) << "silence before the first frame";
-    // A loud frame before each measured one: only the newest counts.
-    std::vector<int16_t> loud(160, 20000), frame(160, c.level);
-    for (int f = 0; f < 12; ++f) {  // crosses a wrap
-      buff.append_wave_frame(loud.data());
-      buff.append_wave_frame(frame.data());
-      // fast_log2 is within 0.01 of log2, so within 0.031 dB.
-      ASSERT_NEAR(buff.get_energy_of_current_frame(), c.db, c.db == 0.0f ? 0.0f : 0.035f)
-          << c.level;
-    }
+    const float energy = buff.get_energy_of_current_frame();
+    ASSERT_EQ(energy, with_reset.get_energy_of_current_frame());
+    double power = 0;
+    for (int i = 0; i < 160; ++i) power += pcm[160 * f + i] * pcm[160 * f + i] / 25600.0;
+    // fast_log2 is within 0.01 of log2, so within 0.031 dB.
+    EXPECT_NEAR(energy, power < 1 ? 0.0 : 10 * std::log10(power), power < 1 ? 0.0 : 0.035) << f;
   }
 }
 
