@@ -1,5 +1,5 @@
-// A test double of the toolkit interface: a level detector that keeps the
-// interface's contract (positions in frames since the last reset, frozen
+// A test double of the part of the toolkit interface the tool calls: a
+// level detector that keeps the interface's contract (positions in frames since the last reset, frozen
 // after an end until a reset, hangovers counted as the real decision stage
 // counts them, raw audio from the start to the newest frame), so the
 // tool's segment loop can be checked without a model.
@@ -89,11 +89,10 @@ int Tovad_toolkit_predict(void* handle, int n_samples, const short* pcm, int* va
       h->frame.clear();
     }
   }
-  ++g_state.predict_calls;
   return 0;
 }
 
-int Tovad_toolkit_reset(void* handle, bool full) {
+int Tovad_toolkit_reset(void* handle, bool) {
   auto* h = H(handle);
   h->frame.clear();
   h->history.clear();
@@ -101,7 +100,6 @@ int Tovad_toolkit_reset(void* handle, bool full) {
   h->vad_start = h->vad_end = -1;
   h->cut_pending = false;
   h->n_voice = h->n_sil = 0;
-  ++(full ? g_state.full_resets : g_state.partial_resets);
   return 0;
 }
 
@@ -110,8 +108,6 @@ int Tovad_toolkit_destory(void* handle) {
   --g_state.live_handles;
   return 0;
 }
-
-int Tovad_toolkit_pre_set_filter(void*, int, const short*) { return 0; }
 
 int Tovad_toolkit_get_vad_segment_raw_data(void* handle, int* n_samples, short** data) {
   auto* h = H(handle);
@@ -126,13 +122,5 @@ int Tovad_toolkit_get_vad_segment_raw_data(void* handle, int* n_samples, short**
   return 0;
 }
 
-int Tovad_toolkit_get_batch_size(void*) { return 1; }
-int Tovad_toolkit_get_suspected_vad_end(void*) { return -1; }
-int Tovad_toolkit_check_sil_frame(void*) { return 0; }
-int Tovad_toolkit_get_leading_sil(void*) { return fake_toolkit::kLeadingSil; }
 int Tovad_toolkit_get_voice_to_sil_th(void*) { return fake_toolkit::kVoiceToSil; }
 int Tovad_toolkit_get_sil_to_voice_th(void*) { return fake_toolkit::kSilToVoice; }
-float TOVAD_toolkit_get_curr_wkp_threshold(void*) { return 0.5f; }
-float TOVAD_toolkit_get_curr_suspected_wkp_threshold(void*) { return 0.0f; }
-void TOVAD_toolkit_set_wkp_threshold(void*, float) {}
-void TOVAD_toolkit_set_suspected_wkp_threshold(void*, float) {}

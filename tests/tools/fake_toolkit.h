@@ -18,9 +18,6 @@ struct State {
   std::string init_dir;
   int init_calls = 0;
   int live_handles = 0;
-  int predict_calls = 0;
-  int full_resets = 0;
-  int partial_resets = 0;
   int max_segment_frames = 0;  // > 0: cut an open segment at this length
 };
 extern State g_state;
