@@ -2,6 +2,7 @@
 
 #include <cfloat>
 #include <cmath>
+#include <algorithm>
 #include <functional>
 #include <limits>
 #include <random>
@@ -55,6 +56,21 @@ void Sgemv(const GemmShape& s, const float* A, int lda, const float* x, int, flo
 }
 void PlainSgemv(const GemmShape& s, const float* A, int lda, const float* x, int, float* y, int) {
   orvik_sgemv_inhouse(s.order, s.trans_a, s.M, s.K, s.alpha, A, lda, x, 1, s.beta, y, 1);
+}
+// The double forms, on the float operands widened and the result narrowed.
+template <bool kGemv>
+void Double(const GemmShape& s, const float* A, int lda, const float* B, int ldb, float* C,
+            int ldc) {
+  std::vector<double> a(A, A + s.M * s.K), b(B, B + s.K * s.N), c(C, C + s.M * s.N);
+  const auto order = static_cast<CBLAS_ORDER>(s.order);
+  const auto ta = static_cast<CBLAS_TRANSPOSE>(s.trans_a);
+  if (kGemv) {
+    cblas_dgemv(order, ta, s.M, s.K, s.alpha, a.data(), lda, b.data(), 1, s.beta, c.data(), 1);
+  } else {
+    cblas_dgemm(order, ta, static_cast<CBLAS_TRANSPOSE>(s.trans_b), s.M, s.N, s.K, s.alpha,
+                a.data(), lda, b.data(), ldb, s.beta, c.data(), ldc);
+  }
+  std::copy(c.begin(), c.end(), C);
 }
 
 // Runs `product` and the plain GEMM reference on the same random data and
@@ -136,15 +152,20 @@ TEST(SgemmTest, EveryFormMatchesReference) {
   const float kScalars[][2] = {{1.0f, 0.0f}, {0.5f, 1.0f}, {-1.5f, 0.25f}};
   for (int rep = 0; rep < 40; ++rep)
     sizes.push_back({dim(rng), dim(rng), dim(rng), kScalars[rep % 3][0], kScalars[rep % 3][1]});
+  std::string first;  // the kernel-free forms once
   ForEachKernelVariant([&](const std::string& variant) {
+    if (first.empty()) first = variant;
     for (const Size& z : sizes) {
       for (int form = 0; form < 8; ++form) {
         GemmShape s{kOrders[form / 4], kTrans[form / 2 % 2], kTrans[form % 2], z.M, z.N, z.K,
                     z.alpha, z.beta};
         CompareWithReference(s, &rng, variant, Sgemm);
+        if (variant == first) CompareWithReference(s, &rng, "double", Double<false>);
         if (s.trans_b == CblasTrans || z.K == 0) continue;
         s.N = 1;
         CompareWithReference(s, &rng, variant, Sgemv);
+        if (variant != first) continue;
+        CompareWithReference(s, &rng, "double", Double<true>, true);
         if (s.order == CblasRowMajor) CompareWithReference(s, &rng, "plain", PlainSgemv, true);
       }
     }
@@ -202,6 +223,13 @@ TEST(Level1Test, AxpyIsFusedAndTheOthersAreExact) {
   EXPECT_EQ(cblas_sasum(3, big, 1), 16777218.0f);
   EXPECT_EQ(cblas_sasum(0, big, 1), 0.0f);
   EXPECT_EQ(cblas_sdot(0, big, 1, big, 1), 0.0f);
+  const double dx[3] = {1, 1, 2}, dy[3] = {1, 10, 100};
+  double G[6] = {}, ds[2] = {2, 3};
+  cblas_dger(CblasRowMajor, 2, 3, 1.0, dx, 1, dy, 3, G, 3);
+  EXPECT_EQ(std::vector<double>(G, G + 6), (std::vector<double>{1, 10, 100, 1, 10, 100}));
+  EXPECT_EQ(cblas_ddot(3, dx, 1, dx, 1), 6.0);
+  cblas_dscal(2, 0.5, ds, 1);
+  EXPECT_EQ(ds[1], 1.5);
 }
 
 // Each check names what failed, a comparison with both values, in the
@@ -252,35 +280,6 @@ TEST(BlasDeathTest, ArgumentChecks) {
   };
   for (const auto& [call, report] : kCases)
     EXPECT_DEATH(call(), std::string("# Check failed: ") + report) << report;
-}
-
-// Small integers: every product and sum is exact in both types.
-TEST(DoubleFormsTest, MatchTheFloatFormsOnExactData) {
-  std::mt19937 rng(5);
-  std::uniform_int_distribution<int> val(-4, 4);
-  for (int form = 0; form < 8; ++form) {
-    const GemmShape s{kOrders[form / 4], kTrans[form / 2 % 2], kTrans[form % 2], 3, 5, 4, 2, 1};
-    int lda, ldb, ldc;
-    LeadingDims(s, &lda, &ldb, &ldc);
-    std::vector<float> f(47);  // A, B and C one after the other
-    for (float& v : f) v = static_cast<float>(val(rng));
-    std::vector<double> d(f.begin(), f.end());
-    Sgemm(s, f.data(), lda, f.data() + 12, ldb, f.data() + 32, ldc);
-    cblas_dgemm(CBLAS_ORDER(s.order), CBLAS_TRANSPOSE(s.trans_a), CBLAS_TRANSPOSE(s.trans_b), 3, 5,
-                4, 2.0, d.data(), lda, d.data() + 12, ldb, 1.0, d.data() + 32, ldc);
-    for (int i = 32; i < 47; ++i) EXPECT_EQ(d[i], f[i]) << "form " << form << " at " << i;
-  }
-  const double A[6] = {1, 2, 3, 4, 5, 6}, x[3] = {1, 1, 2};
-  std::vector<double> y = {1, 1};
-  cblas_dgemv(CblasRowMajor, CblasNoTrans, 2, 3, 1.0, A, 3, x, 1, 2.0, y.data(), 1);
-  EXPECT_EQ(y, (std::vector<double>{11, 23}));
-  double G[6] = {};
-  cblas_dger(CblasRowMajor, 2, 3, 1.0, x, 1, A, 3, G, 3);
-  EXPECT_EQ(G[5], 3.0);
-  EXPECT_EQ(cblas_ddot(3, x, 1, x, 1), 6.0);
-  double s[2] = {2, 3};
-  cblas_dscal(2, 0.5, s, 1);
-  EXPECT_EQ(s[1], 1.5);
 }
 
 }  // namespace

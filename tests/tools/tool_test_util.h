@@ -23,14 +23,6 @@ struct ToolRun {
 std::string ReadBytes(const std::string& path);
 void WriteBytes(const std::string& path, const std::string& bytes);
 
-#ifdef TOVAD_PROGRAM
-// Runs the tovad program with `args` and standard input from `input`.
-ToolRun RunProgram(const std::vector<std::string>& args, const std::string& input = "/dev/null");
-#endif
-
-// Exit code 2, nothing on stdout, one line on stderr: "tovad: ..." holding `part`.
-void ExpectOneLineError(const ToolRun& r, const std::string& part);
-
 // The JSON output, file by file; a test failure if it is not JSON.
 struct JsonFile {
   std::string file;
@@ -52,10 +44,9 @@ std::vector<int16_t> ToneBursts(double seconds, const Spans& spans, double ampli
 bool WriteAudio(const std::string& path, int sf_format, int rate, int channels,
                 const std::vector<int16_t>& interleaved);
 
-// A whole file as interleaved 16-bit samples; a test failure if it cannot
-// be read or is not `want_rate` Hz with `want_channels` channels.
-std::vector<int16_t> ReadAudio(const std::string& path, int want_rate = 16000,
-                               int want_channels = 1);
+// A whole 16 kHz mono file; a test failure if it cannot be read or is
+// not 16 kHz mono.
+std::vector<int16_t> ReadAudio(const std::string& path);
 
 // 16 kHz mono to `rate` stereo whose channels average to the input but
 // each hold a steady tone as well, loud enough to be voice on its own.

@@ -51,6 +51,15 @@ std::string ConfText(const std::string& extra = "") {
          extra;
 }
 
+// Exit code 2, nothing on stdout, one line on stderr: "tovad: ..." holding `part`.
+void ExpectOneLineError(const ToolRun& r, const std::string& part) {
+  EXPECT_EQ(r.code, 2);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err.rfind("tovad: ", 0), 0u) << r.err;
+  EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << "one line expected: " << r.err;
+  EXPECT_NE(r.err.find(part), std::string::npos) << r.err;
+}
+
 // A model directory the checks accept: the fake never reads the files.
 std::string MakeModelDir(const std::string& name, const std::string& conf_text = ConfText(),
                          int meanvar_numbers = 240) {
@@ -294,6 +303,13 @@ TEST_F(TovadCliTest, ErrorsAreOneLineBeforeTheLibraryIsAsked) {
       {"--conf @conf @wav", "feature_type = fbank\n", "feature_type 'fbank' is not supported"},
       {"--conf @conf @wav", "n_width = 64\n", "n_width must be 40 or 80"},
       {"--conf @conf @wav", "score_delay_frames = soon\n", "score_delay_frames"},
+      {"--conf @conf -j 0 @wav", "", "bad job count '0'"},
+      {"--conf @conf --jobs 2x @wav", "", "bad job count '2x'"},
+      {"--conf @conf --raw-input --rate fast -", "", "bad rate 'fast'"},
+      {"--conf @conf --raw-input --channels 0 -", "", "bad channel count '0'"},
+      {"--conf @conf - -", "", "can be read only once"},
+      {"--conf @conf --raw-input @wav", "", "--raw-input applies to standard input"},
+      {"--conf @conf --rate 8000 -", "", "add --raw-input"},
   };
   const std::string text = dir_ + "/text.wav";
   WriteBytes(text, "this is not a sound file\n");
@@ -308,7 +324,7 @@ TEST_F(TovadCliTest, ErrorsAreOneLineBeforeTheLibraryIsAsked) {
     std::vector<std::string> args;
     std::istringstream words(c.args);
     for (std::string w; words >> w;) args.push_back(stand_ins.count(w) ? stand_ins.at(w) : w);
-    tovad_test::ExpectOneLineError(RunTool(args), c.message);
+    ExpectOneLineError(RunTool(args), c.message);
     EXPECT_EQ(fake_toolkit::g_state.init_calls, 0);
   }
 }
