@@ -23,14 +23,10 @@ struct ToolRun {
 std::string ReadBytes(const std::string& path);
 void WriteBytes(const std::string& path, const std::string& bytes);
 
-// The JSON output, file by file; a test failure if it is not JSON.
-struct JsonFile {
-  std::string file;
-  double sample_rate, channels, duration;
-  Spans segments;
-  std::vector<bool> cut_by_end_of_input;  // one per segment
-};
-std::vector<JsonFile> ParseJson(const std::string& text);
+// The numbers that follow "key": in the JSON output, in order.
+std::vector<double> JsonNumbers(const std::string& json, const std::string& key);
+// The segments of the JSON output, of all its files in order.
+Spans JsonSpans(const std::string& json);
 
 // Same count, and each bound within `tolerance` seconds of the wanted one.
 void ExpectSpansNear(const Spans& got, const Spans& want, double tolerance);
