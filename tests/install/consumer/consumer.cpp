@@ -1,11 +1,12 @@
 // A program outside the tree: finds the voice segments of a 16 kHz mono
-// 16-bit WAV through the installed library and prints them in frames.
+// 16-bit WAV with the plain 44-byte header through the installed library
+// and prints them in frames.
 #include <tovadmod/tovad_api.h>
 
-#include <cstdint>
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
+#include <iterator>
 #include <vector>
 
 int main(int argc, char** argv) {
@@ -14,22 +15,11 @@ int main(int argc, char** argv) {
     return 2;
   }
   std::ifstream in(argv[3], std::ios::binary);
-  char riff[12];
-  if (!in.read(riff, 12) || std::memcmp(riff, "RIFF", 4) != 0) return 2;
-  std::vector<short> pcm;
-  char head[8];
-  while (in.read(head, 8)) {  // walk the chunks to "data"
-    uint32_t size;
-    std::memcpy(&size, head + 4, 4);
-    if (std::memcmp(head, "data", 4) != 0) {
-      in.seekg(size + (size & 1), std::ios::cur);
-      continue;
-    }
-    pcm.resize(size / 2);
-    in.read(reinterpret_cast<char*>(pcm.data()), static_cast<std::streamsize>(pcm.size() * 2));
-    break;
-  }
-  if (pcm.empty()) return 2;
+  const std::vector<char> bytes{std::istreambuf_iterator<char>(in), {}};
+  if (bytes.size() <= 44) return 2;
+  std::vector<short> pcm((bytes.size() - 44) / 2);
+  std::copy(bytes.begin() + 44, bytes.begin() + 44 + pcm.size() * 2,
+            reinterpret_cast<char*>(pcm.data()));
   void* vad = Tovad_toolkit_init(argv[2], argv[1]);
   int base = 0, segments = 0;
   for (size_t i = 0; i + 160 <= pcm.size(); i += 160) {
