@@ -36,13 +36,8 @@ void RunFrame(Handle* h, int* vad_start, int* vad_end) {
   long sum = 0;
   for (short s : h->frame) sum += std::labs(s);
   const bool voice = sum / kFrame > kLevel;
-  if (voice) {
-    ++h->n_voice;
-    h->n_sil = 0;
-  } else {
-    ++h->n_sil;
-    h->n_voice = 0;
-  }
+  h->n_voice = voice ? h->n_voice + 1 : 0;
+  h->n_sil = voice ? 0 : h->n_sil + 1;
   // A cut decided on the previous frame shows up now, as the real one does.
   if (h->cut_pending) {
     h->cut_pending = false;
