@@ -1,6 +1,7 @@
 // A whole predictor from a (symbol, parameters) pair, then one forward
 // pass.  Input layout: a first line "NAME D0 [D1 [D2 [D3]]]" giving the
 // input and its shape, the symbol JSON, a NUL byte, the parameter bytes.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -11,13 +12,9 @@
 #include "tovadmod/c_predict_api.h"
 #include "tests/fuzz/fuzz_support.h"
 
-namespace {
-
 // Larger inputs only cost time: shapes come from the harness's caller
 // side, not from the model files under test.
 constexpr uint32_t kMaxInputElements = 1 << 16;
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const char* begin = reinterpret_cast<const char*>(data);
@@ -26,10 +23,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::istringstream line(std::string(begin, line_end));
   std::string name;
   std::vector<uint32_t> shape;
-  uint32_t dim = 0;
-  line >> name;
   uint64_t elements = 1;
-  while (shape.size() < 4 && line >> dim) {
+  line >> name;
+  for (uint32_t dim = 0; shape.size() < 4 && line >> dim;) {
     if (dim == 0 || elements * dim > kMaxInputElements) return 0;
     elements *= dim;
     shape.push_back(dim);
@@ -61,10 +57,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     MXPredGetOutputShape(pred, 0, &out_shape, &out_ndim);
     uint64_t out_size = 1;
     for (uint32_t i = 0; i < out_ndim; ++i) out_size *= out_shape[i];
-    if (out_size <= kMaxInputElements * 16) {
-      std::vector<float> output(out_size);
+    std::vector<float> output(std::min<uint64_t>(out_size, kMaxInputElements * 16));
+    if (output.size() == out_size)
       MXPredGetOutput(pred, 0, output.data(), static_cast<uint32_t>(out_size));
-    }
     MXPredFree(pred);
   });
   return 0;
