@@ -26,6 +26,10 @@ void PoolingAttrs::Parse(const LayerAttrs& attrs) {
   if (attrs.count("pad")) ReadAttrValue(attrs.at("pad"), &pad_);
   CHECK_EQ(pad_.ndim(), 2);
   RUVO_BOOL_ATTR(attrs, "global_pool", "False", global_pool_symbol, global_pool_);
+  // A zero stride divides by zero in the output size, a zero kernel makes
+  // empty windows; a global pool sets both from the input.
+  CHECK(global_pool_ || (kernel_[0] > 0 && kernel_[1] > 0 && stride_[0] > 0 && stride_[1] > 0))
+      << "Pooling: kernel and stride must be positive";
 
   std::string pool_type_symbol;
   if (attrs.count("pool_type")) {
