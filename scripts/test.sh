@@ -26,9 +26,10 @@ run_config build/sanitize -DCMAKE_BUILD_TYPE=Debug -DTOVAD_SANITIZE=ON
 # 8-bit dot product, so the SDOT int8 kernels are in use; the kernel tests
 # run every variant the CPU supports, so the widening NEON kernels as well.
 # Then only the tests whose results rest on the int8 variant the library
-# picks by itself (the int8 kernels, the 8-bit fully connected layer, the
-# fixture nets and the comparisons with the host build) run again on a CPU
-# without it: a second whole run under emulation would not fit the CI time.
+# picks by itself (the int8 kernels, the 8-bit layers and fixture nets,
+# the bundled streaming model and the comparisons with the host build) run
+# again on a CPU without it: a second whole run under emulation would not
+# fit the CI time.
 # The comparisons need the host Release build above.
 run_aarch64() {
   local dir=build/aarch64
@@ -38,7 +39,7 @@ run_aarch64() {
   cmake --build "$dir" -j"$jobs"
   (cd "$dir" && ctest -j"$jobs" --output-on-failure --timeout 900)
   (cd "$dir" && QEMU_CPU=cortex-a72 ctest -j"$jobs" --output-on-failure --timeout 900 \
-    -R '^(I8|Nets/FixtureNetTest|NetRunTest|FullyConnected|MathGemm|QuantisedNetTest|QuantStreamTest|AlphaLayersTest|StreamVadTest|cross_)')
+    -R '^(I8|Nets/FixtureNetTest|NetRunTest|ConvolutionTest|StreamingModelTest|QuantisedNetTest|QuantStreamTest|AlphaLayersTest|StreamVadTest|cross_)')
 }
 unset UBSAN_OPTIONS
 run_aarch64
