@@ -19,10 +19,10 @@ inline std::string RegexEscape(const std::string& text) {
   return out;
 }
 
-// "# Check failed: <check>\n# <message>" with the check text as written,
-// comparison checks including their "(a vs. b)" part.
+// The whole report "# Check failed: <check>\n# <message>\n#", anchored: the
+// check as printed, "(a vs. b)" included, and the message, possibly empty.
 inline std::string Fatal(const std::string& check, const std::string& message) {
-  return RegexEscape("# Check failed: " + check + "\n# " + message);
+  return "\n" + RegexEscape("# Check failed: " + check + "\n# " + message) + "\n#\n$";
 }
 
 }  // namespace ruvo_test

@@ -62,7 +62,8 @@ TEST(LayerDeathTest, DefaultInferTypeNeedsAKnownFirstType) {
   Layer layer;
   std::vector<int> empty, out, aux, unknown{-1, 0};
   EXPECT_DEATH(layer.InferType(empty, out, aux), Fatal("in_type.size() >= 1 (0 vs. 1)", ""));
-  EXPECT_DEATH(layer.InferType(unknown, out, aux), Fatal("dtype != -1", "First input must have"));
+  EXPECT_DEATH(layer.InferType(unknown, out, aux),
+               Fatal("dtype != -1", "First input must have specified type"));
 }
 
 // A slot hands out views of its buffer until a request is larger, which
@@ -95,8 +96,9 @@ TEST(ResourceTest, ViewsUntilItMustGrow) {
 TEST(ResourceDeathTest, OnlyThreeSlots) {
   Resource res;
   EXPECT_DEATH(res.GetInterBuf(3, TShape{1}, kFloat32),
-               Fatal("idx < num_inter_buf_ (3 vs. 3)", "O"));
-  EXPECT_DEATH(res.GetInterBuf(-1, TShape{1}, kFloat32), Fatal("idx >= 0 (-1 vs. 0)", "Only"));
+               Fatal("idx < num_inter_buf_ (3 vs. 3)", "Only support 3share buffer"));
+  EXPECT_DEATH(res.GetInterBuf(-1, TShape{1}, kFloat32),
+               Fatal("idx >= 0 (-1 vs. 0)", "Only support 3share buffer"));
 }
 
 }  // namespace

@@ -24,7 +24,6 @@ namespace ruvo {
 namespace {
 
 using ruvo_test::Fatal;
-using ruvo_test::RegexEscape;
 
 std::string ReadDataFile(const std::string& name) {
   return net_test::ReadFile(std::string(TOVAD_TEST_DATA_DIR) + "/ruvo/" + name);
@@ -58,7 +57,7 @@ void LoadAll(std::string bytes, std::vector<NDArray>* data, std::vector<std::str
   NDArray::Load(&fi, *data, *names);
 }
 
-const char kStreamCheck[] = "# Check failed: curr_ptr_ + size <= buffer_size_\n#";
+const std::string kPastEnd = Fatal("curr_ptr_ + size <= buffer_size_", "");
 
 TEST(MemoryStreamTest, ReadsWritesSeeksAndNeverPassesTheEnd) {
   char block[8] = {1, 2, 3, 4, 5, 6, 7, 8}, out[3];
@@ -79,8 +78,7 @@ TEST(MemoryStreamTest, ReadsWritesSeeksAndNeverPassesTheEnd) {
   for (const auto& c : bad) {
     io::MemoryFixedSizeStream t(block, 8);
     t.Seek(c.at);
-    EXPECT_DEATH(c.write ? t.Write(block, c.n) : static_cast<void>(t.Read(out, c.n)),
-                 RegexEscape(kStreamCheck));
+    EXPECT_DEATH(c.write ? t.Write(block, c.n) : static_cast<void>(t.Read(out, c.n)), kPastEnd);
   }
 }
 
@@ -245,7 +243,6 @@ std::string What(const ::testing::TestParamInfo<Row>& info) {
 }
 
 const std::string kInvalid = "Invalid NDArray file format";
-const std::string kPastEnd = RegexEscape(kStreamCheck);
 const std::string kRecord = Bytes().u32(1).u32(4).dev(kFloat32).str();  // data missing
 const std::string kName = Bytes().header(0).u64(1).str();                // before a name
 
@@ -261,7 +258,8 @@ TEST_P(BadParamsDeathTest, EndsInTheCheck) {
 }
 
 const BadParams kBadParams[] = {
-    {"magic", Bytes().header(0, 0x113).u64(0).str(), Fatal("header == kRUVONDArrayListMagic", "")},
+    {"magic", Bytes().header(0, 0x113).u64(0).str(),
+     Fatal("header == kRUVONDArrayListMagic", kInvalid)},
     {"empty", "", kPastEnd, "fi->Read(&header, sizeof(header)) == sizeof(header)"},
     {"no_reserved", Bytes().u64(kRUVONDArrayListMagic).str(), kPastEnd,
      "fi->Read(&reserved, sizeof(reserved)) == sizeof(reserved)"},
@@ -270,7 +268,8 @@ const BadParams kBadParams[] = {
     {"type_flag", Bytes().header(1).u32(1).u32(1).dev(7).zeros(16).str(),
      Fatal("type > -1 && type < kUnused", "Type not initialized!")},
     {"count_past_32_bits", Bytes().header(1).u32(2).u32(65536).u32(65536).dev(kInt8).str(),
-     RegexEscape("shape_size_fits\n# NDArray.Load: element count of shape (65536,65536)")},
+     Fatal("shape_size_fits",
+           "NDArray.Load: element count of shape (65536,65536) exceeds 32 bits")},
     {"data_past_end", Bytes().header(1).raw(kRecord).zeros(8).str(), kPastEnd, "dst.Load(fi)"},
     {"huge_ndim", Bytes().header(1).u32(kModern).u32(0x7FFFFFFF).str(), kPastEnd},
     {"huge_count", Bytes().header(0xFFFFFFFFFFFFFFFFull).zeros(8).str(), kPastEnd},
@@ -382,23 +381,29 @@ std::string Inputs(const std::string& in) {
 // The string and object checks of a node are one helper each: one row for
 // each.
 const BadGraph kBadGraphs[] = {
-    {"version_900", Version(R"(["int",900])"), Fatal("version >= 901 (900 vs. 901)", "")},
-    {"empty_attrs", Graph(R"(,"attrs":{})"), Has("jattr", "mxnet_version", "mxnet:nnvm")},
-    {"version_type", Version(R"(["float",10600])"), Fatal("type == std::string(\"int\")", "")},
-    {"version_of_three", Version(R"(["int",10600,1])"), Fatal("i < 2 (2 vs. 2)", "")},
+    {"version_900", Version(R"(["int",900])"),
+     Fatal("version >= 901 (900 vs. 901)", "nnvm began from 0.9.1")},
+    {"empty_attrs", Graph(R"(,"attrs":{})"),
+     Has("jattr", "mxnet_version", "mxnet:nnvm, no mxnet_version specified!")},
+    {"version_type", Version(R"(["float",10600])"),
+     Fatal("type == std::string(\"int\")", "invalid mxnet_version type, should be int")},
+    {"version_of_three", Version(R"(["int",10600,1])"),
+     Fatal("i < 2 (2 vs. 2)", "invalid mxnet_version format")},
     {"unparsable", "{\"nodes\": [", Has("symbol_str", "nodes", "nodes not exists!")},
-    {"no_arg_nodes", R"({"nodes":[],"heads":[]})", Has("symbol_str", "arg_nodes", "")},
-    {"no_heads", R"({"nodes":[],"arg_nodes":[]})", Has("symbol_str", "heads", "")},
-    {"no_op", Node(R"({"name":"x","inputs":[]})"), Has("jnode", "op", "node:op not")},
-    {"no_name", Node(R"({"op":"null","inputs":[]})"), Has("jnode", "name", "")},
-    {"no_inputs", Node(R"({"op":"null","name":"x"})"), Has("jnode", "inputs", "")},
+    {"no_arg_nodes", R"({"nodes":[],"heads":[]})",
+     Has("symbol_str", "arg_nodes", "arg_nodes not exists!")},
+    {"no_heads", R"({"nodes":[],"arg_nodes":[]})", Has("symbol_str", "heads", "heads not exists!")},
+    {"no_op", Node(R"({"name":"x","inputs":[]})"), Has("jnode", "op", "node:op not exist!")},
+    {"no_name", Node(R"({"op":"null","inputs":[]})"), Has("jnode", "name", "node:name not exist!")},
+    {"no_inputs", Node(R"({"op":"null","name":"x"})"),
+     Has("jnode", "inputs", "node:inputs not exist!")},
     {"input_of_one", Inputs("[[0]]"), Fatal("cJSON_GetArraySize(jEntry) >= 2 (1 vs. 2)", "")},
     {"op_not_string", Node(R"({"op":5,"name":"x","inputs":[]})"),
      Fatal("text != nullptr", "node:op is not a string")},
     {"param_not_object", Node(R"({"op":"null","name":"x","inputs":[],"param":["a"]})"),
      Fatal("item->string != nullptr", "node:param is not an object")},
     {"input_later_node", Inputs("[[1,0]]"),
-     Fatal("e.node_id < node_index (1 vs. 1)", "node y: an input must name an earlier")},
+     Fatal("e.node_id < node_index (1 vs. 1)", "node y: an input must name an earlier node")},
     {"arg_past_end", R"({"nodes":[],"arg_nodes":[0],"heads":[]})",
      Fatal("node_id < nodes.size() (0 vs. 0)", "arg_nodes: no such node")},
     {"head_past_end",

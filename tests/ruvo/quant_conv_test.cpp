@@ -28,7 +28,6 @@ using ruvo_test::ExpectBuildAborts;
 using ruvo_test::Fatal;
 using ruvo_test::FatalCase;
 using ruvo_test::MakeLayer;
-using ruvo_test::RegexEscape;
 
 // Float convolutions against numpy (a few dozen float products per element,
 // summed in another order), each followed by its online 8-bit twin within
@@ -64,19 +63,28 @@ TEST_P(ConvDeathTest, Aborts) { ExpectBuildAborts(GetParam()); }
 
 const FatalCase kRows[] = {
     {"NoKernel", "Convolution", "num_filter=2", "", "kernel_.ndim() == 2 (0 vs. 2)"},
-    {"TooManyFilters", "AlphaConvolution", "kernel=(1,1) num_filter=100001", "", "_ <= 100000"},
-    {"ZeroStride", "Convolution", "kernel=(1,1) num_filter=1 stride=(0,1)", "", "must be positive"},
-    {"DataNot4d", "Convolution", "kernel=(3,3) num_filter=4", "(5,5,2) () ()", "4D in batch-y-x"},
+    {"TooManyFilters", "AlphaConvolution", "kernel=(1,1) num_filter=100001", "",
+     "num_filter_ >= 1 && num_filter_ <= 100000"},
+    {"ZeroStride", "Convolution", "kernel=(1,1) num_filter=1 stride=(0,1)", "",
+     "kernel_[0] > 0 && kernel_[1] > 0 && stride_[0] > 0 && stride_[1] > 0 && dilate_[0] > 0 && "
+     "dilate_[1] > 0",
+     "kernel, stride and dilate must be positive"},
+    {"DataNot4d", "Convolution", "kernel=(3,3) num_filter=4", "(5,5,2) () ()",
+     "dshape.ndim() == 4 (3 vs. 4)", "Input data should be 4D in batch-y-x-num_filter"},
     // A "%" in a report prints as itself, never as a conversion.
     {"GroupsSplit", "Convolution", "kernel=(1,1) num_filter=4 num_group=2", "(1,3,3,7) () ()",
-     "dshape[3] % num_group_ == 0 (1 vs. 0)"},
+     "dshape[3] % num_group_ == 0 (1 vs. 0)", "input num_filter must divide group size"},
     {"WeightShape", "AlphaConvolution", "kernel=(3,3) num_filter=4", "(1,5,5,2) (4,3,3,3) ()",
-     "Provided (4,3,3,3) inferrend shape=(4,3,3,2)"},
+     "out == Shape4(num_filter_, kernel_[0], kernel_[1], dshape[3] / num_group_)",
+     "Shape inconsistent, Provided (4,3,3,3) inferrend shape=(4,3,3,2)"},
     {"KernelTooBig", "Convolution", "kernel=(3,3) num_filter=1 dilate=(3,1)", "(1,6,6,1) () ()",
+     "ksize_y <= dshape[1] + 2 * pad_[0] && ksize_x <= dshape[2] + 2 * pad_[1]",
      "kernel size exceed input"},
     {"EdataShape", "AlphaConvolution", "kernel=(1,1) num_filter=2 elementwise_input=True",
-     "(1,3,3,2) () () (1,3,3,3)", "mismatch shape for elementwise_data"},
-    {"UnknownTruncate", "QuantiInput", "truncate=round", "", "truncate_map.count(trun_type"},
+     "(1,3,3,2) () () (1,3,3,3)", "out_shape[0] == in_shape[3]",
+     "mismatch shape for elementwise_data "},
+    {"UnknownTruncate", "QuantiInput", "truncate=round", "",
+     "quanti_input::truncate_map.count(trun_type_symbol)"},
     {"NhcwNot4d", "NHCW2Conv", "", "(2,3,4)", "shape0.ndim() == 4 (3 vs. 4)"},
 };
 INSTANTIATE_TEST_SUITE_P(Layers, ConvDeathTest, testing::ValuesIn(kRows), CaseName);
@@ -93,16 +101,20 @@ TEST(QuantiInputDeathTest, CeilIsRefusedAtRun) {
 TEST(QuantisedNetDeathTest, FileErrorsAreFatal) {
   const struct {
     const char* params;
-    const char* expected;
+    const char *check, *message;
   } files[] = {
-      {"quant_short_table", "weight_vec_shift_history must hold one entry per output channel"},
-      {"quant_short_weight", "weight does not match the convolution"},
+      {"quant_short_table", "table.Size() == n",
+       "weight_vec_shift_history must hold one entry per output channel"},
+      {"quant_short_weight",
+       "weight.dtype() == kInt8 && weight.ndim() == 4 && weight.Size() == nf * attrs_.kernel_[0] * "
+       "attrs_.kernel_[1] * (data.shape()[3] / attrs_.num_group_)",
+       "weight does not match the convolution"},
   };
   for (const auto& f : files) {
     Model m = LoadModel("quant", f.params);
     PredictorHandle h = net_test::Create(m, m.cases.at(0));
     net_test::SetInputs(h, m.cases.at(0));
-    EXPECT_DEATH(MXPredForward(h), RegexEscape(f.expected)) << f.params;
+    EXPECT_DEATH(MXPredForward(h), Fatal(f.check, f.message)) << f.params;
     MXPredFree(h);
   }
 }

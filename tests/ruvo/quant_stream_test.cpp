@@ -26,8 +26,8 @@ using net_test::Tensor;
 using orvik::ruvo::TShape;
 using ruvo_test::CaseName;
 using ruvo_test::ExpectBuildAborts;
+using ruvo_test::Fatal;
 using ruvo_test::FatalCase;
-using ruvo_test::RegexEscape;
 
 // Heads in graph order, and whether each is 8-bit (copied out a byte an
 // element) or float.
@@ -142,7 +142,7 @@ TEST(QuantStreamDeathTest, FirstCallLongerThanTheWindowIsFatal) {
   PredictorHandle h = net_test::CreateForData(m, {6, 1, 5, 3});
   ASSERT_NE(h, nullptr);
   MXPredSetInput(h, "data", seq.values.data(), 6 * kFrame);
-  EXPECT_DEATH(MXPredForward(h), RegexEscape("input_buff_frames_ >= ishape[0] (3 vs. 6)"));
+  EXPECT_DEATH(MXPredForward(h), Fatal("input_buff_frames_ >= ishape[0] (3 vs. 6)", ""));
   MXPredFree(h);
 }
 
@@ -153,19 +153,25 @@ TEST_P(QuantStreamBuildDeathTest, Aborts) { ExpectBuildAborts(GetParam()); }
 // The flag and pool type parsers are the float layers' and tested there.
 const FatalCase kRows[] = {
     {"TemporalPadded", "QuantiTemporalConvolution", "kernel=(3,5) num_filter=4 pad=(1,0)",
-     "(1,1,5,3) () ()", "pad_[0] == 0 (1 vs. 0)"},
+     "(1,1,5,3) () ()", "pad_[0] == 0 (1 vs. 0)", "only no-padding is supported"},
     {"TemporalDilatedAcross", "QuantiTemporalConvolution", "kernel=(3,5) num_filter=4 dilate=(1,2)",
-     "(1,1,5,3) () ()", "dilate_[1] == 1 (2 vs. 1)"},
+     "(1,1,5,3) () ()", "dilate_[1] == 1 (2 vs. 1)", "only time-dim dilate is supported"},
     {"TemporalTooWide", "QuantiTemporalConvolution", "kernel=(3,5) num_filter=4", "(1,1,4,3) () ()",
-     "ksize_x <= dshape[2] + 2 * pad_[1]"},
+     "ksize_x <= dshape[2] + 2 * pad_[1]", "kernel size exceed input"},
     {"TemporalWeight", "QuantiTemporalConvolution", "kernel=(3,5) num_filter=4 no_bias=True",
-     "(1,1,5,3) (4,3,5,2)", "Provided (4,3,5,2) inferrend shape=(4,3,5,3)"},
+     "(1,1,5,3) (4,3,5,2)", "out == Shape4(num_filter_, kernel_[0], kernel_[1], dshape[3])",
+     "Shape inconsistent, Provided (4,3,5,2) inferrend shape=(4,3,5,3)"},
     {"DenseNoHidden", "QuantiFullyConnected", "num_hidden=0", "", "num_hidden_ >= 1 (0 vs. 1)"},
-    {"DenseWeight", "QuantiFullyConnected", "num_hidden=2", "(1,1,5,3) (2,14) ()", "shape=(2,15)"},
-    {"PoolNot4d", "AlphaPooling", "kernel=(2,2) pool_type=max", "(2,3,4)", "AlphaPooling: Input"},
+    {"DenseWeight", "QuantiFullyConnected", "num_hidden=2", "(1,1,5,3) (2,14) ()",
+     "out == Shape2(num_hidden_, num_input)",
+     "Shape inconsistent, Provided (2,14) inferrend shape=(2,15)"},
+    {"PoolNot4d", "AlphaPooling", "kernel=(2,2) pool_type=max", "(2,3,4)",
+     "dshape.ndim() == 4 (3 vs. 4)",
+     "AlphaPooling: Input data should be 4D in (batch, y, x, channel)"},
     {"PoolKernelTooBig", "AlphaPooling", "kernel=(5,2) pool_type=avg", "(1,3,4,2)",
-     "AlphaPooling: kernel size exceed input"},
-    {"UpscaleNot4d", "AlphaUpscale", "", "(2,3,4)", "input should have 4 dimensions"},
+     "oshape[1] > 0 && oshape[2] > 0", "AlphaPooling: kernel size exceed input"},
+    {"UpscaleNot4d", "AlphaUpscale", "", "(2,3,4)", "dshape.ndim() == 4 (3 vs. 4)",
+     "AlphaUpscale's input should have 4 dimensions"},
 };
 INSTANTIATE_TEST_SUITE_P(Layers, QuantStreamBuildDeathTest, testing::ValuesIn(kRows), CaseName);
 
