@@ -51,6 +51,9 @@ const FatalCase kRows[] = {
     // The default's own spelling is no legal value.
     {"PoolConventionDefault", "Pooling", "kernel=(2,2) pool_type=avg pooling_convention=kValid", "",
      "pool::pool_convention_map.count(pooling_convention_symbol)"},
+    {"PoolStride0", "Pooling", "kernel=(2,2) pool_type=max stride=(0,2)", "",
+     "global_pool_ || (kernel_[0] > 0 && kernel_[1] > 0 && stride_[0] > 0 && stride_[1] > 0)",
+     "Pooling: kernel and stride must be positive"},
     {"PoolNot4d", "Pooling", "kernel=(3,3) pool_type=max", "(7,7,3)",
      "dshape.ndim() == 4 (3 vs. 4)", "Pooling: Input data should be 4D in (batch, y, x, channel)"},
     // Sizes are unsigned: 2 - 3 wraps, and one more makes 0.
