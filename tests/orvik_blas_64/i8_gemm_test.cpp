@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <random>
 #include <string>
@@ -55,91 +56,61 @@ void CompareEntry(int order, int ta, int tb, int M, int N, int K, signed char be
                        << M << " N " << N << " K " << K << " beta " << int(beta);
 }
 
-TEST(I8GemmTest, RandomShapesAreBitEqualToReferenceInEveryForm) {
+// Random shapes, shapes past the kernels' depth block (256), column block
+// (64) and row tile, and the one-row shapes of a one-frame net (past its
+// 256-column block too, and with depth and column counts off the vector
+// steps), in both orders and all four transpose forms.
+TEST(I8GemmTest, ShapesAreBitEqualToReferenceInEveryForm) {
+  std::vector<std::array<int, 3>> shapes = {
+      {1, 256, 120}, {1, 67, 513}, {5, 130, 257}, {67, 3, 300}, {9, 65, 1}, {2, 1, 600},
+      {64, 64, 64},  {1, 300, 40}, {1, 32, 99},   {1, 45, 130}, {1, 17, 64}};
   std::mt19937 rng(42);
   std::uniform_int_distribution<int> dim(1, 20);
-  const signed char kBetas[] = {0, 1, -3};
+  for (int rep = 0; rep < 40; ++rep) shapes.push_back({dim(rng), dim(rng), dim(rng)});
+  const signed char kBetas[] = {0, 1, -3, 2};
   ForEachKernelVariant([&](const std::string& variant) {
-    for (int rep = 0; rep < 40; ++rep) {
-      const int M = dim(rng), N = dim(rng), K = dim(rng);
-      for (int order : {101, 102}) {
-        for (int ta = 0; ta < 2; ++ta) {
-          for (int tb = 0; tb < 2; ++tb) {
-            CompareEntry(order, ta, tb, M, N, K, kBetas[rep % 3], &rng, variant);
-          }
-        }
+    for (size_t i = 0; i < shapes.size(); ++i) {
+      for (int f = 0; f < 8; ++f) {
+        CompareEntry(f < 4 ? 101 : 102, (f >> 1) & 1, f & 1, shapes[i][0], shapes[i][1],
+                     shapes[i][2], kBetas[i % 4], &rng, variant);
       }
     }
   });
 }
 
-// Shapes past the kernels' depth block (256), column block (64) and row
-// tile, and the one-row shapes of a one-frame net (past its 256-column
-// block too, and with depth and column counts off the vector steps).
-TEST(I8GemmTest, LargerShapesAreBitEqualToReference) {
-  struct Shape {
-    int M, N, K;
-  };
-  const Shape kShapes[] = {{1, 256, 120}, {1, 67, 513}, {5, 130, 257}, {67, 3, 300},
-                           {9, 65, 1},    {2, 1, 600},  {64, 64, 64},  {1, 300, 40},
-                           {1, 32, 99},   {1, 45, 130}, {1, 17, 64}};
-  std::mt19937 rng(43);
-  ForEachKernelVariant([&](const std::string& variant) {
-    for (const Shape& s : kShapes) {
-      for (int ta = 0; ta < 2; ++ta) {
-        for (int tb = 0; tb < 2; ++tb) CompareEntry(101, ta, tb, s.M, s.N, s.K, 2, &rng, variant);
-      }
-    }
-  });
-}
-
-TEST(I8GemmTest, FastKernelsIgnoreAlphaAndHonourBeta) {
-  std::mt19937 rng(44);
-  const int M = 7, N = 11, K = 13;
-  const std::vector<signed char> A = RandomBytes(&rng, M * K), B = RandomBytes(&rng, K * N);
-  const std::vector<int> C0 = RandomInts(&rng, M * N);
-  for (int form = 0; form < 4; ++form) {
-    std::vector<int> ours = C0, ref = C0;
-    kInstrics[form](M, N, K, /*alpha=*/5, A.data(), B.data(), ours.data(), /*beta=*/-2);
-    kSeq[form](M, N, K, 1, A.data(), B.data(), -2, ref.data());
-    EXPECT_EQ(ours, ref) << form;
-    // The table forms narrow alpha and beta to 8 bits: 258 is 2.
-    std::vector<int> narrowed = C0, wide_ref = C0;
-    func_gemm_i8_i32[form](M, N, K, 1, A.data(), B.data(), 258, narrowed.data());
-    kSeq[form](M, N, K, 1, A.data(), B.data(), 2, wide_ref.data());
-    EXPECT_EQ(narrowed, wide_ref) << form;
-  }
-}
-
-// The size-selected forms pick kernels that treat alpha and beta
-// differently; with alpha 1 and beta 0 all agree with the contract.
-TEST(I8GemmTest, SizeSelectedFormsAgreeWithAlphaOneBetaZero) {
+// Every four-form entry against the reference loop: the fast kernels ignore
+// alpha and honour beta; the table forms narrow alpha and beta to 8 bits
+// (258 is 2); the size-selected forms (one row, small, mid-size assembly,
+// past the cache limits) agree at alpha 1, beta 0, the one-row kernel
+// overwriting C whatever beta says.
+TEST(I8GemmTest, FourFormEntriesFollowTheirAlphaBetaRules) {
   using Form = void (*)(int, int, int, int, const signed char*, const signed char*, int, int*);
   const Form kNeon[4] = {orvik_i8_i32_gemm_nn_neon, orvik_i8_i32_gemm_nt_neon,
                          orvik_i8_i32_gemm_tn_neon, orvik_i8_i32_gemm_tt_neon};
-  struct Shape {
-    int M, N, K;
+  struct Case {
+    int entry, forms, M, N, K, alpha, beta, ref_beta;
   };
-  // One row, small, mid-size (assembly kernels) and past the cache limits.
-  const Shape kShapes[] = {{1, 16, 16}, {3, 5, 2}, {8, 16, 16}, {220, 300, 200}};
-  std::mt19937 rng(45);
-  for (const Shape& s : kShapes) {
-    const std::vector<signed char> A = RandomBytes(&rng, s.M * s.K),
-                                   B = RandomBytes(&rng, s.K * s.N);
-    for (int form = 0; form < 4; ++form) {
-      std::vector<int> ours = RandomInts(&rng, s.M * s.N);
-      std::vector<int> ref(s.M * s.N, 0);
-      kNeon[form](s.M, s.N, s.K, 1, A.data(), B.data(), 0, ours.data());
-      kSeq[form](s.M, s.N, s.K, 1, A.data(), B.data(), 0, ref.data());
-      EXPECT_EQ(ours, ref) << "form " << form << " M " << s.M << " N " << s.N << " K " << s.K;
+  const Case kCases[] = {{0, 4, 7, 11, 13, 5, -2, -2}, {1, 4, 7, 11, 13, 1, 258, 2},
+                         {2, 4, 1, 16, 16, 1, 0, 0},   {2, 1, 1, 16, 16, 1, 1, 0},
+                         {2, 4, 3, 5, 2, 1, 0, 0},     {2, 4, 8, 16, 16, 1, 0, 0},
+                         {2, 4, 220, 300, 200, 1, 0, 0}};
+  std::mt19937 rng(44);
+  for (const Case& c : kCases) {
+    const std::vector<signed char> A = RandomBytes(&rng, c.M * c.K), B = RandomBytes(&rng, c.K * c.N);
+    for (int form = 0; form < c.forms; ++form) {
+      std::vector<int> ours = RandomInts(&rng, c.M * c.N), ref = ours;
+      if (c.entry == 0) {
+        kInstrics[form](c.M, c.N, c.K, c.alpha, A.data(), B.data(), ours.data(), c.beta);
+      } else if (c.entry == 1) {
+        func_gemm_i8_i32[form](c.M, c.N, c.K, c.alpha, A.data(), B.data(), c.beta, ours.data());
+      } else {
+        kNeon[form](c.M, c.N, c.K, c.alpha, A.data(), B.data(), c.beta, ours.data());
+      }
+      kSeq[form](c.M, c.N, c.K, 1, A.data(), B.data(), c.ref_beta, ref.data());
+      EXPECT_EQ(ours, ref) << "entry " << c.entry << " form " << form << " M " << c.M << " N "
+                           << c.N << " K " << c.K << " beta " << c.beta;
     }
   }
-  // The one-row kernel overwrites C whatever beta says.
-  const std::vector<signed char> A = RandomBytes(&rng, 16), B = RandomBytes(&rng, 16 * 16);
-  std::vector<int> ours(16, 1000), ref(16, 0);
-  orvik_i8_i32_gemm_nn_neon(1, 16, 16, 1, A.data(), B.data(), 1, ours.data());
-  seq_matrix_mul_i8_i32_nn_c(1, 16, 16, 1, A.data(), B.data(), 0, ref.data());
-  EXPECT_EQ(ours, ref);
 }
 
 TEST(I8GemmTest, EdgeSizesAndWrapAround) {
@@ -259,31 +230,33 @@ TEST(I8DotGerTest, DotAndRankOneUpdate) {
   for (int i = 0; i < 6; ++i) EXPECT_EQ(A[i], expected[i]) << i;
 }
 
+// Each call breaks one argument rule; messages name the first failed check.
 TEST(I8GemmDeathTest, ChecksInOrder) {
   signed char A[64] = {}, B[64] = {};
   int C[64] = {};
-  EXPECT_DEATH(orvik_i8_i32_gemm(101, 111, 111, 2, 3, 5, 2, A, 5, B, 3, 0, C, 3),
-               "# Check failed: a == 1 \\(2 vs\\. 1\\)");
-  EXPECT_DEATH(orvik_i8_i32_gemm(101, 111, 111, 2, 3, 5, 1, A, 5, B, 3, 0, nullptr, 3),
-               "# Check failed: C\n");
-  EXPECT_DEATH(orvik_i8_i32_gemm(103, 111, 111, 2, 3, 5, 1, A, 5, B, 3, 0, C, 3),
-               "# Check failed: Order == 101 \\|\\| Order == 102\n");
-  EXPECT_DEATH(orvik_i8_i32_gemm(101, 110, 111, 2, 3, 5, 1, A, 5, B, 3, 0, C, 3),
-               "# Check failed: TransA == 111 \\|\\| TransA == 112\n");
-  EXPECT_DEATH(orvik_i8_i32_gemm(101, 111, 0, 2, 3, 5, 1, A, 5, B, 3, 0, C, 3),
-               "# Check failed: TransB == 111 \\|\\| TransB == 112\n");
-  EXPECT_DEATH(orvik_i8_i32_gemm(101, 111, 111, 2, 3, 5, 1, A, 4, B, 3, 0, C, 3),
-               "# Check failed: lda == K \\(4 vs\\. 5\\)");
-  EXPECT_DEATH(orvik_i8_i32_gemm(101, 112, 112, 2, 3, 5, 1, A, 2, B, 3, 0, C, 3),
-               "# Check failed: ldb == K \\(3 vs\\. 5\\)");
-  EXPECT_DEATH(orvik_i8_i32_gemm(102, 111, 111, 2, 3, 5, 1, A, 2, B, 5, 0, C, 3),
-               "# Check failed: ldc == M \\(3 vs\\. 2\\)");
-  // M of 0 still goes through the checks.
-  EXPECT_DEATH(orvik_i8_i32_gemm(101, 111, 111, 0, 3, 5, 1, A, 4, B, 3, 0, C, 3),
-               "# Check failed: lda == K \\(4 vs\\. 5\\)");
+  struct Case {
+    int order, ta, tb, M, alpha, lda, ldb, ldc;
+    bool null_c;
+    const char* message;
+  };
+  const Case kCases[] = {
+      {101, 111, 111, 2, 2, 5, 3, 3, false, "a == 1 \\(2 vs\\. 1\\)"},
+      {101, 111, 111, 2, 1, 5, 3, 3, true, "C\n"},
+      {103, 111, 111, 2, 1, 5, 3, 3, false, "Order == 101 \\|\\| Order == 102\n"},
+      {101, 110, 111, 2, 1, 5, 3, 3, false, "TransA == 111 \\|\\| TransA == 112\n"},
+      {101, 111, 0, 2, 1, 5, 3, 3, false, "TransB == 111 \\|\\| TransB == 112\n"},
+      {101, 111, 111, 2, 1, 4, 3, 3, false, "lda == K \\(4 vs\\. 5\\)"},
+      {101, 112, 112, 2, 1, 2, 3, 3, false, "ldb == K \\(3 vs\\. 5\\)"},
+      {102, 111, 111, 2, 1, 2, 5, 3, false, "ldc == M \\(3 vs\\. 2\\)"},
+      {101, 111, 111, 0, 1, 4, 3, 3, false, "lda == K \\(4 vs\\. 5\\)"},  // M of 0 is checked too
+  };
+  for (const Case& c : kCases) {
+    EXPECT_DEATH(orvik_i8_i32_gemm(c.order, c.ta, c.tb, c.M, 3, 5, c.alpha, A, c.lda, B, c.ldb, 0,
+                                   c.null_c ? nullptr : C, c.ldc),
+                 std::string("# Check failed: ") + c.message);
+  }
   EXPECT_DEATH(orvik_i8_i32_dot(4, A, 1, B, 2), "# Check failed: incy == 1 \\(2 vs\\. 1\\)");
-  const signed char x[2] = {1, 1}, y[3] = {1, 1, 1};
-  EXPECT_DEATH(orvik_i8_i32_ger(101, 2, 3, 1, x, 1, y, 1, C, 3),
+  EXPECT_DEATH(orvik_i8_i32_ger(101, 2, 3, 1, A, 1, B, 1, C, 3),
                "# Check failed: ldb == N \\(1 vs\\. 3\\)");
 }
 
@@ -345,21 +318,20 @@ TEST(I8GemmShiftTest, MatchesFloatModelOnRandomData) {
 TEST(I8GemmShiftDeathTest, OnlyRowMajorUntransposedA) {
   signed char A[16] = {}, B[16] = {}, C[16] = {};
   const signed char s = 0;
-  EXPECT_DEATH(
-      orvik_i8_i8_gemm_shift(101, 111, 111, 2, 2, 2, 3, 0, A, 0, 2, B, 0, 2, 1, 0, C, 0, 1, &s, 2),
-      "# Check failed: a == 1 \\(3 vs\\. 1\\)");
-  EXPECT_DEATH(
-      orvik_i8_i8_gemm_shift(102, 111, 111, 2, 2, 2, 1, 0, A, 0, 2, B, 0, 2, 1, 0, C, 0, 1, &s, 2),
-      "# Check failed: Order == 101 \\(102 vs\\. 101\\)");
-  EXPECT_DEATH(
-      orvik_i8_i8_gemm_shift(101, 112, 111, 2, 2, 2, 1, 0, A, 0, 2, B, 0, 2, 1, 0, C, 0, 1, &s, 2),
-      "# Check failed: TransA == 111 \\(112 vs\\. 111\\)");
-  EXPECT_DEATH(
-      orvik_i8_i8_gemm_shift(101, 111, 112, 2, 3, 4, 1, 0, A, 0, 4, B, 0, 3, 1, 0, C, 0, 1, &s, 3),
-      "# Check failed: ldb == K \\(3 vs\\. 4\\)");
-  EXPECT_DEATH(
-      orvik_i8_i8_gemm_shift(101, 111, 111, 2, 2, 2, 1, 0, A, 0, 2, B, 0, 2, 1, 0, C, 0, 0, &s, 2),
-      "# Check failed: output_shift_given == 1 \\(0 vs\\. 1\\)");
+  struct Case {
+    int order, ta, tb, N, K, a, ldb, given;
+    const char* message;
+  };
+  const Case kCases[] = {{101, 111, 111, 2, 2, 3, 2, 1, "a == 1 \\(3 vs\\. 1\\)"},
+                         {102, 111, 111, 2, 2, 1, 2, 1, "Order == 101 \\(102 vs\\. 101\\)"},
+                         {101, 112, 111, 2, 2, 1, 2, 1, "TransA == 111 \\(112 vs\\. 111\\)"},
+                         {101, 111, 112, 3, 4, 1, 3, 1, "ldb == K \\(3 vs\\. 4\\)"},
+                         {101, 111, 111, 2, 2, 1, 2, 0, "output_shift_given == 1 \\(0 vs\\. 1\\)"}};
+  for (const Case& c : kCases) {
+    EXPECT_DEATH(orvik_i8_i8_gemm_shift(c.order, c.ta, c.tb, 2, c.N, c.K, c.a, 0, A, 0, c.K, B, 0,
+                                        c.ldb, 1, 0, C, 0, c.given, &s, c.N),
+                 std::string("# Check failed: ") + c.message);
+  }
 }
 
 }  // namespace
