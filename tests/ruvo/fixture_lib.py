@@ -32,6 +32,12 @@ class IoFile(list):
         return lambda key, a: self.extend(["%s %s %d %s" % (kind, key, np.ndim(a), " ".join(map(str, np.shape(a)))),
                                            " ".join("%.9g" % v for v in np.asarray(a, np.float64).ravel())])
 
+    def output8(self, key, values, shift):
+        """An output, and beside an 8-bit one its shift (KEY.shift)."""
+        self.output(key, values)
+        if values.dtype == np.int8:
+            self.output(key + ".shift", np.array([shift]))
+
     def write(self, path):
         with open(path, "w") as f:
             f.write("\n".join(self) + "\n")
@@ -53,6 +59,11 @@ class Params(list):
     def add(self, kind, name, value):
         self.append(("%s:%s" % (kind, name), value))
         return self.g.variable(name)
+
+    def quanti_input(self, src, name, history, **attr):
+        """A QuantiInput node with its shift history."""
+        return self.g.node("QuantiInput", name, [src, self.aux(name + "_input_shift_history", [history])],
+                           attr={k: str(v) for k, v in attr.items()})
 
     def aux(self, name, values, dtype=I8):
         return self.add("aux", name, np.asarray(values, dtype=dtype))
@@ -92,6 +103,38 @@ def conv_attrs(k, stride=(1, 1), pad=(0, 0), dilate=(1, 1), nf=1, groups=1, **fl
 
 def wrap32(v):
     return ((np.asarray(v, dtype=np.int64) + 2**31) % 2**32) - 2**31  # int32 wrap-around
+
+
+def conv_sum(x, w, stride, pad, dilate, groups, pad_value=0, dtype=np.float64):
+    """Direct convolution of channel-last x (N, H, W, C) with w (F, kh, kw,
+    C / groups), summed in `dtype`, one kernel tap at a time."""
+    n, h, wd, c = x.shape
+    f, kh, kw, cg = w.shape
+    (sh, sw), (ph, pw), (dh, dw) = stride, pad, dilate
+    xp = np.full((n, h + 2 * ph, wd + 2 * pw, c), pad_value, dtype=dtype)
+    xp[:, ph:ph + h, pw:pw + wd, :] = x
+    oh = (h + 2 * ph - (dh * (kh - 1) + 1)) // sh + 1
+    ow = (wd + 2 * pw - (dw * (kw - 1) + 1)) // sw + 1
+    out = np.zeros((n, oh, ow, f), dtype=dtype)
+    oc = f // groups
+    for g in range(groups):
+        for ky in range(kh):
+            for kx in range(kw):
+                patch = xp[:, ky * dh:ky * dh + sh * (oh - 1) + 1:sh,
+                           kx * dw:kx * dw + sw * (ow - 1) + 1:sw, g * cg:(g + 1) * cg]
+                out[..., g * oc:(g + 1) * oc] += patch @ w[g * oc:(g + 1) * oc, ky, kx, :].astype(dtype).T
+    return out
+
+
+def conv8(x, w, stride, pad, dilate=(1, 1), groups=1):
+    """The 8-bit convolution's 32-bit accumulators."""
+    return wrap32(conv_sum(x.astype(np.int64), w.astype(np.int64), stride, pad, dilate, groups, dtype=np.int64))
+
+
+def input_step(x):
+    """The online quantiser's step over x's range (range / 254, floored)."""
+    dx = (float(x.max()) - float(x.min())) / 254.0
+    return 0.0001 / 254.0 if dx < 1e-6 / 254.0 else dx
 
 
 def quanti_input(x, s, floor):

@@ -150,38 +150,29 @@ def bn_net(rng, out_dir):
 # ------------------------------------------------------- element-wise
 
 def elemwise_net(rng, out_dir):
-    nodes = {
-        "plus": ("_Plus", ["a", "b"], None),
-        "add": ("elemwise_add", ["a", "b"], None),
-        "mul_s": ("_mul_scalar", ["a"], {"scalar": "2.5"}),
-        "mul_S": ("_MulScalar", ["a"], {"scalar": "-0.75"}),
-        "plus_s": ("_plus_scalar", ["a"], {"scalar": "-1.25"}),
-        "plus_S": ("_PlusScalar", ["a"], {"scalar": "3"}),
-        "add_n3": ("add_n", ["a", "b", "a"], {"num_args": "3"}),
-        "ews1": ("ElementWiseSum", ["b"], {"num_args": "1"}),
-        "bmul_mid": ("broadcast_mul", ["a", "col"], None),
-        "bmul_row": ("broadcast_mul", ["row", "a"], None),
-        "bmul_both": ("broadcast_mul", ["lone", "row"], None),
-    }
-    sums = {"sum_all": {}, "sum_0": {"axis": "0"}, "sum_1": {"axis": "1"}, "sum_2": {"axis": "(2,)"},
-            "sum_neg": {"axis": "-2"}, "sum_02": {"axis": "(0,2)"},
-            "sum_keep1": {"axis": "1", "keepdims": "True"}, "sum_excl1": {"axis": "1", "exclude": "True"}}
-    for n, a in sums.items():
-        nodes[n] = ("sum", ["a"], a)
-    a = rng.uniform(-2, 2, (2, 3, 4)).astype(F32)
-    b = rng.uniform(-2, 2, (2, 3, 4)).astype(F32)
-    col = rng.uniform(-2, 2, (3, 1)).astype(F32)
-    row = rng.uniform(-2, 2, (1, 1, 4)).astype(F32)
-    lone = rng.uniform(-2, 2, (2, 3, 1)).astype(F32)
+    a, b = (rng.uniform(-2, 2, (2, 3, 4)).astype(F32) for _ in range(2))
+    col, row, lone = (rng.uniform(-2, 2, s).astype(F32) for s in ((3, 1), (1, 1, 4), (2, 3, 1)))
     A, B = a.astype(np.float64), b.astype(np.float64)
-    outs = {"plus": A + B, "add": A + B, "mul_s": A * 2.5, "mul_S": A * -0.75, "plus_s": A - 1.25,
-            "plus_S": A + 3, "add_n3": A + B + A, "ews1": B, "bmul_mid": A * col, "bmul_row": row * A,
-            "bmul_both": lone.astype(np.float64) * row,
-            "sum_all": A.sum().reshape(1), "sum_0": A.sum(0), "sum_1": A.sum(1), "sum_2": A.sum(2),
-            "sum_neg": A.sum(-2), "sum_02": A.sum((0, 2)), "sum_keep1": A.sum(1, keepdims=True),
-            "sum_excl1": A.sum((0, 2))}
-    build(out_dir, "elemwise", nodes, [],
-          [("mixed", {"a": a, "b": b, "col": col, "row": row, "lone": lone}, outs)])
+    table = {  # name: op, inputs, attributes, expected
+        "plus": ("_Plus", ["a", "b"], None, A + B), "add": ("elemwise_add", ["a", "b"], None, A + B),
+        "mul_s": ("_mul_scalar", ["a"], {"scalar": "2.5"}, A * 2.5),
+        "mul_S": ("_MulScalar", ["a"], {"scalar": "-0.75"}, A * -0.75),
+        "plus_s": ("_plus_scalar", ["a"], {"scalar": "-1.25"}, A - 1.25),
+        "plus_S": ("_PlusScalar", ["a"], {"scalar": "3"}, A + 3),
+        "add_n3": ("add_n", ["a", "b", "a"], {"num_args": "3"}, A + B + A),
+        "ews1": ("ElementWiseSum", ["b"], {"num_args": "1"}, B),
+        "bmul_mid": ("broadcast_mul", ["a", "col"], None, A * col),
+        "bmul_row": ("broadcast_mul", ["row", "a"], None, row * A),
+        "bmul_both": ("broadcast_mul", ["lone", "row"], None, lone.astype(np.float64) * row),
+        "sum_all": ("sum", ["a"], {}, A.sum().reshape(1)), "sum_0": ("sum", ["a"], {"axis": "0"}, A.sum(0)),
+        "sum_1": ("sum", ["a"], {"axis": "1"}, A.sum(1)), "sum_2": ("sum", ["a"], {"axis": "(2,)"}, A.sum(2)),
+        "sum_neg": ("sum", ["a"], {"axis": "-2"}, A.sum(-2)),
+        "sum_02": ("sum", ["a"], {"axis": "(0,2)"}, A.sum((0, 2))),
+        "sum_keep1": ("sum", ["a"], {"axis": "1", "keepdims": "True"}, A.sum(1, keepdims=True)),
+        "sum_excl1": ("sum", ["a"], {"axis": "1", "exclude": "True"}, A.sum((0, 2))),
+    }
+    build(out_dir, "elemwise", {n: t[:3] for n, t in table.items()}, [],
+          [("mixed", {"a": a, "b": b, "col": col, "row": row, "lone": lone}, {n: t[3] for n, t in table.items()})])
 
 
 # ------------------------------------------------------------ upsampling

@@ -9,7 +9,7 @@ import sys
 
 import numpy as np
 
-from fixture_lib import F32, IoFile, SymbolGraph, save, write_or_check, write_params
+from fixture_lib import F32, IoFile, SymbolGraph, input_step, save, write_or_check, write_params
 
 
 def io_of(cases):
@@ -199,9 +199,7 @@ def fc_quant(rng, out):
 
     def bound(data, w):
         x2 = data.reshape(data.shape[0], -1).astype(np.float64)
-        dx = (x2.max() - x2.min()) / 254.0
-        dx = 0.0001 / 254.0 if dx < 1e-6 / 254.0 else dx
-        dw = np.abs(w).max() / 127.0
+        dx, dw = input_step(data), np.abs(w).max() / 127.0
         aw = np.abs(w.astype(np.float64))
         # Per output: sum over k of |x| dw + (|w| + dw) dx, plus float
         # rounding of the rescale.

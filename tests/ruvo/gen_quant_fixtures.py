@@ -9,29 +9,8 @@ import sys
 
 import numpy as np
 
-from fixture_lib import (F32, I8, I32, IoFile, Params, SymbolGraph, conv_attrs, output_stage,
-                         quanti_input, save, write_or_check, wrap32, write_params)
-
-
-def conv_sum(x, w, stride, pad, dilate, groups, pad_value=0, dtype=np.float64):
-    """Direct convolution of channel-last x (N, H, W, C) with w (F, kh, kw,
-    C / groups), summed in `dtype`, one kernel tap at a time."""
-    n, h, wd, c = x.shape
-    f, kh, kw, cg = w.shape
-    (sh, sw), (ph, pw), (dh, dw) = stride, pad, dilate
-    xp = np.full((n, h + 2 * ph, wd + 2 * pw, c), pad_value, dtype=dtype)
-    xp[:, ph:ph + h, pw:pw + wd, :] = x
-    oh = (h + 2 * ph - (dh * (kh - 1) + 1)) // sh + 1
-    ow = (wd + 2 * pw - (dw * (kw - 1) + 1)) // sw + 1
-    out = np.zeros((n, oh, ow, f), dtype=dtype)
-    oc = f // groups
-    for g in range(groups):
-        for ky in range(kh):
-            for kx in range(kw):
-                patch = xp[:, ky * dh:ky * dh + sh * (oh - 1) + 1:sh,
-                           kx * dw:kx * dw + sw * (ow - 1) + 1:sw, g * cg:(g + 1) * cg]
-                out[..., g * oc:(g + 1) * oc] += patch @ w[g * oc:(g + 1) * oc, ky, kx, :].astype(dtype).T
-    return out
+from fixture_lib import (F32, I8, I32, IoFile, Params, SymbolGraph, conv8, conv_attrs, conv_sum,
+                         input_step, output_stage, quanti_input, save, write_or_check, write_params)
 
 
 # ------------------------------------------------------------ float conv
@@ -70,10 +49,7 @@ def conv_net(rng, out_dir):
     for case, data in (("mixed", mixed), ("all_equal", np.full((2, 7, 9, 6), 0.75, F32))):
         io.case(case)
         io.input("data", data)
-        x64 = data.astype(np.float64)
-        dx = (x64.max() - x64.min()) / 254.0
-        if dx < 1e-6 / 254.0:
-            dx = 0.0001 / 254.0
+        x64, dx = data.astype(np.float64), input_step(data)
         # Padding holds the quantised image of 0.0 clamped to 8 bits, which
         # is 0.0 only to within dx when 0.0 lies inside the data's range.
         lo, hi = F32(data.min()), F32(data.max())
@@ -104,28 +80,14 @@ def conv_net(rng, out_dir):
 # --------------------------------------------------------------- 8-bit
 
 
-def alpha_conv(xq, in_shift, w, k, s, p, d, groups, bias=None, wshift=None, out_shift=0,
-               bn=None, edata=None, act=False, float_out=False):
-    """The 8-bit convolution and its output stage in integer arithmetic.
-    wshift: per-channel weight shifts; bn: (weight, right shift, weight
-    shift); edata: (tensor, shift).  Returns (output, shift)."""
-    acc = wrap32(conv_sum(xq.astype(np.int64), w.astype(np.int64), s, p, d, groups,
-                          dtype=np.int64))
-    return output_stage(acc, in_shift, wshift, out_shift, bias, bn, edata, act, float_out)
-
-
 def quant_net(rng, out_dir):
     """float (2, 7, 9, 6) -> QuantiInput (both scale modes) -> eight-bit
     convolutions in every form, the small layers on top."""
     g = SymbolGraph()
     x = g.variable("data")
     params = Params(g)
-    qin = g.node("QuantiInput", "qin", [x, params.aux("qin_input_shift_history", [4])],
-                 attr={"truncate": "floor"})
-    qin5 = g.node("QuantiInput", "qin5", [x, params.aux("qin5_input_shift_history", [3])],
-                  attr={"truncate": "naive", "fixed_output_shift": "5"})
-
-    nodes = {"qin": qin, "qin5": qin5}
+    qin = params.quanti_input(x, "qin", 4, truncate="floor")
+    nodes = {"qin": qin, "qin5": params.quanti_input(x, "qin5", 3, truncate="naive", fixed_output_shift=5)}
     refs = []  # (name, expected output from the tensors computed so far)
 
     def alpha(name, src, k, nf, groups=1, s=(1, 1), p=(0, 0), d=(1, 1), bias=True, vec=False,
@@ -144,9 +106,8 @@ def quant_net(rng, out_dir):
                             use_batchnorm=bn, elementwise_input=edata is not None,
                             use_activation=act, disable_output_quantization=float_out,
                             transpose_weight=tw))
-        refs.append((name, lambda q: alpha_conv(
-            q[src][0], q[src][1], w, k, s, p, d, groups, bias=b, wshift=wshift,
-            out_shift=out_shift, bn=bnp, edata=q.get(edata), act=act, float_out=float_out)))
+        refs.append((name, lambda q: output_stage(conv8(q[src][0], w, s, p, d, groups), q[src][1], wshift,
+                                                  out_shift, b, bnp, q.get(edata), act, float_out)))
 
     alpha("a1", "qin", (3, 3), 5, p=(1, 2))
     alpha("a2", "qin", (2, 3), 4, s=(2, 2), d=(2, 1), bias=False, vec=True, act=True, tw=False)
@@ -178,10 +139,8 @@ def quant_net(rng, out_dir):
         q["qact"] = (np.maximum(a1q, 0).astype(np.int8), a1s)
         q["nhcw_q"] = (q["qin"][0].transpose(0, 1, 3, 2), 255)
         io.output("nhcw_f", data.transpose(0, 1, 3, 2))
-        for key, (values, shift) in q.items():  # an 8-bit output has its shift beside it
-            io.output(key, values)
-            if values.dtype == np.int8:
-                io.output(key + ".shift", np.array([shift]))
+        for key, (values, shift) in q.items():
+            io.output8(key, values, shift)
     save("quant", g, params, io, out_dir)
 
     # File errors: a per-channel shift table one entry short, and a weight

@@ -18,9 +18,9 @@ import sys
 
 import numpy as np
 
-from fixture_lib import (F32, I8, I32, IoFile, Params, SymbolGraph, conv_attrs, output_stage,
+from fixture_lib import (F32, I8, I32, IoFile, Params, SymbolGraph, conv8, conv_attrs, output_stage,
                          quanti_input, save, write_or_check, wrap32)
-from gen_quant_fixtures import conv_sum
+
 FRAMES, WIDTH, CHANNELS = 12, 5, 3
 RESTART = 5
 UPDATES = (3, 4, 8)
@@ -67,8 +67,7 @@ def stream_net(rng, out_dir):
     g = SymbolGraph()
     params = Params(g)
     nodes = {"data": g.variable("data")}
-    nodes["qin"] = g.node("QuantiInput", "qin", [nodes["data"], params.aux("qin_input_shift_history", [0])],
-                          attr={"fixed_output_shift": str(IN_SHIFT)})
+    nodes["qin"] = params.quanti_input(nodes["data"], "qin", 0, fixed_output_shift=IN_SHIFT)
     layers = []  # (name, source, kind, weight, stage arguments, dilate)
 
     def layer(kind, name, src, w, bias=True, vec=False, act=False, bn=False, float_out=False, tw=True,
@@ -205,8 +204,7 @@ def alpha_net(rng, out_dir):
     g = SymbolGraph()
     x = g.variable("data")
     params = Params(g)
-    qin = g.node("QuantiInput", "qin", [x, params.aux("qin_input_shift_history", [0])],
-                 attr={"fixed_output_shift": "4"})
+    qin = params.quanti_input(x, "qin", 0, fixed_output_shift=4)
     pools = [("p_max", qin, (3, 3), (2, 2), (1, 1), "max", False, False),
              ("p_avg_full", qin, (3, 3), (2, 2), (1, 1), "avg", True, False),
              ("p_avg_global", qin, (1, 1), (1, 1), (0, 0), "avg", False, True),
@@ -216,9 +214,8 @@ def alpha_net(rng, out_dir):
     for name, src, k, s, p, kind, full, glob in pools:
         attr = {"kernel": "(%d,%d)" % k, "stride": "(%d,%d)" % s, "pad": "(%d,%d)" % p,
                 "pool_type": kind, "global_pool": "True" if glob else "False"}
-        if full:
-            attr["pooling_convention"] = "full"
-        nodes[name] = g.node("AlphaPooling", name, [src], attr=attr)
+        full = {"pooling_convention": "full"} if full else {}
+        nodes[name] = g.node("AlphaPooling", name, [src], attr=dict(attr, **full))
     nodes["up"] = g.node("AlphaUpscale", "up", [qin])
     nodes["up_1x1"] = g.node("AlphaUpscale", "up_1x1", [nodes["p_avg_global"]])
     heads = [n for n, *_ in pools] + ["up", "up_1x1"]
@@ -229,16 +226,12 @@ def alpha_net(rng, out_dir):
     data = rng.uniform(-9.0, 9.0, (2, 5, 7, 8)).astype(F32)
     io.input("data", data)
     q = quanti_input(data, 4, True)
-    got = {}
-    for name, src, k, s, p, kind, full, glob in pools:
-        got[name] = pool_ref(q if src == qin else data, k, s, p, kind, full, glob)
+    got = {name: pool_ref(q if src == qin else data, *args) for name, src, *args in pools}
     got["up"] = upscale_ref(q)
     got["up_1x1"] = upscale_ref(got["p_avg_global"])
     assert 127 in got["p_max"] and -128 in got["up"] and 127 in got["up"]
     for h in heads:
-        io.output(h, got[h])
-        if got[h].dtype == np.int8:
-            io.output(h + ".shift", np.array([4]))
+        io.output8(h, got[h], 4)
     save("alpha", g, params, io, out_dir)
 
 
@@ -253,9 +246,7 @@ def alpha_plus_net(rng, out_dir):
     g = SymbolGraph()
     x = g.variable("data")
     params = Params(g)
-    qin = g.node("QuantiInput", "qin", [x, params.aux("qin_input_shift_history", [0])],
-                 attr={"fixed_output_shift": "4"})
-
+    qin = params.quanti_input(x, "qin", 0, fixed_output_shift=4)
     refs, heads = [], []
 
     def plus(name, k, p, nf, wshift, out_shift, in_shift=None, bias_d=None, edata_shift=None,
@@ -283,8 +274,7 @@ def alpha_plus_net(rng, out_dir):
         heads.append(g.node("AlphaPlusConvolution", name, inputs, attr=attr))
 
         def ref(q):
-            acc = wrap32(conv_sum(q.astype(np.int64), w.astype(np.int64), (1, 1), p, (1, 1), 1,
-                                  dtype=np.int64))
+            acc = conv8(q, w, (1, 1), p)
             if not align:
                 edata = None if edata_shift is None else (q, edata_shift)
                 return output_stage(acc, used_in, wshift, out_shift, bias=bias_al, edata=edata,
@@ -307,10 +297,7 @@ def alpha_plus_net(rng, out_dir):
     io.input("data", data)
     q = quanti_input(data, 4, True)
     for name, ref in refs:
-        out = ref(q)
-        io.output(name, out)
-        if out.dtype == np.int8:
-            io.output(name + ".shift", np.array([3]))
+        io.output8(name, ref(q), 3)
     save("alpha_plus", g, params, io, out_dir)
 
 

@@ -99,8 +99,7 @@ def write(out_dir):
     layers = quantised()
     g = SymbolGraph()
     params = Params(g)
-    src = g.node("QuantiInput", "qin", [g.variable("data"), params.aux("qin_input_shift_history", [SHIFTS["in"]])],
-                 attr={"fixed_output_shift": str(SHIFTS["in"])})
+    src = params.quanti_input(g.variable("data"), "qin", SHIFTS["in"], fixed_output_shift=SHIFTS["in"])
     for name, w, ws, b, out_shift, act in layers:
         inputs = [src] + params.weights(name, w, b) + params.shift_tables(
             name, out_shift, ws, True, None if b is None else np.zeros(len(ws)),
