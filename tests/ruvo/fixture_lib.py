@@ -82,6 +82,20 @@ class Params(list):
             refs.append(self.aux("%s_bias_%sshift_history" % (name, key), one(np.asarray(bias_shift))))
         return refs
 
+    def layer8(self, rng, name, w, bias, vec, out_shift, bn=False, edata=(), scalar_shift=7,
+               first="output_shift_history"):
+        """An 8-bit layer's random bias (unless not bias), weight shifts
+        (per channel if vec) and batch normalisation (if bn), and its input
+        variables after the data (edata, if any, after the weight).
+        Returns (inputs, bias, weight shifts, batch norm states)."""
+        nf = len(w)
+        b = rng.integers(-3000, 3000, (nf,)).astype(I32) if bias else None
+        inputs = self.weights(name, w, b) + list(edata)
+        wshift = (rng.integers(5, 9, (nf,)) if vec else np.full(nf, scalar_shift)).astype(I8)
+        inputs += self.shift_tables(name, out_shift, wshift, vec, np.zeros(nf) if bias else None, first)
+        bnp, bn_states = self.batchnorm(rng, name, nf) if bn else (None, [])
+        return inputs + bn_states, b, wshift, bnp
+
     def batchnorm(self, rng, name, n):
         """Random 8-bit batch normalisation states (weight, right shift,
         weight shift) and their variables."""

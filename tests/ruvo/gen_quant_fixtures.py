@@ -9,7 +9,7 @@ import sys
 
 import numpy as np
 
-from fixture_lib import (F32, I8, I32, IoFile, Params, SymbolGraph, conv8, conv_attrs, conv_sum,
+from fixture_lib import (F32, I8, IoFile, Params, SymbolGraph, conv8, conv_attrs, conv_sum,
                          input_step, output_stage, quanti_input, save, write_or_check, write_params)
 
 
@@ -94,14 +94,10 @@ def quant_net(rng, out_dir):
               bn=False, edata=None, act=False, float_out=False, tw=True, out_shift=3,
               src_channels=6, scalar_shift=7):
         w = rng.integers(-128, 128, (nf,) + k + (src_channels // groups,)).astype(I8)
-        b = rng.integers(-3000, 3000, (nf,)).astype(I32) if bias else None
-        inputs = [nodes[src]] + params.weights(name, w, b) + ([nodes[edata]] if edata else [])
-        wshift = (rng.integers(5, 9, (nf,)) if vec else np.full(nf, scalar_shift)).astype(I8)
-        inputs += params.shift_tables(name, out_shift, wshift, vec, np.zeros(nf) if bias else None)
-        bnp, bn_states = params.batchnorm(rng, name, nf) if bn else (None, [])
-        inputs += bn_states
+        inputs, b, wshift, bnp = params.layer8(rng, name, w, bias, vec, out_shift, bn,
+                                               [nodes[edata]] if edata else [], scalar_shift)
         nodes[name] = g.node(
-            "AlphaConvolution", name, inputs,
+            "AlphaConvolution", name, [nodes[src]] + inputs,
             attr=conv_attrs(k, s, p, d, nf, groups, no_bias=not bias, vector_quanti=vec,
                             use_batchnorm=bn, elementwise_input=edata is not None,
                             use_activation=act, disable_output_quantization=float_out,

@@ -18,7 +18,7 @@ import sys
 
 import numpy as np
 
-from fixture_lib import (F32, I8, I32, IoFile, Params, SymbolGraph, conv8, conv_attrs, output_stage,
+from fixture_lib import (F32, I8, IoFile, Params, SymbolGraph, conv8, conv_attrs, output_stage,
                          quanti_input, save, write_or_check, wrap32)
 
 FRAMES, WIDTH, CHANNELS = 12, 5, 3
@@ -74,12 +74,9 @@ def stream_net(rng, out_dir):
               out_shift=3, dilate=1):
         """A temporal convolution or dense layer with weight w (F, ...)."""
         nf = len(w)
-        b = rng.integers(-3000, 3000, (nf,)).astype(I32) if bias else None
-        inputs = [nodes[src]] + params.weights(name, w, b)
-        wshift = (rng.integers(5, 9, (nf,)) if vec else np.full(nf, 7)).astype(I8)
         first = "out_shift_history" if kind == "temporal" and not bias else "output_shift_history"
-        inputs += params.shift_tables(name, out_shift, wshift, vec, np.zeros(nf) if bias else None, first)
-        bnp, bn_states = params.batchnorm(rng, name, nf) if bn else (None, [])
+        inputs, b, wshift, bnp = params.layer8(rng, name, w, bias, vec, out_shift, bn, first=first)
+        inputs = [nodes[src]] + inputs
         flags = dict(no_bias=not bias, vector_quanti=vec, **({"use_activation": act} if kind == "temporal"
                                                           else {"use_batchnorm": bn}),
                      disable_output_quantization=float_out, transpose_weight=tw)
@@ -88,7 +85,7 @@ def stream_net(rng, out_dir):
                                  attr=conv_attrs(w.shape[1:3], dilate=(dilate, 1), nf=nf, **flags))
         else:
             attr = dict({"num_hidden": str(nf)}, **{k: ("True" if v else "False") for k, v in flags.items()})
-            nodes[name] = g.node("QuantiFullyConnected", name, inputs + bn_states, attr=attr)
+            nodes[name] = g.node("QuantiFullyConnected", name, inputs, attr=attr)
         layers.append((name, src, kind, w, dict(bias=b, wshift=wshift, out_shift=out_shift, act=act, bn=bnp,
                                                 float_out=float_out), dilate))
 
