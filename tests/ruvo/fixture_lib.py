@@ -145,6 +145,11 @@ def conv8(x, w, stride, pad, dilate=(1, 1), groups=1):
     return wrap32(conv_sum(x.astype(np.int64), w.astype(np.int64), stride, pad, dilate, groups, dtype=np.int64))
 
 
+def dense8(x, w):
+    """The 8-bit dense layer's 32-bit accumulators, one row per item of x."""
+    return wrap32(x.reshape(len(x), -1).astype(np.int64) @ w.astype(np.int64).T)
+
+
 def input_step(x):
     """The online quantiser's step over x's range (range / 254, floored)."""
     dx = (float(x.max()) - float(x.min())) / 254.0

@@ -18,8 +18,8 @@ import sys
 
 import numpy as np
 
-from fixture_lib import (F32, I8, IoFile, Params, SymbolGraph, conv8, conv_attrs, output_stage,
-                         quanti_input, save, write_or_check, wrap32)
+from fixture_lib import (F32, I8, IoFile, Params, SymbolGraph, conv8, conv_attrs, dense8,
+                         output_stage, quanti_input, save, write_or_check, wrap32)
 
 FRAMES, WIDTH, CHANNELS = 12, 5, 3
 RESTART = 5
@@ -113,7 +113,7 @@ def stream_net(rng, out_dir):
         for name, src, kind, w, stage, dilate in layers:
             x, shift = q[src]
             if kind == "dense":
-                acc = wrap32(x.reshape(len(x), -1).astype(np.int64) @ w.astype(np.int64).T)
+                acc = dense8(x, w)
             elif updates is None:
                 acc = temporal_acc(x, w, dilate)
             else:

@@ -20,8 +20,8 @@ import sys
 
 import numpy as np
 
-from fixture_lib import (F32, I8, I32, ROOT, IoFile, Params, SymbolGraph, output_stage, quanti_input,
-                         read_params, save, write_or_check, wrap32)
+from fixture_lib import (F32, I8, I32, ROOT, IoFile, Params, SymbolGraph, dense8, output_stage, quanti_input,
+                         read_params, save, write_or_check)
 from gen_stream_fixtures import temporal_acc
 
 RANK = 16
@@ -85,8 +85,7 @@ def run_int8(layers, feats):
     shift = SHIFTS["in"]
     for name, w, ws, b, out_shift, act in layers:
         if name == "fc3":
-            acc = wrap32(x.reshape(len(x), -1).astype(np.int64) @ w.astype(np.int64).T)
-            logits, _ = output_stage(acc, shift, ws, 0, bias=b, float_out=True)
+            logits, _ = output_stage(dense8(x, w), shift, ws, 0, bias=b, float_out=True)
             break
         acc = temporal_acc(x, w, 1)
         x, shift = output_stage(acc, shift, ws, out_shift, bias=b, act=act)
