@@ -32,6 +32,17 @@ class IoFile(list):
         return lambda key, a: self.extend(["%s %s %d %s" % (kind, key, np.ndim(a), " ".join(map(str, np.shape(a)))),
                                            " ".join("%.9g" % v for v in np.asarray(a, np.float64).ravel())])
 
+    @classmethod
+    def of(cls, cases):
+        """cases: (case name, inputs, outputs, bounds), each [(key, array)]."""
+        io = cls()
+        for case, *blocks in cases:
+            io.case(case)
+            for kind, pairs in zip(("input", "output", "bound"), blocks):
+                for key, array in pairs:
+                    getattr(io, kind)(key, array)
+        return io
+
     def output8(self, key, values, shift):
         """An output, and beside an 8-bit one its shift (KEY.shift)."""
         self.output(key, values)

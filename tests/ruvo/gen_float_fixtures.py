@@ -26,14 +26,8 @@ def build(out_dir, name, nodes, params, cases):
         return made[n]
 
     g.heads = [get(n) for n in sorted(nodes)]
-    io = IoFile()
-    for case, inputs, outputs in cases:
-        io.case(case)
-        for k, v in inputs.items():
-            io.input(k, v)
-        for k in sorted(outputs):
-            io.output(k, outputs[k].astype(F32))
-    save(name, g, params, io, out_dir)
+    save(name, g, params, IoFile.of([(case, inputs.items(), [(k, outputs[k].astype(F32)) for k in sorted(outputs)])
+                                     for case, inputs, outputs in cases]), out_dir)
 
 
 # -------------------------------------------------------------- pooling

@@ -12,15 +12,7 @@ import numpy as np
 from fixture_lib import F32, IoFile, SymbolGraph, input_step, save, write_or_check, write_params
 
 
-def io_of(cases):
-    """cases: (case name, inputs, outputs, bounds), each [(key, array)]."""
-    io = IoFile()
-    for case, *blocks in cases:
-        io.case(case)
-        for kind, pairs in zip(("input", "output", "bound"), blocks):
-            for key, array in pairs:
-                getattr(io, kind)(key, array)
-    return io
+io_of = IoFile.of
 
 
 def fc(x, w, b=None):
