@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <random>
@@ -90,13 +91,14 @@ TEST(I8GemmTest, FourFormEntriesFollowTheirAlphaBetaRules) {
   struct Case {
     int entry, forms, M, N, K, alpha, beta, ref_beta;
   };
-  const Case kCases[] = {{0, 4, 7, 11, 13, 5, -2, -2}, {1, 4, 7, 11, 13, 1, 258, 2},
-                         {2, 4, 1, 16, 16, 1, 0, 0},   {2, 1, 1, 16, 16, 1, 1, 0},
-                         {2, 4, 3, 5, 2, 1, 0, 0},     {2, 4, 8, 16, 16, 1, 0, 0},
+  const Case kCases[] = {{0, 4, 7, 11, 13, 5, -2, -2},  {1, 4, 7, 11, 13, 1, 258, 2},
+                         {2, 4, 1, 16, 16, 1, 0, 0},    {2, 1, 1, 16, 16, 1, 1, 0},
+                         {2, 4, 3, 5, 2, 1, 0, 0},      {2, 4, 8, 16, 16, 1, 0, 0},
                          {2, 4, 220, 300, 200, 1, 0, 0}};
   std::mt19937 rng(44);
   for (const Case& c : kCases) {
-    const std::vector<signed char> A = RandomBytes(&rng, c.M * c.K), B = RandomBytes(&rng, c.K * c.N);
+    const std::vector<signed char> A = RandomBytes(&rng, c.M * c.K),
+                                   B = RandomBytes(&rng, c.K * c.N);
     for (int form = 0; form < c.forms; ++form) {
       std::vector<int> ours = RandomInts(&rng, c.M * c.N), ref = ours;
       if (c.entry == 0) {
@@ -135,65 +137,58 @@ TEST(I8GemmTest, EdgeSizesAndWrapAround) {
 }
 
 // The packed one-row product against the reference loop, in both B forms,
-// storing 32-bit sums or narrowing them: shapes off the 16-column strip and
-// the depth quad, the net's own, and one whose sum wraps (2^31 of -128s).
+// storing 32-bit sums (with and without bias) or narrowing them: shapes off
+// the 16-column strip and the depth quad, the net's own, and one whose sum
+// wraps (2^31 of -128s).
 TEST(I8GemmTest, PackedOneRowMatchesReferenceAndNarrowing) {
-  struct Case {
-    int N, K;
-    bool extreme;
-  };
-  const Case kCases[] = {{1, 1, false},  {2, 32, false},  {32, 96, false},  {32, 360, false},
-                         {17, 5, false}, {64, 7, false},  {80, 130, false}, {33, 1027, false},
-                         {1, 131072, true}};
+  const int kShapes[][2] = {{1, 1},  {2, 32},   {32, 96},   {32, 360},  {17, 5},
+                            {64, 7}, {80, 130}, {33, 1027}, {1, 131072}};
   std::mt19937 rng(47);
   ForEachKernelVariant([&](const std::string& variant) {
-    for (const Case& k : kCases) {
-      const size_t nk = static_cast<size_t>(k.N) * k.K;
+    for (const auto& [N, K] : kShapes) {
+      const bool extreme = K == 131072;
+      const size_t nk = static_cast<size_t>(N) * K;
       const std::vector<signed char> a =
-          k.extreme ? std::vector<signed char>(k.K, -128) : RandomBytes(&rng, k.K);
+          extreme ? std::vector<signed char>(K, -128) : RandomBytes(&rng, K);
       const std::vector<signed char> B =
-          k.extreme ? std::vector<signed char>(nk, -128) : RandomBytes(&rng, nk);
-      std::vector<int> ref(k.N, 0);
-      seq_matrix_mul_i8_i32_nt_c(1, k.N, k.K, 1, a.data(), B.data(), 0, ref.data());
-      const std::vector<int> bias = RandomInts(&rng, k.N);
-      std::vector<unsigned char> shift(k.N);
+          extreme ? std::vector<signed char>(nk, -128) : RandomBytes(&rng, nk);
+      std::vector<int> ref(N, 0);
+      seq_matrix_mul_i8_i32_nt_c(1, N, K, 1, a.data(), B.data(), 0, ref.data());
+      if (extreme) {
+        EXPECT_EQ(ref[0], INT32_MIN);
+      }
+      const std::vector<int> bias = RandomInts(&rng, N);
+      std::vector<unsigned char> shift(N);
       for (unsigned char& v : shift) v = static_cast<unsigned char>(rng() % 32);
       for (int tb = 0; tb < 2; ++tb) {
         // B(p, j) is B[j*K + p] either way; the untransposed form holds it as K x N.
         std::vector<signed char> form = B;
-        if (tb == 0) {
-          for (int j = 0; j < k.N; ++j) {
-            for (int p = 0; p < k.K; ++p) {
-              form[static_cast<size_t>(p) * k.N + j] = B[static_cast<size_t>(j) * k.K + p];
-            }
-          }
-        }
-        std::vector<signed char> packed(orvik_i8_packed_b_bytes(k.N, k.K));
-        orvik_i8_pack_b(tb, k.N, k.K, form.data(), packed.data());
-        const std::string where = variant + " N " + std::to_string(k.N) + " K " +
-                                  std::to_string(k.K) + " tb " + std::to_string(tb);
-        std::vector<int> sums(k.N, 7), with_bias(k.N, 7);
-        orvik_i8_gemv_packed(k.N, k.K, a.data(), packed.data(), nullptr, nullptr, 0, sums.data(),
+        for (size_t i = 0; tb == 0 && i < nk; ++i) form[(i % K) * N + i / K] = B[i];
+        std::vector<signed char> packed(orvik_i8_packed_b_bytes(N, K));
+        orvik_i8_pack_b(tb, N, K, form.data(), packed.data());
+        const std::string where = variant + " N " + std::to_string(N) + " K " + std::to_string(K) +
+                                  " tb " + std::to_string(tb);
+        std::vector<int> sums(N, 7), with_bias(N, 7), biased(N);
+        orvik_i8_gemv_packed(N, K, a.data(), packed.data(), nullptr, nullptr, 0, sums.data(),
                              nullptr);
-        EXPECT_EQ(sums, ref) << where;
-        orvik_i8_gemv_packed(k.N, k.K, a.data(), packed.data(), bias.data(), nullptr, 0,
+        orvik_i8_gemv_packed(N, K, a.data(), packed.data(), bias.data(), nullptr, 0,
                              with_bias.data(), nullptr);
-        for (int lo : {-128, 0}) {
-          std::vector<signed char> out(k.N + 1, 99), expect(k.N + 1, 99);
-          orvik_i8_gemv_packed(k.N, k.K, a.data(), packed.data(), bias.data(), shift.data(), lo,
-                               nullptr, out.data());
-          for (int j = 0; j < k.N; ++j) {
-            const int c =
-                static_cast<int>(static_cast<unsigned>(ref[j]) + static_cast<unsigned>(bias[j]));
-            EXPECT_EQ(with_bias[j], c) << where << " column " << j;
-            const int r = c >> shift[j];
-            expect[j] = static_cast<signed char>(r < lo ? lo : (r > 127 ? 127 : r));
-          }
-          EXPECT_EQ(out, expect) << where << " lo " << lo;  // the byte past N is untouched
+        for (int j = 0; j < N; ++j) {
+          biased[j] =
+              static_cast<int>(static_cast<unsigned>(ref[j]) + static_cast<unsigned>(bias[j]));
         }
-      }
-      if (k.extreme) {
-        EXPECT_EQ(ref[0], INT32_MIN);
+        EXPECT_EQ(sums, ref) << where;
+        EXPECT_EQ(with_bias, biased) << where;
+        for (int lo : {-128, 0}) {
+          std::vector<signed char> out(N + 1, 99),
+              expect(N + 1, 99);  // the byte past N is untouched
+          orvik_i8_gemv_packed(N, K, a.data(), packed.data(), bias.data(), shift.data(), lo,
+                               nullptr, out.data());
+          for (int j = 0; j < N; ++j) {
+            expect[j] = static_cast<signed char>(std::clamp(biased[j] >> shift[j], lo, 127));
+          }
+          EXPECT_EQ(out, expect) << where << " lo " << lo;
+        }
       }
     }
   });
