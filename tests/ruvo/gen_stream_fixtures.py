@@ -30,14 +30,8 @@ IN_SHIFT = 4
 def temporal_acc(seq, w, dilate):
     """Causal convolution over time of seq (T, 1, W, C) with w (F, taps, W,
     C): output t sees frames t - (taps - 1 - k) * dilate, zeros before 0."""
-    taps = w.shape[1]
-    lead = (taps - 1) * dilate
-    x = np.concatenate([np.zeros((lead,) + seq.shape[1:], np.int64), seq.astype(np.int64)])
-    acc = np.zeros((len(seq), w.shape[0]), np.int64)
-    for k in range(taps):
-        acc += x[k * dilate:k * dilate + len(seq)].reshape(len(seq), -1) @ \
-            w[:, k].reshape(w.shape[0], -1).astype(np.int64).T
-    return wrap32(acc)
+    lead = (w.shape[1] - 1) * dilate
+    return conv8(seq.transpose(1, 0, 2, 3), w, (1, 1), (lead, 0), (dilate, 1))[0, :len(seq), 0]
 
 
 def temporal_stream(seq, w, dilate, updates):
