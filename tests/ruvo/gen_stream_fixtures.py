@@ -64,9 +64,11 @@ def stream_net(rng, out_dir):
     nodes["qin"] = params.quanti_input(nodes["data"], "qin", 0, fixed_output_shift=IN_SHIFT)
     layers = []  # (name, source, kind, weight, stage arguments, dilate)
 
-    def layer(kind, name, src, w, bias=True, vec=False, act=False, bn=False, float_out=False, tw=True,
-              out_shift=3, dilate=1):
-        """A temporal convolution or dense layer with weight w (F, ...)."""
+    def layer(kind, name, src, shape, wmax=40, bias=True, vec=False, act=False, bn=False, float_out=False,
+              tw=True, out_shift=3, dilate=1):
+        """A temporal convolution or dense layer with random weights of the
+        given shape (F, ...) in [-wmax, wmax]."""
+        w = rng.integers(-wmax, wmax + 1, shape).astype(I8)
         nf = len(w)
         first = "out_shift_history" if kind == "temporal" and not bias else "output_shift_history"
         inputs, b, wshift, bnp = params.layer8(rng, name, w, bias, vec, out_shift, bn, first=first)
@@ -83,20 +85,14 @@ def stream_net(rng, out_dir):
         layers.append((name, src, kind, w, dict(bias=b, wshift=wshift, out_shift=out_shift, act=act, bn=bnp,
                                                 float_out=float_out), dilate))
 
-    def temporal(name, src, taps, nf, width, channels, wmax=40, **kw):
-        layer("temporal", name, src, rng.integers(-wmax, wmax + 1, (nf, taps, width, channels)).astype(I8), **kw)
-
-    def dense(name, src, nh, num_input, **kw):
-        layer("dense", name, src, rng.integers(-50, 51, (nh, num_input)).astype(I8), **kw)
-
     # Every layer's window is at least three frames, so the net also runs
     # three frames a call.
-    temporal("t1", "qin", 3, 6, WIDTH, CHANNELS, wmax=60)
-    temporal("t2", "qin", 3, 4, WIDTH, CHANNELS, dilate=2, bias=False, vec=True, act=True, tw=False)
-    temporal("t3", "t1", 3, 4, 1, 6, vec=True, act=True, float_out=True)
-    dense("f1", "t1", 5, 6, out_shift=4)
-    dense("f2", "t2", 3, 4, bias=False, vec=True, bn=True, float_out=True, tw=False)
-    dense("f3", "f1", 2, 5, float_out=True)
+    layer("temporal", "t1", "qin", (6, 3, WIDTH, CHANNELS), wmax=60)
+    layer("temporal", "t2", "qin", (4, 3, WIDTH, CHANNELS), dilate=2, bias=False, vec=True, act=True, tw=False)
+    layer("temporal", "t3", "t1", (4, 3, 1, 6), vec=True, act=True, float_out=True)
+    layer("dense", "f1", "t1", (5, 6), wmax=50, out_shift=4)
+    layer("dense", "f2", "t2", (3, 4), wmax=50, bias=False, vec=True, bn=True, float_out=True, tw=False)
+    layer("dense", "f3", "f1", (2, 5), wmax=50, float_out=True)
     heads = ["t1", "t2", "t3", "f1", "f2", "f3"]
     g.heads = [nodes[h] for h in heads]
 
