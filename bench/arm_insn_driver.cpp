@@ -67,6 +67,16 @@ void Mark(const std::string& label, long macs) {
   fflush(stdout);
 }
 
+// One call to warm up (symbol binding, the kernel choice), then the counted one.
+template <typename F>
+void Measure(const Shape& s, const char* who, long macs, const F& run) {
+  run();
+  Mark(Label(s, who), macs);
+  InsnRegionBegin();
+  run();
+  InsnRegionEnd();
+}
+
 bool RunI8(const Shape& s, std::mt19937* rng) {
   std::uniform_int_distribution<int> byte(-128, 127);
   std::vector<int8_t> A(static_cast<size_t>(s.M) * s.K), B(static_cast<size_t>(s.K) * s.N);
@@ -80,16 +90,8 @@ bool RunI8(const Shape& s, std::mt19937* rng) {
                       reinterpret_cast<const signed char*>(B.data()), s.N, 0, ours.data(), s.N);
   };
   auto run_plain = [&] { PlainI8GemmNN(s.M, s.N, s.K, A.data(), B.data(), plain.data()); };
-  run_ours();
-  run_plain();
-  Mark(Label(s, "ours"), macs);
-  InsnRegionBegin();
-  run_ours();
-  InsnRegionEnd();
-  Mark(Label(s, "plain"), macs);
-  InsnRegionBegin();
-  run_plain();
-  InsnRegionEnd();
+  Measure(s, "ours", macs, run_ours);
+  Measure(s, "plain", macs, run_plain);
   if (ours != plain) {
     fprintf(stderr, "%s: the kernel's result differs from the plain loop's\n",
             Label(s, "ours").c_str());
@@ -125,21 +127,9 @@ bool RunI8Packed(const Shape& s, std::mt19937* rng) {
                          out8.data());
   };
   auto run_plain = [&] { PlainI8GemmNN(1, s.N, s.K, a.data(), B.data(), plain.data()); };
-  run_ours();
-  run_narrow();
-  run_plain();
-  Mark(Label(s, "ours"), macs);
-  InsnRegionBegin();
-  run_ours();
-  InsnRegionEnd();
-  Mark(Label(s, "narrow"), macs);
-  InsnRegionBegin();
-  run_narrow();
-  InsnRegionEnd();
-  Mark(Label(s, "plain"), macs);
-  InsnRegionBegin();
-  run_plain();
-  InsnRegionEnd();
+  Measure(s, "ours", macs, run_ours);
+  Measure(s, "narrow", macs, run_narrow);
+  Measure(s, "plain", macs, run_plain);
   bool ok = ours == plain;
   for (int j = 0; j < s.N; ++j) {
     const int32_t v = (plain[j] + bias[j]) >> shift[j];
@@ -161,16 +151,8 @@ bool RunF32(const Shape& s, std::mt19937* rng) {
                 B.data(), s.K, 0.0f, ours.data(), s.N);
   };
   auto run_plain = [&] { PlainSgemmNT(s.M, s.N, s.K, A.data(), B.data(), plain.data()); };
-  run_ours();
-  run_plain();
-  Mark(Label(s, "ours"), macs);
-  InsnRegionBegin();
-  run_ours();
-  InsnRegionEnd();
-  Mark(Label(s, "plain"), macs);
-  InsnRegionBegin();
-  run_plain();
-  InsnRegionEnd();
+  Measure(s, "ours", macs, run_ours);
+  Measure(s, "plain", macs, run_plain);
   // Two float sums of K products in different orders differ by at most
   // about 2K roundings of the sum of the products' magnitudes.
   for (int i = 0; i < s.M; ++i) {
