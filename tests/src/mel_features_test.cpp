@@ -91,8 +91,7 @@ TEST(MelFeaturesDeathTest, DimensionIsCheckedBeforeDeltaOrder) {
 // bins).  Of delta order 0 the fbank output of call t is the log of those
 // banks over the power of stream samples (t-3)*160 .. +399, unscaled and
 // Hamming-windowed: checked against a double DFT.  PCEN shares the tables;
-// its window is the exact one rounded to float, fbank's is computed in
-// single precision (i * 6.2831855f / 399 is off by a few eps times 2 pi).
+// its window is the exact one rounded to float.
 TEST(MelBankTest, LogMelOfTheTrianglesOverADoubleDft) {
   const std::vector<int16_t> pcm = RandomPcm(160 * 8, 5, 3000.0f);
   for (int32_t banks : {40, 80}) {
@@ -127,26 +126,9 @@ TEST(MelBankTest, LogMelOfTheTrianglesOverADoubleDft) {
             << banks << " banks, call " << call << ", bank " << b;
       }
     }
-    int differ = 0;
     for (int i = 0; i < 400; ++i) {
       const double exact = 0.54 - 0.46 * std::cos(2 * M_PI * i / 399);
       ASSERT_EQ(pcen->window()[i], static_cast<float>(exact)) << i;
-      ASSERT_NEAR(fbank->window()[i], exact, 1e-6) << i;
-      differ += fbank->window()[i] != pcen->window()[i];
-    }
-    EXPECT_GT(differ, 0);
-  }
-  // With deltas the first output comes at call 2 x order + 3.
-  const std::vector<float> mv = IdentityMeanvar(120);
-  for (int32_t order : {1, 2}) {
-    auto fbank = std::make_unique<FbankProbe>(40, order, mv.data());
-    EXPECT_EQ(fbank->feature_dim(), 40 * (order + 1));
-    for (int32_t call = 1; call <= 2 * order + 3; ++call) {
-      std::vector<float> feats(120, std::nanf(""));
-      fbank->getFeats(pcm.data() + 160 * (call - 1), feats.data());
-      for (int32_t i = 0; i < 40 * (order + 1); ++i) {
-        ASSERT_EQ(std::isnan(feats[i]), call < 2 * order + 3) << order << " " << call << " " << i;
-      }
     }
   }
 }
