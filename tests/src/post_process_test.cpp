@@ -168,14 +168,9 @@ INSTANTIATE_TEST_SUITE_P(
                      With(kFirstSeg, {{"first_vad_seg_extra_tailing_sil", "2"}}),
                      Runs({{kSil, 10}, {kVoice, 10}, {kSil, 20}}),
                      {{0, -1, -1}, {15, 12, -1}, {26, 12, 24}}},
-        // Longer than the trigger: reported at once.
-        TimelineCase{"LongFirstSegmentIsReported",
-                     With(kFirstSeg, {{"first_vad_seg_trigger_threshold", "8"}}),
-                     Runs({{kSil, 10}, {kVoice, 10}, {kSil, 20}}),
-                     {{0, -1, -1}, {15, 12, -1}, {26, 12, 25}}},
         // The clamped start: L = 24 - 0 - 10 - 2 + 7 = 19 counts from the
         // true first voice frame.  A trigger of 19 holds it (planned end
-        // 24 + 28, reached at frame 53), a trigger of 18 doesn't.
+        // 24 + 28, reached at frame 53), a trigger of 18 reports it at once.
         TimelineCase{"OverflowCountsInLength_Held",
                      With(kStartClamped, {{"first_vad_seg_trigger_threshold", "19"},
                                           {"first_vad_seg_extra_tailing_sil", "30"}}),
