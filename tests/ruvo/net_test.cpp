@@ -24,13 +24,6 @@ using ruvo_test::Fatal;
 constexpr float kAtol = 2e-6f;
 constexpr float kRtol = 2e-5f;
 
-// The first `rows` rows of a tensor.
-Tensor Rows(Tensor t, uint32_t rows) {
-  t.values.resize(t.values.size() / t.shape[0] * rows);
-  t.shape[0] = rows;
-  return t;
-}
-
 const char kUnknownOp[] = R"({"nodes": [{"op": "null", "name": "data", "inputs": []},
   {"op": "Activation", "name": "relu", "inputs": [[0, 0]], "attr": {"act_type": "relu"}},
   {"op": "NoSuchOperator", "name": "odd", "inputs": [[1, 0]]}], "arg_nodes": [0], "heads": [[2, 0]]})";
@@ -104,38 +97,30 @@ TEST(NetBuildTest, ParameterNamesAndOutputKeys) {
   }
 }
 
-TEST(NetRunTest, DynamicBatch) {
+// A smaller batch gives the full batch's first rows; one layer at a time
+// gives the same result as the whole run.
+TEST(NetRunTest, DynamicBatchAndPartialSteps) {
   Model m = LoadModel("mlp");
   const auto& c = m.cases.at(0);
   const Tensor& data = c.inputs[0].second;
   PredictorHandle h = net_test::Create(m, c);
 
   EXPECT_EQ(MXPredSetDynamicBatch(h, 3), 0);
-  // Three rows in, three rows out, as the full batch gives them.
   MXPredSetInput(h, "data", data.values.data(), 3 * 30);
   MXPredForward(h);
-  ExpectNear(GetOutput(h, 0), Rows(c.outputs.at("softmax"), 3), kAtol, kRtol, "batch 3");
+  Tensor rows = c.outputs.at("softmax");
+  rows.values.resize(3 * 3);
+  rows.shape[0] = 3;
+  ExpectNear(GetOutput(h, 0), rows, kAtol, kRtol, "batch 3");
   EXPECT_DEATH(MXPredSetInput(h, "data", data.values.data(), 8 * 30),
                Fatal("shape_.Size() == size (90 vs. 240)", "Memory size do not match"));
   float out[24];
   EXPECT_DEATH(MXPredGetOutput(h, 0, out, 24),
                Fatal("shape_.Size() == size (9 vs. 24)", "Memory size do not match"));
-
-  EXPECT_EQ(MXPredSetDynamicBatch(h, 8), 0);
-  MXPredSetInput(h, "data", data.values.data(), 8 * 30);
-  MXPredForward(h);
-  ExpectNear(GetOutput(h, 0), c.outputs.at("softmax"), kAtol, kRtol, "batch 8 again");
-
   EXPECT_DEATH(MXPredSetDynamicBatch(h, 9),
                Fatal("batch_max_ >= batch (8 vs. 9)", "9 is greater than max batch size:8"));
-  MXPredFree(h);
-}
 
-// One layer at a time gives the same result as the whole run.
-TEST(NetRunTest, PartialForwardSteps) {
-  Model m = LoadModel("mlp");
-  const auto& c = m.cases.at(0);
-  PredictorHandle h = net_test::Create(m, c);
+  EXPECT_EQ(MXPredSetDynamicBatch(h, 8), 0);
   net_test::SetInputs(h, c);
   const int count = 18;  // 10 variables and 8 operators
   int left = -1;
@@ -143,7 +128,7 @@ TEST(NetRunTest, PartialForwardSteps) {
     EXPECT_EQ(MXPredPartialForward(h, step, &left), 0);
     EXPECT_EQ(left, count - 1 - step);
   }
-  ExpectNear(GetOutput(h, 0), c.outputs.at("softmax"), kAtol, kRtol, "stepped");
+  ExpectNear(GetOutput(h, 0), c.outputs.at("softmax"), kAtol, kRtol, "batch 8, stepped");
   for (int outside : {count, -1}) {
     EXPECT_EQ(MXPredPartialForward(h, outside, &left), 0);
     EXPECT_EQ(left, 0);
