@@ -63,7 +63,6 @@ inline bool RunNet(const net_test::Model& m, const net_test::IoCase& c,
   net_test::InputShapes s = net_test::ShapesOf(c);
   const int ret = net->Config(m.json.c_str(), m.params.data(), m.params.size(), 1, s.keys.data(),
                               s.indptr.data(), s.data.data(), 0, nullptr);
-  EXPECT_EQ(ret, 0);
   if (ret != 0) return false;
   net->SetInput("data", c.inputs[0].second.values.data(),
                 static_cast<uint32_t>(c.inputs[0].second.values.size()));

@@ -1,8 +1,9 @@
 // Convolution (float and online 8-bit) and the 8-bit layers, run through the
-// prediction interface on nets written by gen_quant_fixtures.py: float
-// results against numpy within rounding, online 8-bit results within their
-// computed quantisation error, and 8-bit layers bit for bit with their
-// shifts.  Then the fatal checks on bad attributes, shapes and files.
+// prediction interface on nets written by gen_quant_fixtures.py (the 8-bit
+// pooling and doubling ones by gen_stream_fixtures.py): float results
+// against numpy within rounding, online 8-bit results within their computed
+// quantisation error, and 8-bit layers bit for bit with their shifts.  Then
+// the fatal checks on bad attributes, shapes and files.
 
 #include <gtest/gtest.h>
 
@@ -42,16 +43,29 @@ TEST(ConvolutionTest, FloatMatchesNumpyAndEightBitStaysWithinItsError) {
 }
 
 // The 8-bit layers bit for bit through the interface, then each head's
-// shift on the net's own blobs.
+// shift on the net's own blobs.  Pooling and doubling keep the input's
+// scale, the convolution with scale overrides writes its own; the float
+// pools are exact too, computed in the same order.
 TEST(QuantisedNetTest, OutputsAndShiftsAreExact) {
-  const std::vector<std::string> heads = {"qin", "qin5", "a1", "a2", "a3", "a4", "a5",
-                                          "a6",  "a7",   "a8", "qflat", "qact", "nhcw_f", "nhcw_q"};
-  net_test::ExpectNetMatches("quant", heads, 0, 0);
-  Model m = LoadModel("quant");
-  for (const auto& c : m.cases) {
-    DefaultNet net;
-    ASSERT_TRUE(ruvo_test::RunNet(m, c, &net));
-    ruvo_test::ExpectHeadsExact(net, c, heads, "quant");
+  const struct {
+    const char* net;
+    std::vector<std::string> heads;
+  } nets[] = {
+      {"quant",
+       {"qin", "qin5", "a1", "a2", "a3", "a4", "a5", "a6", "a7", "a8", "qflat", "qact", "nhcw_f",
+        "nhcw_q"}},
+      {"alpha",
+       {"p_max", "p_avg_full", "p_avg_global", "p_float_avg", "p_float_max", "up", "up_1x1"}},
+      {"alpha_plus", {"ap_in_shift", "ap_bias_edata", "ap_align"}},
+  };
+  for (const auto& n : nets) {
+    net_test::ExpectNetMatches(n.net, n.heads, 0, 0);
+    Model m = LoadModel(n.net);
+    for (const auto& c : m.cases) {
+      DefaultNet net;
+      ASSERT_TRUE(ruvo_test::RunNet(m, c, &net));
+      ruvo_test::ExpectHeadsExact(net, c, n.heads, n.net);
+    }
   }
 }
 
