@@ -145,12 +145,6 @@ TEST(NDArrayTest, CopiesAndBatchResizing) {
   int out[2] = {9, 9};
   a.At(2).SyncCopyTo(out, 2);
   EXPECT_EQ(std::vector<int>(out, out + 2), (std::vector<int>{0, 6}));
-  NDArray h(TShape{2}, kFloat16);  // 16 bytes an element
-  unsigned char raw[32], back[32] = {};
-  for (int i = 0; i < 32; ++i) raw[i] = static_cast<unsigned char>(i);
-  h.SyncCopyFrom(raw, 2);
-  h.SyncCopyTo(back, 2);
-  EXPECT_EQ(memcmp(raw, back, 32), 0);
 
   NDArray r(TShape{8, 3}, kFloat32);
   r.batch_max_ = 8;
