@@ -79,7 +79,7 @@ TEST(CompositeFeaturesDeathTest, MeanvarOfAnotherSizeAbortsAtTheFirstFrame) {
 
 // The small model written by the generator scores the clarity (value 13)
 // over five frames of the sample recording.
-TEST_F(CompositeFeaturesTest, HandleFindsTheFirstSentence) {
+TEST_F(CompositeFeaturesTest, HandleFindsTheFirstSentenceInBlocksOfAnySize) {
   std::ofstream(dir_ + "/vad.conf")
       << "path_to_json=vad_model.json\npath_to_param=vad_model.params\n"
          "path_to_meanvar=vad_meanvar.txt\nfeature_type=vad\n"
@@ -93,6 +93,7 @@ TEST_F(CompositeFeaturesTest, HandleFindsTheFirstSentence) {
   // after 30 frames of closing hangover and the median delay.
   EXPECT_TRUE(seg.start >= 60 && seg.start <= 85) << seg.start;
   EXPECT_TRUE(seg.end >= 330 && seg.end <= 400) << seg.end;
+  for (size_t block : {1, 16000}) EXPECT_EQ(RunPerFrame(Open(dir_).get(), pcm, block).back(), seg);
 }
 
 }  // namespace
