@@ -93,6 +93,7 @@ def main():
     ap.add_argument("--max-lr", type=float, default=3e-3)
     ap.add_argument("--init", help="a model.pt to go on training: its shifts and "
                     "normalisation stay as they are")
+    ap.add_argument("--no-onsets", action="store_true", help="leave the noise-onset clips out")
     a = ap.parse_args()
     torch.manual_seed(0)
     rng = np.random.default_rng(0)
@@ -104,7 +105,9 @@ def main():
     add, mul = (init["add"], init["mul"]) if init else train.norm_terms(feats[:-n_val])
     # Noise onsets train the net but leave the normalisation and the
     # threshold to ordinary clips.
-    onset_feats, onset_labels, _ = train.load_split(a.features, a.corpus, "train_onset")
+    onset_feats, onset_labels = [], []
+    if not a.no_onsets:
+        onset_feats, onset_labels, _ = train.load_split(a.features, a.corpus, "train_onset")
     model = fixed_point.StreamingNet(train.DIM, LAYERS)
     if init:
         model.load_state_dict(init["state"])
