@@ -27,6 +27,12 @@ long AllocCount();
 
 namespace net_test {
 
+// Float results against numpy in double: a few float roundings per
+// element, and the polynomial exponential of the softmax (about 1e-7
+// relative), stay well inside these.
+constexpr float kAtol = 2e-6f;
+constexpr float kRtol = 2e-5f;
+
 struct Tensor {
   std::vector<uint32_t> shape;
   std::vector<float> values;
@@ -163,12 +169,11 @@ inline Tensor GetOutput(PredictorHandle h, uint32_t index) {
   return t;
 }
 
-// Element-wise |got - want| <= atol + rtol * |want|.
-inline void ExpectNear(const Tensor& got, const Tensor& want, float atol, float rtol,
-                       const std::string& what) {
+// Element-wise |got - want| <= kAtol + kRtol * |want|.
+inline void ExpectNear(const Tensor& got, const Tensor& want, const std::string& what) {
   ASSERT_EQ(got.shape, want.shape) << what;
   for (size_t i = 0; i < want.values.size(); ++i) {
-    const float tol = atol + rtol * std::fabs(want.values[i]);
+    const float tol = kAtol + kRtol * std::fabs(want.values[i]);
     EXPECT_NEAR(got.values[i], want.values[i], tol) << what << " element " << i;
   }
 }

@@ -21,9 +21,6 @@ using net_test::Model;
 using net_test::Tensor;
 using ruvo_test::Fatal;
 
-constexpr float kAtol = 2e-6f;
-constexpr float kRtol = 2e-5f;
-
 const char kUnknownOp[] = R"({"nodes": [{"op": "null", "name": "data", "inputs": []},
   {"op": "Activation", "name": "relu", "inputs": [[0, 0]], "attr": {"act_type": "relu"}},
   {"op": "NoSuchOperator", "name": "odd", "inputs": [[1, 0]]}], "arg_nodes": [0], "heads": [[2, 0]]})";
@@ -91,7 +88,7 @@ TEST(NetBuildTest, ParameterNamesAndOutputKeys) {
     if (!r.heads.empty()) net_test::SetInputs(h, c);  // the empty net has no inputs
     EXPECT_EQ(MXPredForward(h), 0);
     for (uint32_t i = 0; i < r.heads.size(); ++i) {
-      ExpectNear(GetOutput(h, i), c.outputs.at(r.heads[i]), kAtol, kRtol, r.heads[i]);
+      ExpectNear(GetOutput(h, i), c.outputs.at(r.heads[i]), r.heads[i]);
     }
     MXPredFree(h);
   }
@@ -111,7 +108,7 @@ TEST(NetRunTest, DynamicBatchAndPartialSteps) {
   Tensor rows = c.outputs.at("softmax");
   rows.values.resize(3 * 3);
   rows.shape[0] = 3;
-  ExpectNear(GetOutput(h, 0), rows, kAtol, kRtol, "batch 3");
+  ExpectNear(GetOutput(h, 0), rows, "batch 3");
   EXPECT_DEATH(MXPredSetInput(h, "data", data.values.data(), 8 * 30),
                Fatal("shape_.Size() == size (90 vs. 240)", "Memory size do not match"));
   float out[24];
@@ -128,7 +125,7 @@ TEST(NetRunTest, DynamicBatchAndPartialSteps) {
     EXPECT_EQ(MXPredPartialForward(h, step, &left), 0);
     EXPECT_EQ(left, count - 1 - step);
   }
-  ExpectNear(GetOutput(h, 0), c.outputs.at("softmax"), kAtol, kRtol, "batch 8, stepped");
+  ExpectNear(GetOutput(h, 0), c.outputs.at("softmax"), "batch 8, stepped");
   for (int outside : {count, -1}) {
     EXPECT_EQ(MXPredPartialForward(h, outside, &left), 0);
     EXPECT_EQ(left, 0);
@@ -136,7 +133,7 @@ TEST(NetRunTest, DynamicBatchAndPartialSteps) {
   // Nets without streaming layers take the inter-buffer calls harmlessly.
   EXPECT_EQ(MXResetInterBuff(h), 0);
   EXPECT_EQ(MXUpdateInterBuff(h), 0);
-  ExpectNear(GetOutput(h, 0), c.outputs.at("softmax"), kAtol, kRtol, "after inter-buffers");
+  ExpectNear(GetOutput(h, 0), c.outputs.at("softmax"), "after inter-buffers");
   MXPredFree(h);
 }
 
