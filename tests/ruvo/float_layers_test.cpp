@@ -1,50 +1,131 @@
-// Pooling (float and 8-bit), BatchNorm and Dropout, the element-wise
-// family, UpSampling and the LSTM, run through the prediction interface on
-// nets written by gen_float_fixtures.py against numpy, then the fatal
-// checks on bad attributes and shapes.
+// The float layers (dense, structure, pooling, BatchNorm and Dropout, the
+// element-wise family, UpSampling, the LSTM) and the 8-bit pools, run
+// through the prediction interface on nets written by gen_net_fixtures.py
+// and gen_float_fixtures.py and compared with numpy (which also pins their
+// shape rules); then their fatal checks on bad attributes, shapes and
+// inputs.
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "ruvo/layer.h"
-#include "tests/ruvo/death_text.h"
+#include "ruvo/src/layer/fullyconnected.h"
 #include "tests/ruvo/layer_cases.h"
 #include "tests/ruvo/net_fixture.h"
 
 namespace {
 
-using orvik::ruvo::NDArray;
-using orvik::ruvo::TShape;
-using ruvo_test::CaseName;
-using ruvo_test::ExpectBuildAborts;
 using ruvo_test::Fatal;
 using ruvo_test::FatalCase;
-using ruvo_test::MakeLayer;
 
-// Each net's heads are in name order, as the outputs of a case are; the
-// 8-bit pools (pool8, behind a QuantiInput) are exact against integer
-// numpy, the average truncated toward zero.  Later runs give the same
-// (BatchNorm inverts its variance only once) and allocate nothing.
-class FloatNetTest : public testing::TestWithParam<const char*> {};
+// The 8-bit dense outputs (fc_q, fc_qt) carry bounds from the generator:
+// each input off by less than range/254, each weight by less than
+// max|w|/127.  The 8-bit pools (pool8, behind a QuantiInput) are exact
+// against integer numpy, the average truncated toward zero.  Later runs
+// give the same (BatchNorm inverts its variance only once) and allocate
+// nothing.
+struct NetCase {
+  const char* model;
+  std::vector<std::string> heads;  // the net's outputs in graph order; none: in name order
+};
 
-TEST_P(FloatNetTest, OutputsMatchNumpy) {
-  net_test::ExpectNetMatches(GetParam(), {}, 1e-6f, 1e-5f);
+class FixtureNetTest : public testing::TestWithParam<NetCase> {};
+
+TEST_P(FixtureNetTest, OutputsMatchNumpy) {
+  net_test::ExpectNetMatches(GetParam().model, GetParam().heads, net_test::kAtol, net_test::kRtol);
 }
 
-INSTANTIATE_TEST_SUITE_P(Nets, FloatNetTest,
-                         testing::Values("pool", "bn", "elemwise", "upsample", "lstm", "pool8"),
-                         [](const testing::TestParamInfo<const char*>& info) {
-                           return std::string(info.param);
-                         });
+std::string ModelName(const testing::TestParamInfo<NetCase>& info) { return info.param.model; }
 
-class FloatLayerDeathTest : public testing::TestWithParam<FatalCase> {};
+// These nets run again on a CPU without the 8-bit dot product (see
+// scripts/test.sh), the others only once.
+INSTANTIATE_TEST_SUITE_P(
+    Nets, FixtureNetTest,
+    testing::Values(
+        NetCase{"mlp", {"softmax"}}, NetCase{"mlp_old", {"softmax"}},
+        NetCase{"activations", {"relu", "sigmoid", "tanh", "softrelu"}},
+        NetCase{"softmax",
+                {"sm_inst", "sm_chan", "so_plain", "so_preserve", "so_multi", "so_both"}},
+        NetCase{"flatten", {"flat_sw", "flat_plain"}},
+        NetCase{"concat", {"cat3", "cat1", "cat2", "catsw"}},
+        NetCase{"reshape",
+                {"r_keep_infer", "r_merge_rest", "r_split", "r_all", "r_merge_last",
+                 "r_split_right", "r_reverse", "r_target", "r_keep_highest", "r_inplace"}},
+        NetCase{"slice", {"sa_tail", "sa_neg", "sa_mid", "sl_axis1", "sl_neg", "sl_last"}},
+        NetCase{"fc_quant", {"fc_f", "fc_q", "fc_f2", "fc_qt"}}),
+    ModelName);
+INSTANTIATE_TEST_SUITE_P(FloatNets, FixtureNetTest,
+                         testing::Values(NetCase{"pool", {}}, NetCase{"bn", {}},
+                                         NetCase{"elemwise", {}}, NetCase{"upsample", {}},
+                                         NetCase{"lstm", {}}, NetCase{"pool8", {}}),
+                         ModelName);
 
-TEST_P(FloatLayerDeathTest, Aborts) { ExpectBuildAborts(GetParam()); }
+// Concat agrees on one element type and hands it to all.
+TEST(StructureLayerTest, ConcatSharesOneType) {
+  auto concat = ruvo_test::MakeLayer("Concat", {{"num_args", "3"}});
+  std::vector<int> types = {-1, 0, -1}, out(1, -1), aux, none = {-1, -1, -1};
+  EXPECT_TRUE(concat->InferType(types, out, aux));
+  EXPECT_EQ(types, (std::vector<int>{0, 0, 0}));
+  EXPECT_EQ(out, (std::vector<int>{0}));
+  EXPECT_FALSE(concat->InferType(none, out, aux));
+}
+
+// Bad attributes and shapes are fatal at build time with the layer's own
+// words, and what passes them but does not compute at the first run.
+class LayerDeathTest : public testing::TestWithParam<FatalCase> {};
+
+TEST_P(LayerDeathTest, Aborts) { ruvo_test::ExpectAborts(GetParam()); }
 
 const FatalCase kRows[] = {
+    {"NumHiddenZero", "FullyConnected", "num_hidden=0", "", "num_hidden_ >= 1 (0 vs. 1)"},
+    {"WeightShape", "FullyConnected", "num_hidden=4", "(2,6) (4,5) ()",
+     "out == Shape2(num_hidden_, num_input)",
+     "Shape inconsistent, Provided (4,5) inferrend shape=(4,6)"},
+    {"SoftmaxIsNoActType", "Activation", "act_type=softmax", "",
+     "activation::act_map.count(act_type_symbol)"},
+    {"SoftmaxMode", "SoftmaxActivation", "mode=spatial", "", "(softmax::mode_map.count(str_mode))"},
+    {"ChannelSoftmax2d", "SoftmaxActivation", "mode=channel", "(2,3)",
+     "bottom_blobs[softmax::kData]->ndim() >= 3 (2 vs. 3)",
+     "Input need to have a least 3 dimensions when mode=channel"},
+    {"FlattenSwitchOn2d", "Flatten", "", "(3,4)", "dshape.ndim() == 4 (2 vs. 4)",
+     "Set auto_channel_switch to false if the flatten's input is not conv's output"},
+    // Every layer reads its flags with one parser: one row for it.
+    {"FlattenBadBool", "Flatten", "auto_channel_switch=yes", "",
+     "((str_auto_chn_sw) == \"True\" || (str_auto_chn_sw) == \"False\")"},
+    {"ConcatDimZero", "Concat", "num_args=2 dim=0", "", "(dim_ > 0 && dim_ <= 4)"},
+    {"ConcatNoArgs", "Concat", "num_args=0", "", "(num_args_ >= 1)"},
+    {"ConcatSwitchOff", "Concat", "num_args=2 dim=2 auto_channel_switch=True",
+     "(1,2,3,4) (1,2,3,4)", "dshape.ndim() == 4 && dim_ == 1",
+     "Set auto_channel_switch to false if not concat on channel between conv outputs"},
+    {"ConcatAxisPastEnd", "Concat", "num_args=2 dim=2", "(2,3) (2,3)",
+     "static_cast<index_t>(dim_) < dshape.ndim() (2 vs. 2)",
+     "the dimension to be concated is not in the range of input's dimension"},
+    {"ConcatUneven", "Concat", "num_args=2 dim=1", "(2,3) (4,3)", "dshape[j] == tmp[j] (4 vs. 2)"},
+    {"ReshapeTwoInferred", "Reshape", "shape=(-1,-1)", "(2,3)", "inf_idx < 0 (0 vs. 0)",
+     "One and only one dim can be inferred"},
+    {"ReshapeSplitBothInferred", "Reshape", "shape=(-4,-1,-1)", "(6)", "d1 != -1 || d2 != -1",
+     "Split dims cannot both be -1."},
+    {"ReshapeSplitNotDividing", "Reshape", "shape=(-4,4,2)", "(6)",
+     "d1 * d2 == static_cast<int>(d0) (8 vs. 6)"},
+    {"ReshapeNoShape", "Reshape", "", "(6)", "shape_.ndim() != 0 || target_shape_.ndim() != 0",
+     "target shape or shape must be present."},
+    {"ReshapeTargetRank", "Reshape", "target_shape=(1,2,3)", "", "target_shape_.ndim() == 2"},
+    {"ReshapeCopyPastEnd", "Reshape", "shape=(0,0,0)", "(2,3)", "src_idx < dshape_len (2 vs. 2)"},
+    {"SliceTwoAxes", "slice", "begin=(1,1) end=(2,2)", "", "axis_ < 0",
+     "Only support slice on one axis"},
+    {"SliceRank5", "slice", "begin=(None,1) end=(None,2)", "(1,2,3,4,5)", "ishape.ndim() <= 4",
+     "Input should be less than or equal to 4 dimensions"},
+    {"SliceAxisTooLarge", "slice_axis", "axis=4 begin=0 end=1", "(2,3,4,5)",
+     "*axis < static_cast<int>(ishape.ndim()) && *axis >= 0",
+     "Transformed axis must be smaller than the source ndim and larger than zero! Recieved axis=4, "
+     "src_ndim=4, transformed axis=4"},
+    {"SliceAxisEndPastAxis", "slice_axis", "axis=1 begin=0 end=4", "(2,3)",
+     "(*end <= axis_size) && (*end >= 0)", "Invalid begin, end, get begin=0, end=4"},
+    {"SoftmaxOutputBadLabel", "SoftmaxOutput", "", "(2,3,4) (7)", "false",
+     "softmaxoutput label shape error"},
+    {"SoftmaxOutputModeLabel", "SoftmaxOutput", "", "(2,3,4) (2,3)", "out == label_shape",
+     "Shape inconsistent, Provided (2,3) inferrend shape=(2,)"},
     {"PoolNoKernel", "Pooling", "pool_type=max", "", "kernel_.ndim() == 2 (0 vs. 2)"},
     {"PoolUnknownType", "Pooling", "kernel=(2,2) pool_type=min", "",
      "pool::pool_map.count(pool_type_symbol)"},
@@ -78,39 +159,25 @@ const FatalCase kRows[] = {
     {"RnnStateShape", "RNN", "state_size=4 num_layers=2 state_inputs=True", "(3,2,5) () (1,2,4) ()",
      "out == Shape3(total_layers, batch_size, state_size_)",
      "Shape inconsistent, Provided (1,2,4) inferrend shape=(2,2,4)"},
+    // Cells other than the LSTM, and states that are not inputs, stop at
+    // the first run.
+    {"RnnGru", "RNN", "state_size=4 num_layers=1 mode=gru state_inputs=True", "(2,1,3) () ()",
+     "false", "Not impl rnn.gru currently"},
+    {"RnnTanh", "RNN", "state_size=4 num_layers=1 mode=rnn_tanh state_inputs=True",
+     "(2,1,3) () ()", "false", "Not impl rnnrelu and rnntanh currently"},
+    {"LstmStatesNotInputs", "RNN", "state_size=4 num_layers=1 mode=lstm", "(2,1,3) ()",
+     "state_inputs_", "state inputs must be true when using Rnn op's cpu version"},
     {"UpScale0", "UpSampling", "scale=0 sample_type=nearest", "", "scale_ >= 1 && scale_ <= 1000"},
     {"UpNot4d", "UpSampling", "scale=2 sample_type=nearest", "(3,4,5)",
      "shape.ndim() == 4U (3 vs. 4)",
      "UpSamplingNearest: Input data should be 4D in (batch, channel, y, x)"},
 };
-INSTANTIATE_TEST_SUITE_P(Layers, FloatLayerDeathTest, testing::ValuesIn(kRows), CaseName);
+INSTANTIATE_TEST_SUITE_P(Layers, LayerDeathTest, testing::ValuesIn(kRows), ruvo_test::CaseName);
 
-// Cells other than the LSTM, and states that are not inputs, pass Init and
-// InferShape and stop at the first Forward.
-TEST(RnnDeathTest, ForwardRefusesWhatDoesNotCompute) {
-  const struct {
-    const char *mode, *state_inputs, *check, *message;
-  } cases[] = {{"gru", "True", "false", "Not impl rnn.gru currently"},
-               {"rnn_tanh", "True", "false", "Not impl rnnrelu and rnntanh currently"},
-               {"lstm", "False", "state_inputs_",
-                "state inputs must be true when using Rnn op's cpu version"}};
-  for (const auto& c : cases) {
-    auto layer = MakeLayer("RNN", {{"state_size", "4"}, {"num_layers", "1"}, {"mode", c.mode},
-                                   {"state_inputs", c.state_inputs}});
-    std::vector<TShape> in(layer->get_num_inputs()), out, aux;
-    in[0] = TShape{2, 1, 3};
-    ASSERT_TRUE(layer->InferShape(in, out, aux)) << c.mode;
-    std::vector<NDArray> arrays;
-    for (const TShape& s : in) arrays.emplace_back(s, orvik::ruvo::kFloat32);
-    for (const TShape& s : out) arrays.emplace_back(s, orvik::ruvo::kFloat32);
-    std::vector<NDArray*> bottoms, tops, auxes;
-    for (size_t i = 0; i < arrays.size(); ++i) {
-      (i < in.size() ? bottoms : tops).push_back(&arrays[i]);
-    }
-    orvik::ruvo::Resource resource;
-    layer->resource_ = &resource;
-    EXPECT_DEATH(layer->Forward(bottoms, tops, auxes), Fatal(c.check, c.message)) << c.mode;
-  }
+TEST(LayerForwardDeathTest, RunBeforeInit) {
+  orvik::ruvo::FullyConnected fc;
+  std::vector<orvik::ruvo::NDArray*> none;
+  EXPECT_DEATH(fc.Forward(none, none, none), Fatal("inited_", "Init first!"));
 }
 
 }  // namespace

@@ -2,7 +2,8 @@
 #define TESTS_RUVO_LAYER_CASES_H_
 
 // A layer made through the registry, as the net makes it, and the table row
-// of a layer that must abort while its attributes or shapes are checked.
+// of a layer that must abort while its attributes or shapes are checked or
+// at its first run.
 
 #include <gtest/gtest.h>
 
@@ -25,7 +26,7 @@ inline std::unique_ptr<orvik::ruvo::Layer> MakeLayer(const std::string& op,
   return layer;
 }
 
-// One build that must abort: attributes as "key=value ...", input shapes as
+// One layer that must abort: attributes as "key=value ...", input shapes as
 // "(2,3) () (4,5)" (none: the failure is in Init), and the failed check and
 // its message as printed.
 struct FatalCase {
@@ -37,15 +38,37 @@ struct FatalCase {
   const char* message = "";  // none: the report's message is empty
 };
 
-// Init, then InferShape on the row's inputs, must end in the row's report.
-inline void ExpectBuildAborts(const FatalCase& fc) {
+// Init, InferShape on the row's inputs, then a Forward on float inputs and
+// outputs of the inferred shapes and types (no aux states), must end in the
+// row's report; an InferShape that returns false ends the run without it.
+inline void ExpectAborts(const FatalCase& fc) {
+  using orvik::ruvo::NDArray;
+  using orvik::ruvo::TShape;
   orvik::ruvo::LayerAttrs attrs;
   std::istringstream words(fc.attrs);
   for (std::string w; words >> w;) attrs[w.substr(0, w.find('='))] = w.substr(w.find('=') + 1);
-  std::vector<orvik::ruvo::TShape> in, out(1), aux;
+  std::vector<TShape> in, out(1), aux;
   std::istringstream shapes(fc.in);
-  for (orvik::ruvo::TShape s; shapes >> s; s = orvik::ruvo::TShape()) in.push_back(s);
-  EXPECT_DEATH(MakeLayer(fc.op, attrs)->InferShape(in, out, aux), Fatal(fc.check, fc.message));
+  for (TShape s; shapes >> s; s = TShape()) in.push_back(s);
+  auto run = [&] {
+    auto layer = MakeLayer(fc.op, attrs);
+    if (!layer->InferShape(in, out, aux)) return;  // no death: the test fails
+    std::vector<int> types(in.size(), orvik::ruvo::kFloat32), out_types, aux_types;
+    layer->InferType(types, out_types, aux_types);
+    types.insert(types.end(), out_types.begin(), out_types.end());
+    std::vector<NDArray> arrays;
+    for (size_t i = 0; i < in.size() + out.size(); ++i) {
+      arrays.emplace_back(i < in.size() ? in[i] : out[i - in.size()], types.at(i));
+    }
+    std::vector<NDArray*> bottoms, tops, auxes;
+    for (size_t i = 0; i < arrays.size(); ++i) {
+      (i < in.size() ? bottoms : tops).push_back(&arrays[i]);
+    }
+    orvik::ruvo::Resource resource;
+    layer->resource_ = &resource;
+    layer->Forward(bottoms, tops, auxes);
+  };
+  EXPECT_DEATH(run(), Fatal(fc.check, fc.message));
 }
 
 inline std::string CaseName(const testing::TestParamInfo<FatalCase>& info) {
