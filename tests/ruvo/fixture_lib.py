@@ -61,11 +61,13 @@ def save(name, graph, params, io, out_dir, version=10600):
 
 
 class Params(list):
-    """The named arrays of a net, each added with its graph variable."""
+    """The named arrays of a net, each added with its graph variable, on a
+    graph of its own (g) whose first node is the input "data" (data)."""
 
-    def __init__(self, graph):
+    def __init__(self):
         super().__init__()
-        self.g = graph
+        self.g = SymbolGraph()
+        self.data = self.g.variable("data")
 
     def add(self, kind, name, value):
         self.append(("%s:%s" % (kind, name), value))

@@ -9,7 +9,7 @@ import sys
 
 import numpy as np
 
-from fixture_lib import F32, IoFile, SymbolGraph, input_step, save, write_or_check, write_params
+from fixture_lib import F32, IoFile, Params, SymbolGraph, input_step, save, write_or_check, write_params
 
 
 io_of = IoFile.of
@@ -49,16 +49,14 @@ def heads(g, x, table):
 def mlp(rng, out):
     """data (8, 2, 3, 5) -> fc1 16 relu -> fc2 12 sigmoid -> fc3 10 tanh ->
     fc4 3 -> SoftmaxOutput.  Written in both graph styles."""
-    g = SymbolGraph()
-    h = g.variable("data")
-    params, weights = [], []
+    params, weights = Params(), []
+    g, h = params.g, params.data
     for i, (n_in, n_out, act, act_name) in enumerate(
             [(30, 16, "relu", "relu1"), (16, 12, "sigmoid", "act2"), (12, 10, "tanh", "act3"),
              (10, 3, None, None)], start=1):
         weights.append((rng.uniform(-0.6, 0.6, (n_out, n_in)).astype(F32),
                         rng.uniform(-0.3, 0.3, (n_out,)).astype(F32)))
-        params += [("arg:fc%d_weight" % i, weights[-1][0]), ("arg:fc%d_bias" % i, weights[-1][1])]
-        h = g.node("FullyConnected", "fc%d" % i, [h, g.variable("fc%d_weight" % i), g.variable("fc%d_bias" % i)],
+        h = g.node("FullyConnected", "fc%d" % i, [h] + params.weights("fc%d" % i, *weights[-1]),
                    param={"num_hidden": str(n_out)})
         if act is not None:
             h = g.node("Activation", act_name, [h], attr={"act_type": act})
@@ -175,19 +173,17 @@ def fc_quant(rng, out):
     bounds are the worst-case error of the 8-bit path: inputs are truncated
     to steps of range/254 and weights to steps of max|w|/127, each off by
     less than one step."""
-    g = SymbolGraph()
-    x = g.variable("data")
+    params = Params()
+    g, x = params.g, params.data
     w1 = rng.uniform(-0.8, 0.8, (10, 20)).astype(F32)
     b1 = rng.uniform(-0.5, 0.5, (10,)).astype(F32)
     w2 = rng.uniform(-1.5, 1.0, (6, 20)).astype(F32)
-    params = [("arg:fc_f_weight", w1), ("arg:fc_f_bias", b1), ("arg:fc_q_weight", w1), ("arg:fc_q_bias", b1),
-              ("arg:fc_f2_weight", w2), ("arg:fc_qt_weight", w2)]
-    layers = [("fc_f", {"num_hidden": "10"}), ("fc_q", {"num_hidden": "10", "online_quanti": "True"}),
-              ("fc_f2", {"num_hidden": "6", "no_bias": "True"}),
-              ("fc_qt", {"num_hidden": "6", "no_bias": "True", "online_quanti": "True", "transpose_weight": "False"})]
-    inputs = {n: [x, g.variable(n + "_weight")] + ([] if "no_bias" in p else [g.variable(n + "_bias")])
-              for n, p in layers}
-    g.heads = [g.node("FullyConnected", name, inputs[name], param=param) for name, param in layers]
+    nb = {"num_hidden": "6", "no_bias": "True"}
+    layers = [("fc_f", (w1, b1), {"num_hidden": "10"}),
+              ("fc_q", (w1, b1), {"num_hidden": "10", "online_quanti": "True"}),
+              ("fc_f2", (w2,), nb), ("fc_qt", (w2,), dict(nb, online_quanti="True", transpose_weight="False"))]
+    inputs = {n: [x] + params.weights(n, *wb) for n, wb, _ in layers}
+    g.heads = [g.node("FullyConnected", name, inputs[name], param=param) for name, _, param in layers]
 
     def bound(data, w):
         x2 = data.reshape(data.shape[0], -1).astype(np.float64)

@@ -9,7 +9,7 @@ import sys
 
 import numpy as np
 
-from fixture_lib import (F32, I8, IoFile, Params, SymbolGraph, conv8, conv_attrs, conv_sum,
+from fixture_lib import (F32, I8, IoFile, Params, conv8, conv_attrs, conv_sum,
                          input_step, output_stage, quanti_input, save, write_or_check, write_params)
 
 
@@ -30,9 +30,8 @@ CONVS = [
 def conv_net(rng, out_dir):
     """Every float convolution above, and its online 8-bit twin (name
     suffix _q), side by side on one (2, 7, 9, 6) input."""
-    g = SymbolGraph()
-    x = g.variable("data")
-    params, heads, weights = Params(g), [], {}
+    params, heads, weights = Params(), [], {}
+    g, x = params.g, params.data
     for name, k, s, p, d, nf, groups, bias, tw in CONVS:
         w = rng.uniform(-1.0, 1.0, (nf,) + k + (6 // groups,)).astype(F32)
         b = rng.uniform(-0.5, 0.5, (nf,)).astype(F32) if bias else None
@@ -83,9 +82,8 @@ def conv_net(rng, out_dir):
 def quant_net(rng, out_dir):
     """float (2, 7, 9, 6) -> QuantiInput (both scale modes) -> eight-bit
     convolutions in every form, the small layers on top."""
-    g = SymbolGraph()
-    x = g.variable("data")
-    params = Params(g)
+    params = Params()
+    g, x = params.g, params.data
     qin = params.quanti_input(x, "qin", 4, truncate="floor")
     nodes = {"qin": qin, "qin5": params.quanti_input(x, "qin5", 3, truncate="naive", fixed_output_shift=5)}
     refs = []  # (name, expected output from the tensors computed so far)

@@ -18,7 +18,7 @@ import sys
 
 import numpy as np
 
-from fixture_lib import (F32, I8, IoFile, Params, SymbolGraph, conv8, conv_attrs, dense8,
+from fixture_lib import (F32, I8, IoFile, Params, conv8, conv_attrs, dense8,
                          output_stage, quanti_input, save, write_or_check, wrap32)
 
 FRAMES, WIDTH, CHANNELS = 12, 5, 3
@@ -58,9 +58,8 @@ def temporal_stream(seq, w, dilate, updates):
 
 
 def stream_net(rng, out_dir):
-    g = SymbolGraph()
-    params = Params(g)
-    nodes = {"data": g.variable("data")}
+    params = Params()
+    g, nodes = params.g, {"data": params.data}
     nodes["qin"] = params.quanti_input(nodes["data"], "qin", 0, fixed_output_shift=IN_SHIFT)
     layers = []  # (name, source, kind, weight, stage arguments, dilate)
 
@@ -188,9 +187,8 @@ def upscale_ref(x):
 def alpha_net(rng, out_dir):
     """float (2, 5, 7, 8) -> QuantiInput -> AlphaPooling in its forms (and
     on the float data), AlphaUpscale on the image and on a 1 x 1 pool."""
-    g = SymbolGraph()
-    x = g.variable("data")
-    params = Params(g)
+    params = Params()
+    g, x = params.g, params.data
     qin = params.quanti_input(x, "qin", 0, fixed_output_shift=4)
     pools = [("p_max", qin, (3, 3), (2, 2), (1, 1), "max", False, False),
              ("p_avg_full", qin, (3, 3), (2, 2), (1, 1), "avg", True, False),
@@ -230,9 +228,8 @@ def alpha_plus_net(rng, out_dir):
     with a forced input shift, 8-bit biases aligned by left and by
     (count mod 32) right shifts, a forced edata shift, and the float output
     on the coarsest channel's grid."""
-    g = SymbolGraph()
-    x = g.variable("data")
-    params = Params(g)
+    params = Params()
+    g, x = params.g, params.data
     qin = params.quanti_input(x, "qin", 0, fixed_output_shift=4)
     refs, heads = [], []
 

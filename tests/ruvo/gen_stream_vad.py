@@ -20,7 +20,7 @@ import sys
 
 import numpy as np
 
-from fixture_lib import (F32, I8, I32, ROOT, IoFile, Params, SymbolGraph, dense8, output_stage, quanti_input,
+from fixture_lib import (F32, I8, I32, ROOT, IoFile, Params, dense8, output_stage, quanti_input,
                          read_params, save, write_or_check)
 from gen_stream_fixtures import temporal_acc
 
@@ -96,9 +96,9 @@ def run_int8(layers, feats):
 
 def write(out_dir):
     layers = quantised()
-    g = SymbolGraph()
-    params = Params(g)
-    src = params.quanti_input(g.variable("data"), "qin", SHIFTS["in"], fixed_output_shift=SHIFTS["in"])
+    params = Params()
+    g = params.g
+    src = params.quanti_input(params.data, "qin", SHIFTS["in"], fixed_output_shift=SHIFTS["in"])
     for name, w, ws, b, out_shift, act in layers:
         inputs = [src] + params.weights(name, w, b) + params.shift_tables(
             name, out_shift, ws, True, None if b is None else np.zeros(len(ws)),
