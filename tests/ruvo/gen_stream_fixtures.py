@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Writes the 8-bit nets of quant_layers_test.cpp into tests/data/net/
+"""Writes the 8-bit nets of layer_test.cpp into tests/data/net/
 (--check compares instead), with expected outputs in integer numpy: the
 streaming net of temporal convolutions and 8-bit dense layers, and the
 pooling, doubling and scale-override convolution nets.

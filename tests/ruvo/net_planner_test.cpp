@@ -201,7 +201,7 @@ std::unique_ptr<DefaultNet> Build(const net_test::Model& m, net_test::InputShape
 // The MLP (batch 8): fc1 16, relu, fc2 12, sigmoid, fc3 10, tanh, fc4 3,
 // softmax.  The activations run in place and the dense layers alternate
 // between two slabs, each as large as the largest blob it serves; the
-// outputs of this net are checked in the float layer suite.
+// outputs of this net are checked in the layer suite.
 TEST(NetMemoryTest, DenseChainUsesTwoSlabs) {
   net_test::Model m = net_test::LoadModel("mlp");
   auto net = Build(m, net_test::ShapesOf(m.cases.at(0)));
