@@ -271,6 +271,8 @@ const BadParams kBadParams[] = {
      Fatal("shape_size_fits",
            "NDArray.Load: element count of shape (65536,65536) exceeds 32 bits")},
     {"data_past_end", Bytes().header(1).raw(kRecord).zeros(8).str(), kPastEnd, "dst.Load(fi)"},
+    // 34 GB claimed: the check must come before the allocation.
+    {"data_huge", Bytes().header(1).u32(2).u32(65535).u32(65535).dev(kFloat64).str(), kPastEnd},
     {"huge_ndim", Bytes().header(1).u32(kModern).u32(0x7FFFFFFF).str(), kPastEnd},
     {"huge_count", Bytes().header(0xFFFFFFFFFFFFFFFFull).zeros(8).str(), kPastEnd},
     {"huge_name", Bytes().raw(kName).u64(0xFFFFFFFFFFFFFF00ull).raw("abc").str(), kPastEnd},
