@@ -112,119 +112,100 @@ const std::vector<float> kShortBurst = Runs({{kSil, 10}, {kVoice, 10}, {kSil, 30
 const std::vector<float> kTwoShort =
     Runs({{kSil, 10}, {kVoice, 10}, {kSil, 5}, {kVoice, 15}, {kSil, 20}});
 
-std::string TimelineName(const testing::TestParamInfo<TimelineCase>& info) {
-  return info.param.name;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Hangover, PostProcessTimelineTest,
-    testing::Values(
-        // Voice 13..32: the third voice frame (15) opens at 15 - 2 - 1; the
-        // fourth silent frame (36) closes, with the end at 35 = 32 + 3.
-        // Voice after the end changes nothing.
-        TimelineCase{"OpenCloseAndFreeze", {},
-                     Runs({{kSil, 10}, {kVoice, 20}, {kSil, 10}, {kVoice, 20}, {kSil, 10}}),
-                     {{0, -1, -1}, {15, 12, -1}, {36, 12, 35}}},
-        // Voice from frame 3 (the median's zeros) opens at 3 + 5; the start
-        // 8 - 5 - 10 = -7 is clamped to 0.
-        TimelineCase{"StartClampedAtZero", kStartClamped, Runs({{kVoice, 20}, {kSil, 20}}),
-                     {{0, -1, -1}, {8, 0, -1}, {25, 0, 24}}},
-        // A score equal to the threshold is not voice.
-        TimelineCase{"ThresholdScoreCloses", {}, Runs({{kSil, 10}, {kVoice, 20}, {0.5f, 15}}),
-                     {{0, -1, -1}, {15, 12, -1}, {36, 12, 35}}},
-        // No open hangover, no leading silence: the first voice frame opens
-        // at its own index.
-        TimelineCase{"NoHangoverOpensAtOnce",
-                     {{"sil_to_voice_hangover", "0"}, {"extra_leading_sil", "0"}}, kBurst,
-                     {{0, -1, -1}, {13, 13, -1}, {36, 13, 35}}}),
-    TimelineName);
-
-// The first-segment rule with a trigger of 20 frames.  A tail of 10 frames
-// after the last voice frame is stored as 10 - 3; the clock goes back from
-// 27 to the end (25) when the hold begins, so it lags 2 frames from then on.
-INSTANTIATE_TEST_SUITE_P(
-    FirstSegment, PostProcessTimelineTest,
-    testing::Values(
-        // L = 25 - 12 - 1 - 3 = 9: held.  The planned end 25 + 7 = 32 is
-        // reached by the lagging clock at frame 33.
-        TimelineCase{"HeldSegmentRunsOut", kFirstSeg, kShortBurst,
-                     {{0, -1, -1}, {15, 12, -1}, {33, 12, 32}}},
-        // Voice again at 28..42 opens at frame 30, within the tail: one
-        // segment from the held start.  It closes at frame 46, where the
-        // lagging clock says 44, so the end is 43.
-        TimelineCase{"HeldSegmentMerges", kFirstSeg, kTwoShort,
-                     {{0, -1, -1}, {15, 12, -1}, {46, 12, 43}}},
-        // The same with a force cutoff: the catch-up after the merge can
-        // only reach back as far as the score history.
-        TimelineCase{"HeldSegmentMergesUnderCutoff",
-                     With(kFirstSeg, {{"cutoff_n_frame_max_vad_length", "1000"},
-                                      {"cutoff_n_frame_min_vad_length", "1000"},
-                                      {"cutoff_n_frame_judging", "10"},
-                                      {"cutoff_threshold", "0.5"}}),
-                     kTwoShort, {{0, -1, -1}, {15, 12, -1}, {46, 12, 43}}},
-        // A tail below the closing hangover: planned end 25 - 1, already
-        // behind the clock, so the hold ends in the call that begins it.
-        TimelineCase{"HoldEndsInTheCallThatBeginsIt",
-                     With(kFirstSeg, {{"first_vad_seg_extra_tailing_sil", "2"}}),
-                     Runs({{kSil, 10}, {kVoice, 10}, {kSil, 20}}),
-                     {{0, -1, -1}, {15, 12, -1}, {26, 12, 24}}},
-        // The clamped start: L = 24 - 0 - 10 - 2 + 7 = 19 counts from the
-        // true first voice frame.  A trigger of 19 holds it (planned end
-        // 24 + 28, reached at frame 53), a trigger of 18 reports it at once.
-        TimelineCase{"OverflowCountsInLength_Held",
-                     With(kStartClamped, {{"first_vad_seg_trigger_threshold", "19"},
-                                          {"first_vad_seg_extra_tailing_sil", "30"}}),
-                     Runs({{kVoice, 20}, {kSil, 40}}), {{0, -1, -1}, {8, 0, -1}, {53, 0, 52}}},
-        TimelineCase{"OverflowCountsInLength_Reported",
-                     With(kStartClamped, {{"first_vad_seg_trigger_threshold", "18"},
-                                          {"first_vad_seg_extra_tailing_sil", "30"}}),
-                     Runs({{kVoice, 20}, {kSil, 40}}), {{0, -1, -1}, {8, 0, -1}, {25, 0, 24}}}),
-    TimelineName);
-
-INSTANTIATE_TEST_SUITE_P(
-    ForceCutoff, PostProcessTimelineTest,
-    testing::Values(
-        // The open at frame 15 feeds frames 12..14 first, so the length
-        // counts from the start: 59 = 60 - 1 at frame 70, end 69, seen one
-        // frame later.
-        TimelineCase{"ByLength", kCutAt60, Runs({{kSil, 10}, {kVoice, 80}}),
-                     {{0, -1, -1}, {15, 12, -1}, {71, 12, 69}}},
-        // Opens at 13.  Steady 0.95: recent = 5 x 0.95 / 4 = 1.19 against
-        // 1.2 x 0.95 = 1.14.  The first 0.6 (frame 33, length 21): recent
-        // (0.95 x 4 + 0.6) / 4 = 1.1 against 1.2 x 19.6 / 21 = 1.12: cut,
-        // end 32, seen at frame 34.
-        TimelineCase{"ByRatio",
-                     {{"sil_to_voice_hangover", "0"},
-                      {"extra_leading_sil", "0"},
-                      {"cutoff_n_frame_max_vad_length", "1000"},
-                      {"cutoff_n_frame_min_vad_length", "8"},
-                      {"cutoff_n_frame_judging", "4"},
-                      {"cutoff_threshold", "1.2"}},
-                     Runs({{kSil, 10}, {0.95f, 20}, {0.6f, 20}}),
-                     {{0, -1, -1}, {13, 13, -1}, {34, 13, 32}}},
-        // Two frames per call.  Voice from frame 14 opens at frame 16, the
-        // first of its pair, start 13.  The catch-up would need frames 13..15
-        // but the history holds 14..17, so frame 13 is not counted and the
-        // length is 59 at frame 72, first of its pair.  The end takes the
-        // pair's last frame: 74 - 1 + 1 - 2 = 72, seen one call later.
-        TimelineCase{"ByLengthInPairs", With(kCutAt60, {{"n_batch", "2"}}),
-                     Runs({{kSil, 11}, {kVoice, 89}}), {{0, -1, -1}, {8, 13, -1}, {37, 13, 72}},
-                     0.0f, 2},
-        // Below 51 there is no cutoff at all (and its keys aren't needed).
-        TimelineCase{"NoneBelow51", {{"cutoff_n_frame_max_vad_length", "50"}},
-                     Runs({{kSil, 10}, {kVoice, 200}}), {{0, -1, -1}, {15, 12, -1}}}),
-    TimelineName);
-
-// Mode 1 with default keys: bounds at the floors 40 and 60.  At energy 42
-// 0.1^0.4 x 0.9 = 0.36 passes the low floor but is too quiet to open.  (The
-// weights themselves are the energy stage's own suite.)
-INSTANTIATE_TEST_SUITE_P(Energy, PostProcessTimelineTest,
-                         testing::Values(TimelineCase{"Mode1JustAboveLowFloor",
-                                                      {{"E_post_process_type", "1"}},
-                                                      kBurst,
-                                                      {{0, -1, -1}},
-                                                      42.0f}),
-                         TimelineName);
+const TimelineCase kTimelines[] = {
+    // Hangover.  Voice 13..32: the third voice frame (15) opens at
+    // 15 - 2 - 1; the fourth silent frame (36) closes, with the end at
+    // 35 = 32 + 3.  Voice after the end changes nothing.
+    TimelineCase{"OpenCloseAndFreeze", {},
+                 Runs({{kSil, 10}, {kVoice, 20}, {kSil, 10}, {kVoice, 20}, {kSil, 10}}),
+                 {{0, -1, -1}, {15, 12, -1}, {36, 12, 35}}},
+    // Voice from frame 3 (the median's zeros) opens at 3 + 5; the start
+    // 8 - 5 - 10 = -7 is clamped to 0.
+    TimelineCase{"StartClampedAtZero", kStartClamped, Runs({{kVoice, 20}, {kSil, 20}}),
+                 {{0, -1, -1}, {8, 0, -1}, {25, 0, 24}}},
+    // A score equal to the threshold is not voice.
+    TimelineCase{"ThresholdScoreCloses", {}, Runs({{kSil, 10}, {kVoice, 20}, {0.5f, 15}}),
+                 {{0, -1, -1}, {15, 12, -1}, {36, 12, 35}}},
+    // No open hangover, no leading silence: the first voice frame opens
+    // at its own index.
+    TimelineCase{"NoHangoverOpensAtOnce",
+                 {{"sil_to_voice_hangover", "0"}, {"extra_leading_sil", "0"}}, kBurst,
+                 {{0, -1, -1}, {13, 13, -1}, {36, 13, 35}}},
+    // The first-segment rule with a trigger of 20 frames.  A tail of 10
+    // frames after the last voice frame is stored as 10 - 3; the clock goes
+    // back from 27 to the end (25) when the hold begins, so it lags 2 frames
+    // from then on.
+    // L = 25 - 12 - 1 - 3 = 9: held.  The planned end 25 + 7 = 32 is
+    // reached by the lagging clock at frame 33.
+    TimelineCase{"HeldSegmentRunsOut", kFirstSeg, kShortBurst,
+                 {{0, -1, -1}, {15, 12, -1}, {33, 12, 32}}},
+    // Voice again at 28..42 opens at frame 30, within the tail: one
+    // segment from the held start.  It closes at frame 46, where the
+    // lagging clock says 44, so the end is 43.
+    TimelineCase{"HeldSegmentMerges", kFirstSeg, kTwoShort,
+                 {{0, -1, -1}, {15, 12, -1}, {46, 12, 43}}},
+    // The same with a force cutoff: the catch-up after the merge can
+    // only reach back as far as the score history.
+    TimelineCase{"HeldSegmentMergesUnderCutoff",
+                 With(kFirstSeg, {{"cutoff_n_frame_max_vad_length", "1000"},
+                                  {"cutoff_n_frame_min_vad_length", "1000"},
+                                  {"cutoff_n_frame_judging", "10"},
+                                  {"cutoff_threshold", "0.5"}}),
+                 kTwoShort, {{0, -1, -1}, {15, 12, -1}, {46, 12, 43}}},
+    // A tail below the closing hangover: planned end 25 - 1, already
+    // behind the clock, so the hold ends in the call that begins it.
+    TimelineCase{"HoldEndsInTheCallThatBeginsIt",
+                 With(kFirstSeg, {{"first_vad_seg_extra_tailing_sil", "2"}}),
+                 Runs({{kSil, 10}, {kVoice, 10}, {kSil, 20}}),
+                 {{0, -1, -1}, {15, 12, -1}, {26, 12, 24}}},
+    // The clamped start: L = 24 - 0 - 10 - 2 + 7 = 19 counts from the
+    // true first voice frame.  A trigger of 19 holds it (planned end
+    // 24 + 28, reached at frame 53), a trigger of 18 reports it at once.
+    TimelineCase{"OverflowCountsInLength_Held",
+                 With(kStartClamped, {{"first_vad_seg_trigger_threshold", "19"},
+                                      {"first_vad_seg_extra_tailing_sil", "30"}}),
+                 Runs({{kVoice, 20}, {kSil, 40}}), {{0, -1, -1}, {8, 0, -1}, {53, 0, 52}}},
+    TimelineCase{"OverflowCountsInLength_Reported",
+                 With(kStartClamped, {{"first_vad_seg_trigger_threshold", "18"},
+                                      {"first_vad_seg_extra_tailing_sil", "30"}}),
+                 Runs({{kVoice, 20}, {kSil, 40}}), {{0, -1, -1}, {8, 0, -1}, {25, 0, 24}}},
+    // Force cutoff.  The open at frame 15 feeds frames 12..14 first, so the
+    // length counts from the start: 59 = 60 - 1 at frame 70, end 69, seen
+    // one frame later.
+    TimelineCase{"ByLength", kCutAt60, Runs({{kSil, 10}, {kVoice, 80}}),
+                 {{0, -1, -1}, {15, 12, -1}, {71, 12, 69}}},
+    // Opens at 13.  Steady 0.95: recent = 5 x 0.95 / 4 = 1.19 against
+    // 1.2 x 0.95 = 1.14.  The first 0.6 (frame 33, length 21): recent
+    // (0.95 x 4 + 0.6) / 4 = 1.1 against 1.2 x 19.6 / 21 = 1.12: cut,
+    // end 32, seen at frame 34.
+    TimelineCase{"ByRatio",
+                 {{"sil_to_voice_hangover", "0"},
+                  {"extra_leading_sil", "0"},
+                  {"cutoff_n_frame_max_vad_length", "1000"},
+                  {"cutoff_n_frame_min_vad_length", "8"},
+                  {"cutoff_n_frame_judging", "4"},
+                  {"cutoff_threshold", "1.2"}},
+                 Runs({{kSil, 10}, {0.95f, 20}, {0.6f, 20}}),
+                 {{0, -1, -1}, {13, 13, -1}, {34, 13, 32}}},
+    // Two frames per call.  Voice from frame 14 opens at frame 16, the
+    // first of its pair, start 13.  The catch-up would need frames 13..15
+    // but the history holds 14..17, so frame 13 is not counted and the
+    // length is 59 at frame 72, first of its pair.  The end takes the
+    // pair's last frame: 74 - 1 + 1 - 2 = 72, seen one call later.
+    TimelineCase{"ByLengthInPairs", With(kCutAt60, {{"n_batch", "2"}}),
+                 Runs({{kSil, 11}, {kVoice, 89}}), {{0, -1, -1}, {8, 13, -1}, {37, 13, 72}},
+                 0.0f, 2},
+    // Below 51 there is no cutoff at all (and its keys aren't needed).
+    TimelineCase{"NoneBelow51", {{"cutoff_n_frame_max_vad_length", "50"}},
+                 Runs({{kSil, 10}, {kVoice, 200}}), {{0, -1, -1}, {15, 12, -1}}},
+    // Energy mode 1 with default keys: bounds at the floors 40 and 60.  At
+    // energy 42 0.1^0.4 x 0.9 = 0.36 passes the low floor but is too quiet to
+    // open.  (The weights themselves are the energy stage's own suite.)
+    TimelineCase{"EnergyMode1JustAboveLowFloor", {{"E_post_process_type", "1"}}, kBurst,
+             {{0, -1, -1}}, 42.0f},
+};
+INSTANTIATE_TEST_SUITE_P(Cases, PostProcessTimelineTest, testing::ValuesIn(kTimelines),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // Steps of feeding, each after a reset (-1: none, 0: reset(false), 1:
 // reset(true)); positions restart from 0 after every reset.
