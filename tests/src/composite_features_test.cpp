@@ -4,10 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
 
+#include "src/tovad_fast_math.h"
 #include "src/tovad_feature_extractor.h"
 #include "toolkit_harness.h"
 
@@ -66,6 +68,26 @@ TEST_F(CompositeFeaturesTest, FramesMatchTheFloat64Model) {
     for (int i = 0; i < 48; ++i) EXPECT_LE(worst[i] / scale[i], i < 16 ? 1e-4 : 1e-3) << i;
   }
   EXPECT_EQ(n_cases, 9);
+}
+
+// The model shares the log2 and square-root approximations, so they must
+// stay exactly these, not the exact functions.  The comparison above sees a
+// change to the log2 one only beyond its tolerance, and none to the square
+// root's two Newton steps, whose errors are too small to show in the
+// features: both are pinned here.
+TEST(SharedApproximationTest, ValuesAndErrorBounds) {
+  using Tovad_toolkit::fast_log2;
+  for (int e = -20; e <= 40; ++e) EXPECT_EQ(fast_log2(std::ldexp(1.0f, e)), e) << "x = 2^" << e;
+  // 3 = 4 x 0.75: 2 + 0.75 x (0.75 x -4/3 + 4) - 2/3 - 2 = 1.5833...
+  EXPECT_NEAR(fast_log2(3.0f), 1.5833334f, 1e-6f);
+  double worst = 0;
+  for (float x = 1e-8f; x < 1e12f; x *= 1.0137f) {
+    const double exact = std::sqrt(static_cast<double>(x));
+    worst = std::max(worst, std::fabs(Tovad_toolkit::fast_sqrt(x) - exact) / exact);
+  }
+  // A few millionths.
+  EXPECT_LT(worst, 1e-5);
+  EXPECT_GT(worst, 1e-7);
 }
 
 TEST(CompositeFeaturesDeathTest, MeanvarOfAnotherSizeAbortsAtTheFirstFrame) {
