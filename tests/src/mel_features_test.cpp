@@ -7,25 +7,18 @@
 #include <cmath>
 #include <complex>
 #include <memory>
-#include <random>
 #include <vector>
 
 #include "src/fbank_feature_exactor.h"
 #include "src/pcen_feature_extractor.h"
+#include "tests/synth/voiced_audio.h"
 
 namespace Tovad_toolkit {
 namespace {
 
-const float kEps = 1.1920929e-07f;
+using tovad_synth::GaussianNoise;
 
-std::vector<int16_t> RandomPcm(size_t n, uint32_t seed, float sigma) {
-  std::mt19937 gen(seed);
-  std::normal_distribution<float> dist(0.0f, sigma);
-  std::vector<int16_t> pcm(n);
-  for (int16_t& s : pcm)
-    s = static_cast<int16_t>(std::max(-32768.0f, std::min(32767.0f, dist(gen))));
-  return pcm;
-}
+const float kEps = 1.1920929e-07f;
 
 // Means 0 and variance terms 1, so PCEN's output is the raw feature.
 std::vector<float> IdentityMeanvar(int32_t dim) {
@@ -93,7 +86,7 @@ TEST(MelFeaturesDeathTest, DimensionIsCheckedBeforeDeltaOrder) {
 // Hamming-windowed: checked against a double DFT.  PCEN shares the tables;
 // its window is the exact one rounded to float.
 TEST(MelBankTest, LogMelOfTheTrianglesOverADoubleDft) {
-  const std::vector<int16_t> pcm = RandomPcm(160 * 8, 5, 3000.0f);
+  const std::vector<int16_t> pcm = GaussianNoise(160 * 8, 5, 3000.0f);
   for (int32_t banks : {40, 80}) {
     const std::vector<float> mv = IdentityMeanvar(3 * banks);
     auto pcen = std::make_unique<PcenProbe>(banks, mv.data());
@@ -171,7 +164,7 @@ TEST(PcenTest, WarmupRewritesTheCallersBufferThenWritesFeatures) {
   auto pcen = std::make_unique<PcenProbe>(40, mv.data());
   const std::vector<float> plain_mv = IdentityMeanvar(120);
   auto plain = std::make_unique<PcenProbe>(40, plain_mv.data());
-  const std::vector<int16_t> pcm = RandomPcm(160 * 10, 7, 3000.0f);
+  const std::vector<int16_t> pcm = GaussianNoise(160 * 10, 7, 3000.0f);
   for (int call = 1; call <= 10; ++call) {
     std::vector<float> feats(120, 5.0f);
     std::vector<float> raw(120, 5.0f);
@@ -195,8 +188,8 @@ TEST(PcenTest, WarmupRewritesTheCallersBufferThenWritesFeatures) {
 TEST(PcenTest, SmootherRestartsAtTheEighthQuietFrame) {
   const std::vector<float> mv = IdentityMeanvar(120);
   auto pcen = std::make_unique<PcenProbe>(40, mv.data());
-  const std::vector<int16_t> loud = RandomPcm(160 * 20, 41, 15000.0f);
-  const std::vector<int16_t> quiet = RandomPcm(160 * 20, 43, 20.0f);
+  const std::vector<int16_t> loud = GaussianNoise(160 * 20, 41, 15000.0f);
+  const std::vector<int16_t> quiet = GaussianNoise(160 * 20, 43, 20.0f);
   std::vector<float> feats(120);
   auto feed = [&](const std::vector<int16_t>& pcm, int n) {
     for (int f = 0; f < n; ++f) pcen->getFeats(pcm.data() + 160 * f, feats.data());
@@ -231,8 +224,8 @@ TEST(PcenTest, SmootherRestartsAtTheEighthQuietFrame) {
 // the stream, unscaled.
 TEST(MelFeaturesTest, ResetGivesAFreshObjectAndTheEnergyOfTheLastTenMilliseconds) {
   const std::vector<float> mv = IdentityMeanvar(120);
-  const std::vector<int16_t> history = RandomPcm(160 * 30, 61, 8000.0f);
-  std::vector<int16_t> pcm = RandomPcm(160 * 15, 67, 3000.0f);
+  const std::vector<int16_t> history = GaussianNoise(160 * 30, 61, 8000.0f);
+  std::vector<int16_t> pcm = GaussianNoise(160 * 15, 67, 3000.0f);
   std::fill(pcm.begin(), pcm.begin() + 480, 0);
   std::fill(pcm.begin() + 240, pcm.begin() + 320, 1000);
   std::fill(pcm.begin() + 400, pcm.begin() + 480, 30000);  // behind the window

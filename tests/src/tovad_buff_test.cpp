@@ -5,20 +5,14 @@
 #include <cmath>
 #include <complex>
 #include <cstring>
-#include <random>
 #include <vector>
+
+#include "tests/synth/voiced_audio.h"
 
 namespace Tovad_toolkit {
 namespace {
 
-std::vector<int16_t> RandomPcm(size_t n, uint32_t seed, float sigma = 4000.0f) {
-  std::mt19937 gen(seed);
-  std::normal_distribution<float> dist(0.0f, sigma);
-  std::vector<int16_t> pcm(n);
-  for (int16_t& s : pcm)
-    s = static_cast<int16_t>(std::max(-32768.0f, std::min(32767.0f, dist(gen))));
-  return pcm;
-}
+using tovad_synth::GaussianNoise;
 
 // The spectrum the buffer should hold after the frames up to `end` (a
 // multiple of 160) of `pcm` went in: the last 480 samples, with silence
@@ -53,7 +47,7 @@ std::vector<std::complex<double>> ReferenceSpectrum(const std::vector<int16_t>& 
 TEST(TovadBuffTest, SpectrumAndEnergyFollowTheStreamAcrossWrapsAndResets) {
   Tovad_buff buff, with_reset;
   EXPECT_EQ(buff.get_energy_of_current_frame(), 0.0f) << "silence before the first frame";
-  std::vector<int16_t> pcm = RandomPcm(160 * 30, 11);
+  std::vector<int16_t> pcm = GaussianNoise(160 * 30, 11, 4000.0f);
   const int16_t levels[] = {0, 12, 13, -32768};  // constant frames 5 .. 8
   for (int k = 0; k < 4; ++k) std::fill_n(pcm.begin() + 160 * (5 + k), 160, levels[k]);
   for (size_t f = 0; f < 30; ++f) {  // wraps at the 10th, 20th and 30th frame

@@ -6,10 +6,13 @@
 // everywhere, and in voiced stretches a tone with four harmonics, a
 // wandering pitch and a syllable-rate envelope.  Stretch lengths (0.5 to
 // 3 s of voice, 0.3 to 4 s of pause) come from the seed, so a seed always
-// gives the same samples.
+// gives the same samples.  Also plain Gaussian noise.
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <random>
+#include <vector>
 
 namespace tovad_synth {
 
@@ -63,6 +66,16 @@ class VoicedAudio {
   double pitch_ = 150.0;
   double phase_ = 0.0;
 };
+
+// `n` samples of Gaussian noise of deviation `sigma`, clipped to 16 bits.
+inline std::vector<int16_t> GaussianNoise(size_t n, uint32_t seed, float sigma) {
+  std::mt19937 gen(seed);
+  std::normal_distribution<float> dist(0.0f, sigma);
+  std::vector<int16_t> pcm(n);
+  for (int16_t& s : pcm)
+    s = static_cast<int16_t>(std::max(-32768.0f, std::min(32767.0f, dist(gen))));
+  return pcm;
+}
 
 }  // namespace tovad_synth
 
