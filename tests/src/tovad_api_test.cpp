@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -22,14 +23,6 @@ class ToolkitTest : public testing::Test {
 };
 std::vector<short>* ToolkitTest::audio_ = nullptr;
 
-// The index of the first frame whose outputs carry an end.
-int FirstEnd(const std::vector<Segment>& frames) {
-  for (size_t i = 0; i < frames.size(); ++i) {
-    if (frames[i].end >= 0) return static_cast<int>(i);
-  }
-  return -1;
-}
-
 TEST_F(ToolkitTest, FirstBurstIsTheSegmentWhateverTheBlockSize) {
   ModelFolder folder("run");
   Handle h = Open(folder.dir);
@@ -44,7 +37,10 @@ TEST_F(ToolkitTest, FirstBurstIsTheSegmentWhateverTheBlockSize) {
   EXPECT_LE(last.start, 106);
   EXPECT_GE(last.end, 185);
   EXPECT_LE(last.end, 225);
-  const int decided = FirstEnd(frames);
+  // The first frame whose outputs carry the end.
+  const int decided = static_cast<int>(
+      std::find_if(frames.begin(), frames.end(), [](Segment s) { return s.end >= 0; }) -
+      frames.begin());
   EXPECT_EQ(decided, last.end + 1);
   // Once ended, the pair is frozen through the second burst.
   for (int f = decided; f < kBurstFrames; ++f) ASSERT_EQ(frames[f], last) << "frame " << f;

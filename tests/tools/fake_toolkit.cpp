@@ -24,7 +24,6 @@ struct Handle {
   int n_sil = 0;
   int vad_start = -1;
   int vad_end = -1;
-  int cut_at = -1;  // frames of an open segment at which it is cut
   bool cut_pending = false;
 };
 
