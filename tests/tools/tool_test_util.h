@@ -36,7 +36,7 @@ void ExpectSpansNear(const Spans& got, const Spans& want, double tolerance);
 std::vector<int16_t> ToneBursts(double seconds, const Spans& spans, double amplitude = 8000.0);
 
 // Writes interleaved 16-bit samples; `sf_format` is a libsndfile major
-// format (SF_FORMAT_WAV, SF_FORMAT_FLAC, SF_FORMAT_OGG).  Returns success.
+// format (SF_FORMAT_WAV, SF_FORMAT_OGG).  Returns success.
 bool WriteAudio(const std::string& path, int sf_format, int rate, int channels,
                 const std::vector<int16_t>& interleaved);
 
