@@ -275,8 +275,8 @@ void BM_PlanSlabBytes(benchmark::State& state) {
 BENCHMARK(BM_PlanSlabBytes)->Unit(benchmark::kMicrosecond)->Iterations(20);
 
 
-// The streaming 8-bit VAD net (tests/ruvo/gen_stream_vad.py): one frame of
-// 3 x 40 features a call, the temporal layers keeping the history.
+// The bundled streaming 8-bit model (models/default): one frame of 3 x 40
+// features a call, the temporal layers keeping the history.
 std::string ReadFile(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
   std::ostringstream ss;
@@ -326,12 +326,12 @@ double MedianFrameMicros(PredictorHandle h, const std::vector<float>& x, uint32_
 // and the bytes the 8-bit net keeps: weights and tables as loaded, copies
 // its layers make, and the slabs of the memory plan.
 void BM_StreamInt8Frame(benchmark::State& state) {
-  const std::string dir = TOVAD_TEST_DATA_DIR "/net/";
-  const std::string json = ReadFile(dir + "stream_vad-symbol.json");
-  const std::string params = ReadFile(dir + "stream_vad.params");
+  const std::string dir = TOVAD_MODEL_DIR "/";
+  const std::string json = ReadFile(dir + "tovad.json");
+  const std::string params = ReadFile(dir + "tovad.params");
   PredictorHandle h = CreateStream(json, params);
   if (h == nullptr) {
-    state.SkipWithError("no streaming net: run tests/ruvo/gen_stream_vad.py");
+    state.SkipWithError("no streaming model in " TOVAD_MODEL_DIR);
     return;
   }
   const std::vector<float> x = Frame();  // its first frame is enough

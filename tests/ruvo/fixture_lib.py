@@ -14,7 +14,7 @@ ROOT = os.path.dirname(os.path.dirname(HERE))
 NET_DIR = os.path.join(ROOT, "tests", "data", "net")
 sys.path.insert(0, os.path.join(ROOT, "tools"))
 
-from model_writer import SymbolGraph, read_params, write_params  # noqa: E402,F401
+from model_writer import SymbolGraph, write_params  # noqa: E402,F401
 
 F32, I8, I32 = np.float32, np.int8, np.int32
 
