@@ -934,6 +934,30 @@ void PackedStrip(int K, const int8_t* a, const int8_t* bp, uint32_t* sums) {
   }
   for (int v = 0; v < 4; ++v) vst1q_u32(sums + 4 * v, vreinterpretq_u32_s32(acc[v]));
 }
+#elif defined(__aarch64__) && defined(__ARM_NEON)
+// One strip without the dot product.  Each 16 bytes of a quad row are four
+// columns' quads: a widening multiply against A's quad (twice over) gives
+// two columns' products as 16 bits (-128 * -128 fits), and a pairwise
+// widening add folds each neighbouring pair into a 32-bit lane, two lanes a
+// column, added at the end.
+void PackedStrip(int K, const int8_t* a, const int8_t* bp, uint32_t* sums) {
+  int32x4_t acc[8];
+  for (int32x4_t& v : acc) v = vdupq_n_s32(0);
+  const int quads = (K + 3) / 4;
+  for (int q = 0; q < quads; ++q) {
+    const int8x16_t av = vreinterpretq_s8_u32(vdupq_n_u32(AQuad(a, K, q)));
+    const int8x8_t alo = vget_low_s8(av);
+#pragma GCC unroll 4
+    for (int v = 0; v < 4; ++v) {
+      const int8x16_t b = vld1q_s8(bp + q * 64 + v * 16);
+      acc[2 * v] = vpadalq_s16(acc[2 * v], vmull_s8(vget_low_s8(b), alo));
+      acc[2 * v + 1] = vpadalq_s16(acc[2 * v + 1], vmull_high_s8(b, av));
+    }
+  }
+  for (int v = 0; v < 4; ++v) {
+    vst1q_u32(sums + 4 * v, vreinterpretq_u32_s32(vpaddq_s32(acc[2 * v], acc[2 * v + 1])));
+  }
+}
 #else
 // One strip: lane 4c + t holds the products of column c at depth t of each
 // quad, summed per column at the end.  A product fits 16 bits.
